@@ -1,0 +1,92 @@
+/*
+ * Message module: queued messages and timed messages, all handled on one
+ * dispatch thread, one at a time, in posting (or firing) order.
+ */
+#ifndef UNI_MSG_QUEUE_H
+#define UNI_MSG_QUEUE_H
+
+#include "../cloud_defs/kelo_cloud_types.h"
+#include "uni_time_queue.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef void    *P_MSG_DATA;
+typedef UINT_T   MSG_DATA_LEN;
+typedef void    *MSG_QUE_HANDLE;
+
+#define NO_MSG_ID ((MSG_ID)0xFFFF) /* no message id allocated */
+
+typedef struct {
+    MSG_ID       msgID;
+    P_MSG_DATA   pMsgData;   /* the module's copy of the posted data, from Malloc */
+    MSG_DATA_LEN msgDataLen;
+} MESSAGE;
+
+typedef void (*MSG_CALLBACK)(MESSAGE *msg);
+
+typedef struct tm_msg_s TM_MSG_S;
+typedef void (*TM_MSG_CB)(TM_MSG_S *tm_msg);
+
+/* A timed message; created, owned and destroyed by the message module. */
+struct tm_msg_s {
+    TIMER_ID       timer;
+    MSG_QUE_HANDLE msgQueHandle;
+    TM_MSG_CB      cb;
+    MSG_ID         msgID;
+    void          *data; /* given at creation */
+};
+
+/* Binding tables of a user of the module: which id or timed message goes to which handler. */
+typedef struct {
+    MSG_ID      *mid;
+    MSG_CALLBACK msg_cb;
+} MSG_ENTRY_S;
+
+typedef struct {
+    TM_MSG_S **tm_msg;
+    TM_MSG_CB  tmm_msg_cb;
+} TM_MSG_ENTRY_S;
+
+/* Start the module and its dispatch thread. RC_OK on success. */
+OPERATE_RET cmmod_init(void);
+
+/* Store a free message id in *mid. RC_OK, or a negative code when none is left. */
+OPERATE_RET cmmod_get_free_msgid(MSG_ID *mid);
+
+/*
+ * Bind cb to mid. cb MUST then be called on the dispatch thread for every
+ * message posted to mid, one at a time, in posting order.
+ */
+OPERATE_RET cmmod_reg_msgcb(MSG_ID mid, MSG_CALLBACK cb);
+
+/* Undo cmmod_reg_msgcb and free the id. Accepts an id that was never registered. */
+void cmmod_unreg_msgcb(MSG_ID mid);
+
+/*
+ * Copy len bytes of data into a block from Malloc and queue a MESSAGE whose
+ * pMsgData is that copy. The handler owns the copy and releases it with Free.
+ * Returns RC_OK, RC_NO_MEMORY, or a negative code for an unknown id; on
+ * failure nothing is queued and data stays the caller's.
+ */
+OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LEN len);
+
+/* Create a timed message (not started) calling cb; store it in *tm_msg. */
+OPERATE_RET cmmod_cr_tm_msg_hand(TM_MSG_CB cb, void *data, TM_MSG_S **tm_msg);
+
+/*
+ * (Re)arm tm_msg: after period_ms its callback runs on the dispatch thread,
+ * once (TIMER_ONCE) or every period (TIMER_CYCLE). Starting an armed timed
+ * message re-arms it from now.
+ */
+OPERATE_RET cmmod_start_tm_msg(TM_MSG_S *tm_msg, TIME_MS period_ms, TIMER_TYPE timer_type);
+
+/* Stop and destroy tm_msg. MUST accept NULL. */
+void cmmod_release_tm_msg(TM_MSG_S *tm_msg);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* UNI_MSG_QUEUE_H */

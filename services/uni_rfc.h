@@ -1,0 +1,40 @@
+/*
+ * Reference-counted data blocks: one payload shared by several holders
+ * (the report path, the LAN channel, the MQTT client); each holder
+ * releases its own reference and the last release frees the payload.
+ */
+#ifndef UNI_RFC_H
+#define UNI_RFC_H
+
+#include "../cloud_defs/kelo_cloud_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct {
+    MUTEX_HANDLE mutex;    /* guards rfc */
+    BOOL_T       malk;     /* data and block are one allocation */
+    UINT_T       rfc;      /* current reference count */
+    UINT_T       data_len;
+    void        *data;
+} RFC_DATA_S;
+
+/*
+ * Wrap data (ownership passes to the block; released with Free on the last
+ * put) with rfc initial references. NULL on failure, and then data is still
+ * the caller's. Any thread.
+ */
+RFC_DATA_S *cr_rfc_data(void *data, UINT_T data_len, BOOL_T malk, UINT_T rfc);
+
+/* Add a reference. Any thread. */
+void get_rfc_data(RFC_DATA_S *rfc_data);
+
+/* Drop a reference; the last one frees the block and its data. Any thread. */
+void put_rfc_data(RFC_DATA_S *rfc_data);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* UNI_RFC_H */

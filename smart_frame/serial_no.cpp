@@ -1,0 +1,20 @@
+/*
+ * Serial numbers of outgoing report messages: unique and increasing per
+ * run, starting at 0, wrapping at 2^32 without special case.
+ */
+#include "frame_cntl.h"
+#include "sf_raii.h"
+
+using sf::sf_cntl;
+
+extern "C" UINT_T sf_get_serial_no(void)
+{
+    sf::ScopedLock lock(sf_cntl.mutex);
+    return sf_cntl.serial_no++;
+}
+
+extern "C" void sf_inc_serial_no(void)
+{
+    sf::ScopedLock lock(sf_cntl.mutex);
+    ++sf_cntl.serial_no;
+}
