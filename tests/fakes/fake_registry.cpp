@@ -238,6 +238,9 @@ DEV_CNTL_N_S *set_gateway(const std::string &gw_id, const std::vector<DpSpec> &d
     s.gw.dev_mutex = mutex::make("dev_mutex");
     detail::set_dev_mutex(s.gw.dev_mutex);
     s.has_gw = true;
+    for (DEV_CNTL_N_S *node : s.nodes) {
+        detail::keep_reachable(node); /* a gateway set again replaces the whole list */
+    }
     s.nodes.clear();
     s.gw_node = nullptr;
     if (own_node) {

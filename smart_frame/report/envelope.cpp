@@ -1,0 +1,53 @@
+/*
+ * The report document: {"dps":<data>} for the gateway's own DPs, with
+ * ,"cid":"<id>" for a sub-device and ,"t":<time> when a time is given,
+ * always in that key order. <data> and <time> are inserted as they stand.
+ */
+#include <strings.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "../../services/uni_memory.h"
+#include "../sf_log.h"
+#include "report.h"
+
+namespace {
+/* room for the fixed text, a 25-character device id and the terminator */
+constexpr size_t ENVELOPE_SLACK = 128;
+} // namespace
+
+extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data,
+                                                    const CHAR_T *time, CHAR_T **pp_out)
+{
+    if (dev_cntl == nullptr || data == nullptr || pp_out == nullptr) {
+        SF_LOG_ERR("Invalid Param");
+        return RC_BAD_PARAM;
+    }
+    const size_t size = std::strlen(data) + (time != nullptr ? std::strlen(time) : 0) + ENVELOPE_SLACK;
+    CHAR_T *buf = static_cast<CHAR_T *>(Malloc(size));
+    if (buf == nullptr) {
+        SF_LOG_ERR("Malloc Fails %d", static_cast<INT_T>(size));
+        return RC_NO_MEMORY;
+    }
+    std::memset(buf, 0, size);
+
+    /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
+    const bool is_gateway = strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) == 0;
+    int len = is_gateway ? std::snprintf(buf, size, "{\"dps\":%s", data)
+                         : std::snprintf(buf, size, "{\"dps\":%s,\"cid\":\"%s\"", data, dev_cntl->dev_if.id);
+    if (len >= 1 && time != nullptr) {
+        const int added = std::snprintf(buf + len, size - static_cast<size_t>(len), ",\"t\":%s", time);
+        len = added < 1 ? added : len + added;
+    }
+    if (len < 1) {
+        Free(buf);
+        SF_LOG_ERR("sprintf %d", len);
+        return RC_FAIL;
+    }
+    buf[len] = '}';
+
+    SF_LOG_DETAIL("added buf:%s", buf);
+    *pp_out = buf;
+    return RC_OK;
+}
