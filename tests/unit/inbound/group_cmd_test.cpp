@@ -13,23 +13,7 @@ constexpr const char *HANDLER = "__sf_gw_group_oper_cmd_cb";
 
 class GroupCmd : public MemberOperTest {
 protected:
-    /* The only answer went out over MQTT as protocol 203 with no completion; its text. */
-    std::string mqtt_answer() const
-    {
-        const auto &prots = fake::mqtt::prot_reports();
-        EXPECT_EQ(base_prots + 1, prots.size());
-        if (prots.size() != base_prots + 1) {
-            return "";
-        }
-        const fake::mqtt::Prot &prot = prots.back();
-        EXPECT_EQ(203u, prot.pro);
-        EXPECT_EQ(0, prot.qos);
-        EXPECT_EQ(0u, prot.timeout);
-        EXPECT_EQ(nullptr, prot.cb);
-        EXPECT_EQ(nullptr, prot.prv_data);
-        EXPECT_EQ(base_frames, fake::lan::frames().size());
-        return prot.text;
-    }
+    std::string mqtt_answer() const { return MemberOperTest::mqtt_answer(203); }
 
     void expect_malformed(DP_CMD_TYPE_E tp) const
     {
@@ -47,18 +31,6 @@ protected:
             EXPECT_EQ(base_frames, fake::lan::frames().size());
         }
     }
-
-    /* Start a new round within one test: later checks see only what comes after. */
-    void next_round()
-    {
-        rec() = Recorder();
-        fake::log::clear();
-        base_prots = fake::mqtt::prot_reports().size();
-        base_frames = fake::lan::frames().size();
-    }
-
-    size_t base_prots = 0;
-    size_t base_frames = 0;
 };
 
 TEST_F(GroupCmd, AddingTwoDevicesOverMqttCallsTheApplicationInOrderAndAnswersWith203)
@@ -249,29 +221,14 @@ TEST_F(GroupCmd, LanSendFailureIsLogged)
 
 TEST_F(GroupCmd, SendPostsACopyOfTheEnvelopeToTheGroupHandler)
 {
-    cJSON *js = parse("{\"action\":0,\"cids\":[\"a\"],\"gid\":\"5\"}");
-    SF_GW_DEV_CMD_S cmd{DP_CMD_MQ, js};
-    ASSERT_EQ(RC_OK, sf_send_grp_oper_cmd(&cmd));
-
-    ASSERT_EQ(1u, fake::msgq::posts().size());
-    EXPECT_EQ(sf::sf_cntl.mid_gw_group_oper_cmd, fake::msgq::posts()[0].mid);
-    ASSERT_EQ(sizeof(cmd), fake::msgq::posts()[0].data.size());
-    EXPECT_EQ(0, std::memcmp(&cmd, fake::msgq::posts()[0].data.data(), sizeof(cmd)));
-    EXPECT_EQ(__sf_gw_group_oper_cmd_cb, fake::msgq::handler(sf::sf_cntl.mid_gw_group_oper_cmd));
-    EXPECT_TRUE(rec().grp_calls.empty()); /* nothing runs on the producer's thread */
-    fake::msgq::run_all();
+    expect_posted_copy(sf_send_grp_oper_cmd, "{\"action\":0,\"cids\":[\"a\"],\"gid\":\"5\"}",
+                       sf::sf_cntl.mid_gw_group_oper_cmd, __sf_gw_group_oper_cmd_cb);
     EXPECT_EQ(1u, rec().grp_calls.size());
 }
 
 TEST_F(GroupCmd, FailedPostReturnsTheCodeAndLeavesTheTreeWithTheCaller)
 {
-    cJSON *js = parse("{\"action\":0,\"cids\":[\"a\"],\"gid\":\"5\"}");
-    SF_GW_DEV_CMD_S cmd{DP_CMD_MQ, js};
-    fake::msgq::fail(fake::msgq::Call::post_msg_malloc, -11);
-    EXPECT_EQ(-11, sf_send_grp_oper_cmd(&cmd));
-    EXPECT_EQ(0u, fake::msgq::pending());
-    EXPECT_STREQ("5", cJSON_GetObjectItem(js, "gid")->valuestring); /* still the caller's, untouched */
-    cJSON_Delete(js);
+    expect_failed_post_keeps_tree(sf_send_grp_oper_cmd, "{\"action\":0,\"cids\":[\"a\"],\"gid\":\"5\"}");
 }
 
 TEST_F(GroupCmd, SendWithoutAnEnvelopeIsRefused)
@@ -283,11 +240,7 @@ TEST_F(GroupCmd, SendWithoutAnEnvelopeIsRefused)
 
 TEST_F(GroupCmd, HandlerWithoutAMessageDoesNothing)
 {
-    __sf_gw_group_oper_cmd_cb(nullptr);
-    MESSAGE msg{sf::sf_cntl.mid_gw_group_oper_cmd, nullptr, 0};
-    __sf_gw_group_oper_cmd_cb(&msg);
-    EXPECT_EQ(2u, fake::log::count("Invalid Param"));
-    EXPECT_TRUE(fake::lan::frames().empty());
+    expect_empty_messages_ignored(__sf_gw_group_oper_cmd_cb, sf::sf_cntl.mid_gw_group_oper_cmd);
 }
 
 /* ---- the 256-entry result table and answers sized to what they print ---- */
@@ -374,33 +327,8 @@ TEST_F(GroupCmd, FailedAnswerAllocationIsLoggedAndNothingIsSent)
 
 TEST_F(GroupCmd, AllocationFailureSweepNeverCrashesNorLeaks)
 {
-    const std::string command = "{\"action\":0,\"cids\":[\"a\",\"b\"],\"gid\":\"5\"}";
-    const std::string answer = "{\"action\":0,\"rets\":[0,0],\"gid\":\"5\"}";
-    bool answered = false;
-    for (size_t n = 1; n < 50 && !answered; ++n) {
-        SCOPED_TRACE("failing allocation " + std::to_string(n));
-        next_round();
-        cJSON *js = parse(command);
-        SF_GW_DEV_CMD_S cmd{DP_CMD_MQ, js};
-        fake::mem::fail_nth(n);
-        const OPERATE_RET posted = sf_send_grp_oper_cmd(&cmd);
-        if (posted != RC_OK) {
-            EXPECT_EQ(RC_NO_MEMORY, posted);
-            cJSON_Delete(js);
-        } else {
-            fake::msgq::run_all();
-        }
-        const bool fired = fake::mem::failure_fired();
-        fake::mem::fail_nth(0);
-        if (fired) {
-            EXPECT_EQ(base_prots, fake::mqtt::prot_reports().size());
-        } else {
-            EXPECT_EQ(answer, mqtt_answer());
-            answered = true;
-        }
-        EXPECT_EQ(0u, fake::mem::live_blocks()) << fake::mem::leak_report();
-    }
-    EXPECT_TRUE(answered);
+    sweep_allocations(sf_send_grp_oper_cmd, "{\"action\":0,\"cids\":[\"a\",\"b\"],\"gid\":\"5\"}", 203,
+                      "{\"action\":0,\"rets\":[0,0],\"gid\":\"5\"}");
 }
 
 } // namespace

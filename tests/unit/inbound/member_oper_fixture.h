@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <deque>
 #include <string>
 #include <vector>
@@ -160,6 +161,113 @@ protected:
         EXPECT_TRUE(fake::mem::failure_fired());
         fake::mem::fail_nth(0);
     }
+
+    /* Start a new round within one test: later checks see only what comes after. */
+    void next_round()
+    {
+        member_test::rec() = member_test::Recorder();
+        fake::log::clear();
+        base_prots = fake::mqtt::prot_reports().size();
+        base_frames = fake::lan::frames().size();
+    }
+
+    /* The one answer of this round went out over MQTT as protocol pro, without completion; its text. */
+    std::string mqtt_answer(UINT_T pro) const
+    {
+        const auto &prots = fake::mqtt::prot_reports();
+        EXPECT_EQ(base_prots + 1, prots.size());
+        if (prots.size() != base_prots + 1) {
+            return "";
+        }
+        const fake::mqtt::Prot &prot = prots.back();
+        EXPECT_EQ(pro, prot.pro);
+        EXPECT_EQ(0, prot.qos);
+        EXPECT_EQ(0u, prot.timeout);
+        EXPECT_EQ(nullptr, prot.cb);
+        EXPECT_EQ(nullptr, prot.prv_data);
+        EXPECT_EQ(base_frames, fake::lan::frames().size());
+        return prot.text;
+    }
+
+    /*
+     * Post a fresh command with the 1st, 2nd, ... allocation failing until
+     * one run goes through; then it must be answered over MQTT (protocol
+     * pro) with answer. Every run leaves nothing allocated.
+     */
+    template <typename Envelope>
+    void sweep_allocations(OPERATE_RET (*send)(Envelope *), const std::string &text, UINT_T pro,
+                           const std::string &answer)
+    {
+        bool answered = false;
+        for (size_t n = 1; n < 50 && !answered; ++n) {
+            SCOPED_TRACE("failing allocation " + std::to_string(n));
+            next_round();
+            cJSON *js = parse(text);
+            Envelope cmd{DP_CMD_MQ, js};
+            fake::mem::fail_nth(n);
+            const OPERATE_RET posted = send(&cmd);
+            if (posted != RC_OK) {
+                EXPECT_EQ(RC_NO_MEMORY, posted);
+                cJSON_Delete(js);
+            } else {
+                fake::msgq::run_all();
+            }
+            const bool fired = fake::mem::failure_fired();
+            fake::mem::fail_nth(0);
+            if (fired) {
+                EXPECT_EQ(base_prots, fake::mqtt::prot_reports().size());
+            } else {
+                EXPECT_EQ(answer, mqtt_answer(pro));
+                answered = true;
+            }
+            EXPECT_EQ(0u, fake::mem::live_blocks()) << fake::mem::leak_report();
+        }
+        EXPECT_TRUE(answered);
+    }
+
+    /* send posts a byte copy of the envelope to mid, bound to handler; nothing runs before the queue does. */
+    template <typename Envelope>
+    void expect_posted_copy(OPERATE_RET (*send)(Envelope *), const std::string &text, MSG_ID mid,
+                            MSG_CALLBACK handler)
+    {
+        Envelope cmd{DP_CMD_LAN, parse(text)};
+        ASSERT_EQ(RC_OK, send(&cmd));
+        ASSERT_EQ(1u, fake::msgq::posts().size());
+        EXPECT_EQ(mid, fake::msgq::posts()[0].mid);
+        ASSERT_EQ(sizeof(cmd), fake::msgq::posts()[0].data.size());
+        EXPECT_EQ(0, std::memcmp(&cmd, fake::msgq::posts()[0].data.data(), sizeof(cmd)));
+        EXPECT_EQ(handler, fake::msgq::handler(mid));
+        EXPECT_TRUE(member_test::rec().order.empty()); /* nothing runs on the producer's thread */
+        fake::msgq::run_all();
+        EXPECT_FALSE(member_test::rec().order.empty());
+    }
+
+    /* A refused post returns the message module's code and leaves the tree, untouched, to the caller. */
+    template <typename Envelope>
+    void expect_failed_post_keeps_tree(OPERATE_RET (*send)(Envelope *), const std::string &text)
+    {
+        cJSON *js = parse(text);
+        Envelope cmd{DP_CMD_MQ, js};
+        fake::msgq::fail(fake::msgq::Call::post_msg_malloc, -11);
+        EXPECT_EQ(-11, send(&cmd));
+        EXPECT_EQ(0u, fake::msgq::pending());
+        EXPECT_STREQ("5", cJSON_GetObjectItem(js, "gid")->valuestring);
+        cJSON_Delete(js);
+    }
+
+    /* A handler given no message or no envelope logs and touches nothing. */
+    static void expect_empty_messages_ignored(MSG_CALLBACK handler, MSG_ID mid)
+    {
+        handler(nullptr);
+        MESSAGE msg{mid, nullptr, 0};
+        handler(&msg);
+        EXPECT_EQ(2u, fake::log::count("Invalid Param"));
+        EXPECT_TRUE(fake::lan::frames().empty());
+        EXPECT_TRUE(fake::mqtt::prot_reports().empty());
+    }
+
+    size_t base_prots = 0;
+    size_t base_frames = 0;
 
     /* Every log line the handler func wrote at the error level. */
     static size_t errors_of(const std::string &func)
