@@ -160,7 +160,6 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
     size_t slot = 0;
     size_t valid_num = 0;
     size_t equal_num = 0;
-    bool equal_overflow = false;
     for (const cJSON *member = dps_js->child; member != nullptr; member = member->next) {
         const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, member_dp_id(member));
         if (dp == nullptr) {
@@ -201,10 +200,9 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
         ++slot;
         ++valid_num;
         if (sf::dp_value_equal(dp, member)) {
+            /* beyond the capacity recording stops; equal_num then stays below valid_num: no echo */
             if (equal_num < QUERY_DP_CAP) {
                 query_dp_id.get()[equal_num++] = static_cast<BYTE_T>(member_dp_id(member));
-            } else {
-                equal_overflow = true; /* not all equal DPs fit the echo: send none */
             }
         }
     }
@@ -214,7 +212,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
      * goes to the application before it for "ctype" 3, after it otherwise,
      * and alone for a multi-DP command (already answered by the intake).
      */
-    const bool want_echo = dt_tp != DTT_MULTI && equal_num > 0 && equal_num == valid_num && !equal_overflow;
+    const bool want_echo = dt_tp != DTT_MULTI && equal_num > 0 && equal_num == valid_num;
     const bool callback_first = dt_tp == DTT_CTYPE_3 || dt_tp == DTT_MULTI;
     if (callback_first) {
         hand_over(cbs, std::move(obj_dps));
