@@ -157,8 +157,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
     }
 
     const KL_IOT_CBS_S &cbs = get_gw_cntl()->cbs;
-    size_t slot = 0;
-    size_t valid_num = 0;
+    size_t valid_num = 0; /* object slots filled, also the next slot's index */
     size_t equal_num = 0;
     for (const cJSON *member = dps_js->child; member != nullptr; member = member->next) {
         const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, member_dp_id(member));
@@ -194,10 +193,9 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
             SF_LOG_ERR("dp id %d type %d not accepted", dp->dp_desc.dp_id, dp->dp_desc.type);
             continue;
         }
-        if (!fill_slot(&obj_dps->dps[slot], dp, member)) {
+        if (!fill_slot(&obj_dps->dps[valid_num], dp, member)) {
             SF_LOG_ERR("dp enum value[%s] invalid", member->valuestring);
         }
-        ++slot;
         ++valid_num;
         if (sf::dp_value_equal(dp, member)) {
             /* beyond the capacity recording stops; equal_num then stays below valid_num: no echo */
