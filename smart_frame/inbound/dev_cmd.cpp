@@ -63,12 +63,6 @@ extern "C" void __sf_gw_dev_cmd_cb(MESSAGE *msg)
     sf::JsonPtr tree(envelope->cmd_js);
     SF_LOG_DETAIL("Rev Cmd %d", envelope->tp);
 
-    /* a command must carry its DPs as an object, or there is nothing to decode */
-    cJSON *dps = cJSON_GetObjectItem(tree.get(), "dps");
-    if (sf::json_type(dps) != sf::JSON_OBJECT) {
-        SF_LOG_ERR("cmd has no dps object");
-        return;
-    }
     const CHAR_T *cid = command_target(tree.get());
 
     DP_TRANS_TYPE_T dt_tp = DTT_CTYPE_0;
@@ -96,6 +90,15 @@ extern "C" void __sf_gw_dev_cmd_cb(MESSAGE *msg)
         }
     }
 
+    /*
+     * The envelope (target, transfer type, multi-DP answer) is settled first;
+     * only the decoding needs the DPs, and it walks them as an object.
+     */
+    cJSON *dps = cJSON_GetObjectItem(tree.get(), "dps");
+    if (sf::json_type(dps) != sf::JSON_OBJECT) {
+        SF_LOG_ERR("cmd has no dps object");
+        return;
+    }
     const OPERATE_RET rc = __sf_handle_recv_dp(envelope->tp, dt_tp, mb_id, cid, dps);
     if (rc != RC_OK) {
         SF_LOG_ERR("__smt_frm_cmd_prep error:%d", rc);

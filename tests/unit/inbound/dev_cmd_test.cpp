@@ -226,11 +226,23 @@ TEST_F(DevCmd, UnknownDeviceIsLoggedAndEverythingReleased)
 
 TEST_F(DevCmd, CommandWithoutDpsIsDroppedAndReleased)
 {
-    deliver("{\"devId\":\"sub01\",\"ctype\":2}");
+    deliver("{\"devId\":\"sub01\",\"ctype\":7}");
 
+    EXPECT_TRUE(fake::log::has(LOG_LEVEL_ERROR, FN, "dp transfer type error type is :7"));
     EXPECT_TRUE(fake::log::has(LOG_LEVEL_ERROR, FN, "cmd has no dps object"));
     EXPECT_TRUE(app::obj_cmds().empty());
     EXPECT_TRUE(fake::mqtt::dp_reports().empty());
+}
+
+TEST_F(DevCmd, MultiCommandWithoutDpsIsStillAnsweredThenDropped)
+{
+    deliver("{\"devId\":\"sub01\",\"ctype\":2,\"mbid\":\"m7\"}");
+
+    ASSERT_EQ(1u, fake::mqtt::dp_reports().size());
+    EXPECT_EQ("{\"devId\":\"sub01\",\"ctype\":2,\"mbid\":\"m7\"}", fake::mqtt::dp_reports()[0].text);
+    EXPECT_TRUE(fake::log::has(LOG_LEVEL_ERROR, FN, "cmd has no dps object"));
+    EXPECT_TRUE(app::obj_cmds().empty());
+    fake::mqtt::complete(0, RC_OK);
 }
 
 TEST_F(DevCmd, CommandWhoseDpsIsNotAnObjectIsDroppedAndReleased)
