@@ -35,6 +35,7 @@ TEST_F(SyncReport, CompletionOnAnotherThreadReturnsItsResult)
     EXPECT_EQ(1u, fake::lan::reports().size());
     EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", 1));
     EXPECT_EQ(1, dp("a1b2c3", 1)->rept_cntl.cir_rept_items);
+    fake::mqtt::join_threads(); /* the completion may let go of the rendezvous after the caller did */
     EXPECT_EQ(0u, fake::sem::live());
     EXPECT_TRUE(fake::log::has(LOG_LEVEL_PROGRESS, "sf_stat_dp_report_sync",
                                "Send Stat:{\"1\":true} Time:1700000000 retrans:0"));
