@@ -1,32 +1,14 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <vector>
 
 #include "report_fixture.h"
 
 using namespace fake::registry;
+using report_test::bools;
 using report_test::set_all_pv;
 
 namespace {
-
-std::vector<DpSpec> bools(int count)
-{
-    std::vector<DpSpec> dps;
-    for (int i = 1; i <= count; ++i) {
-        dps.push_back(dp_bool(static_cast<BYTE_T>(i)));
-    }
-    return dps;
-}
-
-std::string members(int from, int to)
-{
-    std::string text;
-    for (int i = from; i <= to; ++i) {
-        text += (text.empty() ? "\"" : ",\"") + std::to_string(i) + "\":false";
-    }
-    return text;
-}
 
 class Pack : public SfStartedTest {
 protected:
@@ -80,7 +62,7 @@ TEST_F(Pack, FortyPendingBooleansStopAtTheThirtiethWithBudgetThreeHundred)
     DEV_CNTL_N_S *dev = add_device("a1b2c3", bools(40));
     set_all_pv(dev, PV_STAT_LOCAL);
     BOOL_T all = TRUE;
-    EXPECT_EQ("{" + members(1, 30) + "}", pack(dev, 300, FALSE, &all));
+    EXPECT_EQ("{" + report_test::false_members(1, 30) + "}", pack(dev, 300, FALSE, &all));
     EXPECT_EQ(FALSE, all);
     EXPECT_TRUE(fake::log::has(LOG_LEVEL_PROGRESS, "__sf_pack_local_obj_data", "reach MaxLen 300 300"));
 }
@@ -101,7 +83,7 @@ TEST_F(Pack, BudgetReachedOnTheLastDpStillReportsNotAllPacked)
     DEV_CNTL_N_S *dev = add_device("a1b2c3", bools(2));
     set_all_pv(dev, PV_STAT_LOCAL);
     BOOL_T all = TRUE;
-    EXPECT_EQ("{" + members(1, 2) + "}", pack(dev, 20, FALSE, &all));
+    EXPECT_EQ("{" + report_test::false_members(1, 2) + "}", pack(dev, 20, FALSE, &all));
     EXPECT_EQ(FALSE, all);
 }
 

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "smart_frame/frame_cntl.h"
 #include "smart_frame/report/report.h"
@@ -44,6 +45,26 @@ inline void set_all_pv(DEV_CNTL_N_S *dev, DP_PV_STAT_E state)
     for (INT_T i = 0; i < dev->dp_num; ++i) {
         dev->dp[i].pv_stat = state;
     }
+}
+
+/* Boolean DPs numbered 1 to count. */
+inline std::vector<fake::registry::DpSpec> bools(int count)
+{
+    std::vector<fake::registry::DpSpec> dps;
+    for (int i = 1; i <= count; ++i) {
+        dps.push_back(fake::registry::dp_bool(static_cast<BYTE_T>(i)));
+    }
+    return dps;
+}
+
+/* "from":false,...,"to":false, the members of packed stored booleans (stored false) */
+inline std::string false_members(int from, int to)
+{
+    std::string text;
+    for (int i = from; i <= to; ++i) {
+        text += (text.empty() ? "\"" : ",\"") + std::to_string(i) + "\":false";
+    }
+    return text;
 }
 
 /* How often the DP sync was armed, and whether always for 2000 ms once. */
