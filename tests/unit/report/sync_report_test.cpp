@@ -42,6 +42,26 @@ TEST_F(SyncReport, CompletionOnAnotherThreadReturnsItsResult)
     EXPECT_TRUE(fake::log::has(LOG_LEVEL_PROGRESS, "__sf_dp_report_sync", "report finish 0"));
 }
 
+TEST_F(SyncReport, BlockReferencesWhenLanTookIt)
+{
+    fake::lan::set_result(RC_OK);
+    fake::mqtt::set_auto_complete(AutoComplete::Inline, RC_OK);
+    EXPECT_EQ(RC_OK, sf_stat_dp_report_sync("a1b2c3", "{\"1\":true}", nullptr, 5, FALSE));
+    RFC_DATA_S *block = published().block;
+    EXPECT_EQ(2u, published().refs_at_call) << "the creator's and the LAN channel's";
+    EXPECT_EQ(1u, fake::rfc::count(block)) << "only the LAN channel's is left";
+    fake::lan::release_held();
+    EXPECT_FALSE(fake::rfc::is_live(block));
+}
+
+TEST_F(SyncReport, RefusedPublicationAfterLanTookItLeavesOnlyTheLanReference)
+{
+    fake::lan::set_result(RC_OK);
+    fake::mqtt::push_dp_report_result(-4);
+    EXPECT_EQ(-4, sf_stat_dp_report_sync("a1b2c3", "{\"1\":true}", nullptr, 5, FALSE));
+    EXPECT_EQ(1u, fake::rfc::count(fake::lan::reports()[0].block));
+}
+
 TEST_F(SyncReport, StatusReportSendsUnchangedValues)
 {
     fake::mqtt::set_auto_complete(AutoComplete::Inline, RC_OK);
