@@ -371,6 +371,20 @@ TEST_F(Heartbeat, ProbeLimitThreeSendsFourProbes)
     finish();
 }
 
+TEST_F(Heartbeat, ProbeIsSentByAPassFallingOnItsDueSecond)
+{
+    add_device("a", {});
+    ASSERT_EQ(RC_OK, sf_sys_mag_hb_init(record_probe));
+    ASSERT_EQ(RC_OK, sf_set_dev_hb_timeout("a", 68, 1));
+    ASSERT_EQ(RC_OK, sf_refresh_dev_hb("a")); /* due at 1048, the time of the sixth pass */
+    EXPECT_EQ(1048u, attr("a").hb_send_time);
+    run_until(1047);
+    EXPECT_TRUE(probes().empty());
+    run_until(1048);
+    EXPECT_EQ((std::vector<TIME_S>{1048}), probe_times("a"));
+    finish();
+}
+
 TEST_F(Heartbeat, ARefreshWhileProbingStartsTheScheduleAgain)
 {
     add_device("a", {});
@@ -554,7 +568,8 @@ TEST_F(Heartbeat, PassMarksUnderTheRegistryLockAndProbesWithoutIt)
 /*
  * 200 sub-devices with mixed time-outs, heartbeat rhythms and silences over
  * six simulated hours. Each batch is completed right after the second in
- * which it appeared, one in seven with a failure. The cloud's view (built
+ * which it appeared, one in seven with a failure; now and then the client
+ * refuses one outright. The cloud's view (built
  * from the acknowledged batches only) must show, at every second, what the
  * heartbeats say about each device now or at most one pass plus the batch
  * delay ago.
@@ -650,6 +665,9 @@ TEST_F(HeartbeatScenario, BatchesFollowThePresenceOfTwoHundredDevicesForSixHours
                 }
             }
         }
+        if (second % 997 == 500) {
+            fake::mqtt::push_prot_result(-1); /* now and then the client refuses a batch outright */
+        }
         fake::timers::advance(1000);
         for (const std::string &id : probed) {
             Device &d = devices[static_cast<size_t>(std::stoi(id.substr(3)) - 1000)];
@@ -690,11 +708,31 @@ TEST_F(HeartbeatScenario, BatchesFollowThePresenceOfTwoHundredDevicesForSixHours
             }
         }
     }
+    size_t refused = 0;
+    for (const fake::mqtt::Prot &batch : prots()) {
+        refused += batch.accepted ? 0 : 1;
+    }
     EXPECT_GT(completed, 100u);
     EXPECT_GT(failures, 10u);
+    EXPECT_GT(refused, 10u);
     EXPECT_GT(probes_answered, 50u);
     finish();
     fake::log::clear();
+}
+
+} // namespace
+
+namespace {
+
+/* The module not started: there is no timed message to start yet. */
+using HeartbeatBeforeStartUp = SfFakesTest;
+
+TEST_F(HeartbeatBeforeStartUp, InitIsRefusedWithALog)
+{
+    EXPECT_EQ(RC_FAIL, sf_sys_mag_hb_init(record_probe));
+    EXPECT_TRUE(fake::log::has(LOG_LEVEL_ERROR, "sf_sys_mag_hb_init", "smart frame not inited"));
+    EXPECT_TRUE(fake::timers::starts().empty());
+    EXPECT_EQ(FALSE, sf_cntl.hb_start);
 }
 
 } // namespace

@@ -658,3 +658,19 @@ TEST_F(OnlineBatch, GatewaysOwnNodeInTheListIsBatchedLikeAnyOther)
 }
 
 } // namespace
+
+namespace {
+
+/* The module not started: there is no lock and no timed message yet. */
+using OnlineBatchBeforeStartUp = SfFakesTest;
+
+TEST_F(OnlineBatchBeforeStartUp, UpdateIsRefusedSilently)
+{
+    add_device("a", {});
+    EXPECT_EQ(RC_FAIL, sf_dev_online_stat_update("a", TRUE));
+    EXPECT_EQ(DOS_OFFLINE, device("a")->attr.stat);
+    EXPECT_TRUE(fake::timers::starts().empty());
+    EXPECT_TRUE(fake::log::entries().empty()) << fake::log::dump();
+}
+
+} // namespace
