@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <map>
 #include <string>
 #include <thread>
 #include <vector>
@@ -646,6 +648,72 @@ TEST_F(OnlineBatch, CompletionOnAnotherThreadMarksTheBatchReported)
     EXPECT_EQ(DOSM_REPORTED, attr("a").dosm);
     fake::timers::advance(1000);
     EXPECT_EQ(FALSE, chain_running());
+}
+
+TEST_F(OnlineBatch, UpdatesFromManyThreadsDuringRunningBatchesAllReachTheCloud)
+{
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 3;
+    for (int t = 0; t < kThreads; ++t) {
+        for (int d = 0; d < kPerThread; ++d) {
+            add_device("t" + std::to_string(t) + "d" + std::to_string(d), {});
+        }
+    }
+    auto final_state = [](int t, int d) { return (t + d) % 2 == 0 ? TRUE : FALSE; };
+    std::atomic<int> running{kThreads};
+    std::vector<std::thread> apps;
+    for (int t = 0; t < kThreads; ++t) {
+        apps.emplace_back([t, &running, final_state] {
+            for (int round = 0; round < 300; ++round) {
+                for (int d = 0; d < kPerThread; ++d) {
+                    const std::string id = "t" + std::to_string(t) + "d" + std::to_string(d);
+                    sf_dev_online_stat_update(id.c_str(), round == 299 ? final_state(t, d) : (round + d) % 2);
+                }
+                std::this_thread::yield();
+            }
+            --running;
+        });
+    }
+    /* the dispatch thread is this one; completions come from the client's own thread */
+    std::map<std::string, int> cloud;
+    size_t completed = 0;
+    /* until the applications are done, then until the chain has ended */
+    for (int after = 0; after < 1000 && (running > 0 || fake::timers::armed(batch_timer()));
+         after += running > 0 ? 0 : 1) {
+        std::this_thread::yield();
+        fake::timers::advance(100);
+        for (; completed < prots().size(); ++completed) {
+            std::thread client([completed] { fake::mqtt::complete_prot(completed, completed % 3 == 1 ? -1 : RC_OK); });
+            client.join();
+            if (completed % 3 == 1) {
+                continue;
+            }
+            const std::string &text = prots()[completed].text;
+            for (auto &entry : {std::make_pair(std::string("\"online\":["), 1), std::make_pair(std::string("\"offline\":["), 0)}) {
+                const size_t at = text.find(entry.first);
+                if (at == std::string::npos) {
+                    continue;
+                }
+                const std::string list = text.substr(at + entry.first.size(), text.find(']', at) - at - entry.first.size());
+                for (size_t pos = 0; (pos = list.find('"', pos)) != std::string::npos;) {
+                    const size_t end = list.find('"', pos + 1);
+                    cloud[list.substr(pos + 1, end - pos - 1)] = entry.second;
+                    pos = end + 1;
+                }
+            }
+        }
+    }
+    for (std::thread &app : apps) {
+        app.join();
+    }
+    EXPECT_EQ(FALSE, chain_running());
+    for (int t = 0; t < kThreads; ++t) {
+        for (int d = 0; d < kPerThread; ++d) {
+            const std::string id = "t" + std::to_string(t) + "d" + std::to_string(d);
+            EXPECT_EQ(DOSM_REPORTED, attr(id).dosm) << id;
+            EXPECT_EQ(final_state(t, d), cloud[id]) << id;
+        }
+    }
 }
 
 TEST_F(OnlineBatch, GatewaysOwnNodeInTheListIsBatchedLikeAnyOther)
