@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "smart_frame/frame_cntl.h"
@@ -560,6 +562,55 @@ TEST_F(Heartbeat, PassMarksUnderTheRegistryLockAndProbesWithoutIt)
     EXPECT_EQ(dev_locks + 2, fake::mutex::lock_count(gw()->dev_mutex));
     EXPECT_FALSE(fake::mutex::held(gw()->dev_mutex));
     EXPECT_FALSE(fake::mutex::held(sf_cntl.dos_mutex));
+    finish();
+}
+
+TEST_F(Heartbeat, HeartbeatsFromManyThreadsDuringPassesKeepTheirDevicesOnline)
+{
+    constexpr int kThreads = 4;
+    for (int t = 0; t < kThreads; ++t) {
+        add_device("hb" + std::to_string(t), {});
+    }
+    add_device("quiet", {});
+    ASSERT_EQ(RC_OK, sf_sys_mag_hb_init(record_probe));
+    for (int t = 0; t < kThreads; ++t) {
+        ASSERT_EQ(RC_OK, sf_set_dev_hb_timeout(("hb" + std::to_string(t)).c_str(), 600, 2));
+    }
+    std::atomic<bool> stop{false};
+    std::atomic<int> beats[kThreads] = {};
+    std::vector<std::thread> apps;
+    for (int t = 0; t < kThreads; ++t) {
+        apps.emplace_back([t, &stop, &beats] {
+            const std::string id = "hb" + std::to_string(t);
+            while (!stop) {
+                EXPECT_EQ(RC_OK, sf_refresh_dev_hb(id.c_str()));
+                ++beats[t];
+                std::this_thread::yield();
+            }
+        });
+    }
+    /* this thread is the dispatch thread; virtual time moves only after every device has beaten again */
+    for (int pass = 0; pass < 30; ++pass) {
+        int seen[kThreads];
+        for (int t = 0; t < kThreads; ++t) {
+            seen[t] = beats[t];
+        }
+        for (int t = 0; t < kThreads; ++t) {
+            while (beats[t] == seen[t]) {
+                std::this_thread::yield();
+            }
+        }
+        advance_acking(8000, 8000);
+        for (int t = 0; t < kThreads; ++t) {
+            EXPECT_EQ(DOS_ONLINE, attr("hb" + std::to_string(t)).stat) << pass;
+        }
+    }
+    stop = true;
+    for (std::thread &app : apps) {
+        app.join();
+    }
+    EXPECT_EQ(DOS_OFFLINE, attr("quiet").stat);
+    EXPECT_TRUE(probes().empty());
     finish();
 }
 
