@@ -148,7 +148,12 @@ extern "C" void __sf_dev_ol_stat_update(DEV_CNTL_N_S *dev_cntl, const BOOL_T onl
         if (dev_cntl->attr.dosm == DOSM_PENDING || dev_cntl->attr.stat != online) {
             dev_cntl->attr.stat = static_cast<DEV_OL_STAT_T>(online & 0xFF);
             dev_cntl->attr.dosm = DOSM_PENDING;
-            /* a running chain picks the change up by itself */
+            /*
+             * A running chain picks the change up by itself. dos_update is
+             * read in the same hold as the mark: a run that ends the chain
+             * either has seen this mark or ended before it, and then the
+             * timer is armed here.
+             */
             arm_first_run = sf_cntl.dos_update == FALSE && !first_run_armed;
             first_run_armed = first_run_armed || arm_first_run;
         }
