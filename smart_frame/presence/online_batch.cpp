@@ -49,15 +49,6 @@ constexpr int LIST_STORAGE = LIST_BUDGET + 9;
 static_assert(LIST_STORAGE >= LIST_BUDGET - LIST_HEAD_ROOM + (DEV_ID_LEN + 3) + 1,
               "the last admitted entry and the terminator must fit");
 
-/*
- * Set when a change armed the first run of an idle chain, cleared when the
- * builder runs. Later changes before that run leave the timer alone:
- * re-arming would push the run back with every change, so a device
- * re-marked often enough would keep the batch from ever leaving. Guarded
- * by dos_mutex.
- */
-bool first_run_armed = false;
-
 /* One id list of a batch, "[" ... "]", in storage from Malloc. */
 class IdList {
 public:
@@ -141,27 +132,30 @@ extern "C" OPERATE_RET sf_dev_online_stat_update(const CHAR_T *dev_id, const BOO
 
 extern "C" void __sf_dev_ol_stat_update(DEV_CNTL_N_S *dev_cntl, const BOOL_T online)
 {
-    bool arm_first_run = false;
+    bool need_update = false;
+    bool chain_running = false;
     {
         sf::ScopedLock lock(sf_cntl.dos_mutex);
         /* a pending device is re-marked even unchanged; a sent or reported one only by a real change */
         if (dev_cntl->attr.dosm == DOSM_PENDING || dev_cntl->attr.stat != online) {
             dev_cntl->attr.stat = static_cast<DEV_OL_STAT_T>(online & 0xFF);
             dev_cntl->attr.dosm = DOSM_PENDING;
-            /*
-             * A running chain picks the change up by itself. dos_update is
-             * read in the same hold as the mark: a run that ends the chain
-             * either has seen this mark or ended before it, and then the
-             * timer is armed here.
-             */
-            arm_first_run = sf_cntl.dos_update == FALSE && !first_run_armed;
-            first_run_armed = first_run_armed || arm_first_run;
+            need_update = true;
         }
+        /*
+         * Read in the same hold as the mark: a run that ends the chain has
+         * either seen this mark or ended before it, and then the timer is
+         * started here.
+         */
+        chain_running = sf_cntl.dos_update == TRUE;
     }
-    if (arm_first_run && cmmod_start_tm_msg(sf_cntl.tmm_dev_ol_sync, FIRST_RUN_DELAY_MS, TIMER_ONCE) != RC_OK) {
-        /* not armed after all: let the next change try again */
-        sf::ScopedLock lock(sf_cntl.dos_mutex);
-        first_run_armed = false;
+    /*
+     * An idle chain starts with the first batch 300 ms out; every further
+     * change starts (re-arms) it again, so changes in quick succession
+     * share one batch. A running chain picks the change up by itself.
+     */
+    if (need_update && !chain_running) {
+        cmmod_start_tm_msg(sf_cntl.tmm_dev_ol_sync, FIRST_RUN_DELAY_MS, TIMER_ONCE);
     }
 }
 
@@ -171,10 +165,6 @@ extern "C" void __sf_dev_ol_stat_update(DEV_CNTL_N_S *dev_cntl, const BOOL_T onl
  */
 extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
 {
-    {
-        sf::ScopedLock lock(sf_cntl.dos_mutex);
-        first_run_armed = false;
-    }
     if (get_gw_nw_status() < GW_NW_CLOUD) {
         SF_LOG_DETAIL("NetWork Unavailable. schedule again, %d", get_gw_nw_status());
         cmmod_start_tm_msg(tm_msg, NEXT_RUN_DELAY_MS, TIMER_ONCE);

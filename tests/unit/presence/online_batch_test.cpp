@@ -63,7 +63,7 @@ protected:
     uint64_t t0 = 0;
 };
 
-TEST_F(OnlineBatch, ChangesWithinTheFirstWindowShareOnePublication300msAfterTheFirst)
+TEST_F(OnlineBatch, ChangesInQuickSuccessionShareOnePublication300msAfterTheLast)
 {
     add_device("a", {});
     add_device("b", {});
@@ -75,13 +75,15 @@ TEST_F(OnlineBatch, ChangesWithinTheFirstWindowShareOnePublication300msAfterTheF
     fake::timers::advance(50);
     EXPECT_EQ(RC_OK, sf_dev_online_stat_update("c", TRUE));
 
-    /* only the first change arms the run: later ones must not push it back */
-    ASSERT_EQ(1u, batch_starts().size());
-    EXPECT_EQ(300u, batch_starts()[0].period);
-    EXPECT_EQ(TIMER_ONCE, batch_starts()[0].type);
-    EXPECT_EQ(t0, batch_starts()[0].at_ms);
+    /* every change of an idle chain starts (re-arms) the 300 ms batch timer */
+    ASSERT_EQ(3u, batch_starts().size());
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(300u, batch_starts()[i].period);
+        EXPECT_EQ(TIMER_ONCE, batch_starts()[i].type);
+        EXPECT_EQ(t0 + 50 * i, batch_starts()[i].at_ms);
+    }
 
-    fake::timers::advance(199);
+    fake::timers::advance(299);
     EXPECT_TRUE(prots().empty());
     fake::timers::advance(1);
     ASSERT_EQ(1u, prots().size());
@@ -105,16 +107,16 @@ TEST_F(OnlineBatch, ChangesWithinTheFirstWindowShareOnePublication300msAfterTheF
     for (const char *id : {"a", "b", "c"}) {
         EXPECT_EQ(DOSM_REPORTED, attr(id).dosm) << id;
     }
-    ASSERT_EQ(2u, batch_starts().size());
-    EXPECT_EQ(1000u, batch_starts()[1].period);
-    EXPECT_EQ(TIMER_ONCE, batch_starts()[1].type);
+    ASSERT_EQ(4u, batch_starts().size());
+    EXPECT_EQ(1000u, batch_starts()[3].period);
+    EXPECT_EQ(TIMER_ONCE, batch_starts()[3].type);
 
     fake::timers::advance(999);
     EXPECT_EQ(TRUE, chain_running());
     fake::timers::advance(1);
     EXPECT_EQ(FALSE, chain_running());
     EXPECT_EQ(1u, prots().size());
-    EXPECT_EQ(2u, batch_starts().size());
+    EXPECT_EQ(4u, batch_starts().size());
     EXPECT_FALSE(fake::timers::armed(batch_timer()));
 }
 
