@@ -24,10 +24,12 @@ build: deps $(SAN_BUILD)/CMakeCache.txt
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 
 # Every test under AddressSanitizer and UndefinedBehaviorSanitizer, then the
-# concurrency tests (label "concurrency") again under ThreadSanitizer.
+# concurrency tests (label "concurrency") again under ThreadSanitizer, then
+# each fuzz target for a few seconds.
 test: build
 	cd $(SAN_BUILD) && ctest -j $(JOBS) --output-on-failure --timeout 300
 	@$(MAKE) --no-print-directory test-tsan
+	@if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --smoke; fi
 
 test-tsan: deps
 	@if grep -rqs --include=CMakeLists.txt 'concurrency' tests; then \

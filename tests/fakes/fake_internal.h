@@ -24,6 +24,12 @@ void reset_mqtt();
 void reset_lan();
 void reset_registry();
 
+/* Parts of forget_history, one per fake that keeps records. */
+void forget_msgq_history();
+void forget_mqtt_history();
+void forget_lan_history();
+void forget_registry_history();
+
 /* Objects of an earlier scenario that the module may still point at: kept, never freed. */
 void keep_reachable(void *object);
 

@@ -107,5 +107,12 @@ void reset_lan()
     std::lock_guard<std::recursive_mutex> guard(records_lock());
     state() = LanState();
 }
+
+void forget_lan_history()
+{
+    std::lock_guard<std::recursive_mutex> guard(records_lock());
+    state().reports.clear();
+    state().frames.clear();
+}
 } // namespace detail
 } // namespace fake

@@ -265,5 +265,13 @@ void reset_mqtt()
     std::lock_guard<std::recursive_mutex> guard(records_lock());
     state() = MqttState();
 }
+
+void forget_mqtt_history()
+{
+    std::lock_guard<std::recursive_mutex> guard(records_lock());
+    state().dp_reports.clear();
+    state().prots.clear();
+    state().queries.clear();
+}
 } // namespace detail
 } // namespace fake

@@ -385,5 +385,14 @@ void reset_msgq()
     }
     state() = MsgqState();
 }
+
+void forget_msgq_history()
+{
+    std::lock_guard<std::recursive_mutex> guard(records_lock());
+    state().posts.clear();
+    state().starts.clear();
+    state().unregistered.clear();
+    state().released.clear();
+}
 } // namespace detail
 } // namespace fake

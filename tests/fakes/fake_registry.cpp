@@ -331,5 +331,12 @@ void reset_registry()
     }
     state() = RegistryState();
 }
+
+void forget_registry_history()
+{
+    std::lock_guard<std::recursive_mutex> guard(records_lock());
+    state().grp_updates.clear();
+    state().scene_updates.clear();
+}
 } // namespace detail
 } // namespace fake

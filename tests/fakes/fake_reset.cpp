@@ -32,4 +32,17 @@ void reset_all()
     detail::reset_memory();
 }
 
+void forget_history()
+{
+    if (mqtt::pending() != 0 || msgq::pending() != 0) {
+        contract::violation("forget_history with work still pending");
+        return;
+    }
+    detail::forget_msgq_history();
+    detail::forget_mqtt_history();
+    detail::forget_lan_history();
+    detail::forget_registry_history();
+    log::clear();
+}
+
 } // namespace fake

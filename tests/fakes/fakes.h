@@ -33,6 +33,16 @@ namespace fake {
 /* Restore every fake to its initial state (registry emptied, queues and records cleared). */
 void reset_all();
 
+/*
+ * Drop the records of finished work (posts, timer starts, publications,
+ * LAN reports and frames, log lines, registry updates) but keep every
+ * fake's working state: handlers, timed messages, the registry, results
+ * set for later calls. For long runs in one process (fuzzing), where the
+ * records would otherwise grow without bound. Call only when no
+ * publication is pending and no message is queued.
+ */
+void forget_history();
+
 /* ------------------------------------------------------------------ memory */
 namespace mem {
 size_t live_blocks();      /* blocks from Malloc not yet released */

@@ -14,36 +14,9 @@
 
 #include "../../smart_frame/smart_frame.h"
 #include "fakes.h"
+#include "unclean.h"
 
 namespace fake {
-
-/*
- * What a finished scenario left behind, one line per problem; empty when
- * clean. The LAN channel first writes (releases) what it holds and the
- * MQTT completion threads are joined.
- */
-inline std::string unclean()
-{
-    mqtt::join_threads();
-    lan::release_held();
-    std::string problems;
-    if (mqtt::pending() != 0) {
-        problems += std::to_string(mqtt::pending()) + " publications accepted but never completed\n";
-    }
-    if (msgq::pending() != 0) {
-        problems += std::to_string(msgq::pending()) + " posted messages never handled\n";
-    }
-    if (rfc::live() != 0) {
-        problems += std::to_string(rfc::live()) + " message blocks still referenced\n";
-    }
-    if (mem::live_blocks() != 0) {
-        problems += std::to_string(mem::live_blocks()) + " leaked blocks:\n" + mem::leak_report();
-    }
-    for (const std::string &v : contract::violations()) {
-        problems += "contract broken: " + v + "\n";
-    }
-    return problems;
-}
 
 inline void expect_clean()
 {
