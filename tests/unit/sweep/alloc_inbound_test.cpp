@@ -17,43 +17,13 @@ using namespace fake::every_dp;
 
 namespace {
 
-const std::vector<OPERATE_RET> POSTED_OR_NOT = {RC_OK, RC_NO_MEMORY};
-
 class SweepInbound : public SweepTest {
 protected:
-    /*
-     * A command posted through send (the entry point) and handled by the
-     * dispatch thread. The parse happens in prepare, not swept; a refused
-     * post leaves the tree with the sender, which releases it.
-     */
-    template <typename Envelope>
-    Path command_path(const std::string &name, const char *text, DP_CMD_TYPE_E tp,
-                      OPERATE_RET (*send)(Envelope *), std::function<bool()> effect)
-    {
-        Path p;
-        p.name = name;
-        p.prepare = [this, text] { tree_ = json(text); };
-        p.run = [this, tp, send] {
-            Envelope cmd{tp, tree_};
-            tree_ = nullptr;
-            const OPERATE_RET rc = send(&cmd);
-            if (rc != RC_OK) {
-                cJSON_Delete(cmd.cmd_js);
-            }
-            fake::msgq::run_all();
-            return rc;
-        };
-        p.allowed = POSTED_OR_NOT;
-        p.effect = std::move(effect);
-        return p;
-    }
-
     Path dev_cmd_path(const std::string &name, const char *text, DP_CMD_TYPE_E tp, std::function<bool()> effect)
     {
         return command_path(name, text, tp, sf_send_gw_dev_cmd, std::move(effect));
     }
 
-    cJSON *tree_ = nullptr;
     cJSON *dpids_ = nullptr;
 };
 

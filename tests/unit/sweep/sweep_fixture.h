@@ -41,6 +41,29 @@ struct Path {
     std::function<bool()> effect;
 };
 
+/* Parse a command text for a test (the parse itself is not part of a swept path). */
+inline cJSON *json(const char *text)
+{
+    cJSON *tree = cJSON_Parse(text);
+    EXPECT_NE(nullptr, tree) << text;
+    return tree;
+}
+
+/* A collaborator call that fails, and what the module must make of it. */
+struct Fault {
+    std::string name;
+    /* make the collaborator fail (one-shot where the fake allows it) */
+    std::function<void()> inject;
+    /* put a collaborator answer set for all later calls back to normal; may be empty */
+    std::function<void()> heal;
+    /* what runs: the path's normal code and effect describe a run without the fault */
+    Path path;
+    /* the code of the run with the fault */
+    OPERATE_RET expected = RC_OK;
+    /* what the run with the fault must have done (logs, states), checked before settling */
+    std::function<bool()> outcome;
+};
+
 /* A path that cannot end after this many allocations is treated as endless. */
 constexpr size_t MAX_FAILURE_POINTS = 400;
 
@@ -142,6 +165,35 @@ protected:
         return MAX_FAILURE_POINTS;
     }
 
+    /*
+     * One failing collaborator call: the code and outcome of the run with
+     * the fault, nothing left over, and a normal run right after it.
+     */
+    void expect_fault(const Fault &fault)
+    {
+        fresh_run(fault.path);
+        fault.inject();
+        const OPERATE_RET rc = fault.path.run();
+        EXPECT_EQ(fault.expected, rc) << fault.name << "\n" << fake::log::dump();
+        if (fault.outcome) {
+            EXPECT_TRUE(fault.outcome()) << fault.name << "\n" << fake::log::dump();
+        }
+        if (fault.heal) {
+            fault.heal();
+        }
+        settle();
+        EXPECT_EQ("", fake::unclean()) << fault.name;
+        expect_normal_run(fault.path, " after " + fault.name);
+        std::printf("fault: %s\n", fault.name.c_str());
+    }
+
+    void expect_faults(const std::vector<Fault> &faults)
+    {
+        for (const Fault &fault : faults) {
+            expect_fault(fault);
+        }
+    }
+
     /* Sweep each path in turn. */
     void sweep_all(const std::vector<Path> &paths)
     {
@@ -157,16 +209,36 @@ protected:
         ::testing::Test::RecordProperty(name, static_cast<int>(points));
     }
 
-    fake::every_dp::Snapshot snapshot_;
-};
+    /*
+     * A command posted through send (the entry point) and handled by the
+     * dispatch thread. The parse happens in prepare, not swept; a refused
+     * post leaves the tree with the sender, which releases it.
+     */
+    template <typename Envelope>
+    Path command_path(const std::string &name, const char *text, DP_CMD_TYPE_E tp, OPERATE_RET (*send)(Envelope *),
+                      std::function<bool()> effect)
+    {
+        Path p;
+        p.name = name;
+        p.prepare = [this, text] { tree_ = json(text); };
+        p.run = [this, tp, send] {
+            Envelope cmd{tp, tree_};
+            tree_ = nullptr;
+            const OPERATE_RET rc = send(&cmd);
+            if (rc != RC_OK) {
+                cJSON_Delete(cmd.cmd_js);
+            }
+            fake::msgq::run_all();
+            return rc;
+        };
+        p.allowed = {RC_OK, RC_NO_MEMORY};
+        p.effect = std::move(effect);
+        return p;
+    }
 
-/* Parse a command text for a test (the parse itself is not part of a swept path). */
-inline cJSON *json(const char *text)
-{
-    cJSON *tree = cJSON_Parse(text);
-    EXPECT_NE(nullptr, tree) << text;
-    return tree;
-}
+    fake::every_dp::Snapshot snapshot_;
+    cJSON *tree_ = nullptr; /* a parsed command between prepare and run */
+};
 
 } // namespace sweep
 
