@@ -96,7 +96,8 @@ OPERATE_RET sf_respone_obj_dp_query(const cJSON *pCidArr, const cJSON *pDpIdArr)
  * {"1":true,"2":25}. Values are checked against the schema; unchanged ones
  * are dropped unless force_send. RC_OK (also when nothing was left to send),
  * RC_BAD_PARAM, RC_DEV_NOT_FOUND, RC_DEV_NOT_BOUND, RC_NET_DOWN, RC_JSON_FAIL,
- * RC_NO_MEMORY or the MQTT client's refusal. Values that could not be sent
+ * RC_FAIL (the checked report could not be printed), RC_NO_MEMORY or the
+ * MQTT client's refusal. Values that could not be sent
  * stay stored and are re-sent by the DP sync.
  */
 OPERATE_RET sf_obj_dp_report_async(const CHAR_T *id, const CHAR_T *data, BOOL_T force_send);
