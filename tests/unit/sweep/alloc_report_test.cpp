@@ -54,7 +54,10 @@ TEST_F(SweepReport, ObjectReportsSurviveEveryFailingAllocation)
     gw.run = [] { return sf_obj_dp_report_async(nullptr, "{\"1\":true,\"2\":25}", TRUE); };
     gw.allowed = REPORT_CODES;
     gw.effect = published("{\"dps\":{\"1\":true,\"2\":25}}");
-    sweep_all({sub, gw});
+    Path lan = sub;
+    lan.name = "sf_obj_dp_report_async, sub-device, LAN client connected";
+    lan.prepare = [] { fake::lan::set_result(RC_OK); };
+    sweep_all({sub, gw, lan});
 }
 
 TEST_F(SweepReport, SynchronousReportsSurviveEveryFailingAllocation)
@@ -91,6 +94,9 @@ TEST_F(SweepReport, MultiReportSurvivesEveryFailingAllocation)
     p.allowed = {RC_OK, RC_NO_MEMORY};
     p.effect = published(text);
     EXPECT_EQ(2u, sweep(p)); /* the message and its block */
+    p.name = "sf_multi_dp_report_async, LAN client connected";
+    p.prepare = [] { fake::lan::set_result(RC_OK); };
+    EXPECT_EQ(2u, sweep(p));
 }
 
 TEST_F(SweepReport, CompositionSurvivesEveryFailingAllocation)
