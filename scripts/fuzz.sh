@@ -21,7 +21,19 @@ fi
 cmake -S . -B "$BUILD" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSF_SANITIZE=address,undefined \
     -DSF_FUZZ=ON -DSF_BUILD_TESTS=OFF >/dev/null
-targets=${*:-$(ls fuzz/corpus)}
+# every target with a seed folder that this checkout can build (the channel
+# targets need the POSIX channels' sources)
+available=$(cmake --build "$BUILD" --target help | sed -n 's/^\.\.\. \(.*\)_fuzz$/\1/p')
+if [ $# -gt 0 ]; then
+    targets=$*
+else
+    targets=""
+    for target in $(ls fuzz/corpus); do
+        if echo "$available" | grep -qx "$target"; then
+            targets="$targets $target"
+        fi
+    done
+fi
 build_targets=""
 for target in $targets; do
     build_targets="$build_targets ${target}_fuzz"
