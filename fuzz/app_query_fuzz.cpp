@@ -8,7 +8,6 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::Channels{});
     cJSON *doc = sf_fuzz::parse(data, size);
     if (doc != nullptr) {

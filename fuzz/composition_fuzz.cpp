@@ -26,7 +26,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     static const CHAR_T *const devices[] = {fake::every_dp::SUB_ID, fake::every_dp::GW_ID, "nobody", nullptr};
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::Channels{});
     const uint8_t control = data[0];
     const uint8_t count = static_cast<uint8_t>(data[1] % (MAX_RECORDS + 1));

@@ -8,7 +8,6 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::Channels{});
     cJSON *cmd = sf_fuzz::parse(data, size);
     const BOOL_T equal = sf_dp_data_is_equl(cmd);

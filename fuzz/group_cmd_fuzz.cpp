@@ -7,7 +7,6 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::channels_from(static_cast<uint8_t>(size >> 2)));
     /* LAN, MQTT, and a channel value no producer should send */
     static const DP_CMD_TYPE_E channels[] = {DP_CMD_LAN, DP_CMD_MQ, DP_CMD_LAN, static_cast<DP_CMD_TYPE_E>(7)};

@@ -125,6 +125,7 @@ void start_once()
 
 void begin_run(const Channels &channels)
 {
+    start_once();
     snapshot().restore();
     fake::lan::set_result(channels.lan_broken ? RC_FAIL : channels.lan_takes ? RC_OK : RC_LAN_NOT_SENT);
     fake::lan::set_frame_result(channels.lan_broken ? RC_FAIL : RC_OK);
@@ -158,7 +159,6 @@ int run_report(const uint8_t *data, size_t size, ReportBody body)
     }
     static const CHAR_T *const devices[] = {nullptr, fake::every_dp::SUB_ID, fake::every_dp::UNBOUND_ID, "nobody",
                                             "GW0001"};
-    start_once();
     begin_run(channels_from(static_cast<uint8_t>(data[0] >> 3)));
     body(devices[(data[0] & 7) % 5], (size & 1) != 0 ? TRUE : FALSE, as_text(data + 1, size - 1));
     end_run();

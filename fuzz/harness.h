@@ -31,7 +31,7 @@ Channels channels_from(uint8_t bits);
 /* Start the module once (idempotent): fakes, gateway, application callbacks. */
 void start_once();
 
-/* Put every DP back to its starting state and set the channels for this run. */
+/* Start the module if needed, put every DP back to its starting state and set the channels for this run. */
 void begin_run(const Channels &channels);
 
 /*

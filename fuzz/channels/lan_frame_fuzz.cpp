@@ -43,7 +43,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1) {
         return 0;
     }
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::Channels{});
     {
         sf_lan::Session session(-1, "fuzz", sf_lan::Clock::now());

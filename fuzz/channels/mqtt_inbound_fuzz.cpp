@@ -22,7 +22,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     }
     static const char *const topics[] = {"dp", "group", "scene", "query", "firmware"};
-    sf_fuzz::start_once();
     sf_fuzz::begin_run(sf_fuzz::channels_from(static_cast<uint8_t>(data[0] >> 3)));
     const sf_wire::CmdKind kind = sf_wire::cmd_kind_from_name(topics[(data[0] & 7) % 5]);
     const char *why = "";
