@@ -66,6 +66,10 @@ bool Broker::write_config(std::string *why)
          << "persistence false\n"
          << "log_dest file " << dir_ << "/broker.log\n"
          << "log_type all\n";
+    if (::geteuid() == 0) {
+        // As root mosquitto would switch to its own user, who cannot read this directory.
+        conf << "user root\n";
+    }
     if (!options_.user.empty()) {
         const std::string pw = dir_ + "/passwd";
         if (!run_command("touch '" + pw + "' && mosquitto_passwd -b '" + pw + "' '" + options_.user + "' '" +

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "broker.h"
+#include "cloud_defs/gw_intf.h"
 #include "cloud_peer.h"
 #include "gateway.h"
 #include "port/posix/lan_config.h"

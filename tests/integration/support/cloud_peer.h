@@ -13,6 +13,7 @@
 #include <vector>
 
 struct mosquitto;
+struct mosquitto_message;
 
 namespace it {
 
@@ -46,7 +47,7 @@ public:
     Received wait_for_payload(const std::string &text, std::chrono::milliseconds timeout);
 
 private:
-    static void on_message(mosquitto *, void *obj, const struct mosquitto_message *msg);
+    static void on_message(mosquitto *, void *obj, const mosquitto_message *msg);
     static void on_subscribe(mosquitto *, void *obj, int, int, const int *);
 
     mosquitto *mosq_ = nullptr;

@@ -6,6 +6,7 @@
 
 #include "gateway_loader.h"
 #include "port/posix/posix_runtime.h"
+#include "services/uni_mutex.h"
 #include "smart_frame/smart_frame.h"
 
 namespace it {
@@ -40,7 +41,7 @@ void record_obj_cmd(const KL_RECV_OBJ_DP_S *cmd)
     g_changed.notify_all();
 }
 
-std::string description(const std::vector<DeviceShape> &subs)
+it::GatewayDescription description(const std::vector<DeviceShape> &subs)
 {
     GatewayDescription gw;
     gw.gw_id = GW_ID;
@@ -49,14 +50,14 @@ std::string description(const std::vector<DeviceShape> &subs)
     for (const DeviceShape &sub : subs) {
         gw.devices.push_back(sub);
     }
-    return describe(gw);
+    return gw;
 }
 
 } // namespace
 
 bool start_gateway(const std::vector<DeviceShape> &subs, std::string *why)
 {
-    if (!load_description(description(subs), why)) {
+    if (!load_gateway(description(subs), why)) {
         return false;
     }
     get_gw_cntl()->cbs.dev_obj_dp_cb = record_obj_cmd;

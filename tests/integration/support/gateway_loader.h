@@ -1,6 +1,5 @@
 /*
- * The gateway description of a test, in the registry's file format
- * (docs/gateway-description.md), and its loading into the registry.
+ * Loading the gateway of a test into the registry.
  */
 #ifndef IT_GATEWAY_LOADER_H
 #define IT_GATEWAY_LOADER_H
@@ -18,10 +17,7 @@ struct GatewayDescription {
     std::vector<DeviceShape> devices; /* the first is the gateway's own device */
 };
 
-std::string describe(const GatewayDescription &gw);
-
-/* Load the text into the registry. */
-bool load_description(const std::string &text, std::string *why);
+bool load_gateway(const GatewayDescription &gw, std::string *why);
 
 } // namespace it
 
