@@ -18,6 +18,7 @@ struct RegistryState {
     DEV_CNTL_N_S *gw_node = nullptr;
     std::vector<DEV_CNTL_N_S *> nodes;
     GW_BASE_NW_STAT_T nw = GW_NW_CLOUD;
+    std::deque<GW_BASE_NW_STAT_T> nw_once;
     int nw_calls = 0;
     int dev_calls = 0;
     std::vector<fake::registry::GrpUpdate> grp_updates;
@@ -159,6 +160,11 @@ extern "C" DP_CNTL_S *get_dev_dp_cntl(const CHAR_T *id, BYTE_T dpid)
 extern "C" GW_BASE_NW_STAT_T get_gw_nw_status(void)
 {
     ++state().nw_calls;
+    if (!state().nw_once.empty()) {
+        const GW_BASE_NW_STAT_T status = state().nw_once.front();
+        state().nw_once.pop_front();
+        return status;
+    }
     return state().nw;
 }
 
@@ -272,6 +278,11 @@ DP_CNTL_S *dp(const std::string &dev_id, BYTE_T dpid)
 GW_CNTL_S *gw()
 {
     return &state().gw;
+}
+
+void push_nw_status(GW_BASE_NW_STAT_T status)
+{
+    state().nw_once.push_back(status);
 }
 
 void set_nw_status(GW_BASE_NW_STAT_T status)

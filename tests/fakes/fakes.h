@@ -274,6 +274,7 @@ DP_CNTL_S *dp(const std::string &dev_id, BYTE_T dpid);
 GW_CNTL_S *gw();
 
 void set_nw_status(GW_BASE_NW_STAT_T status); /* default GW_NW_CLOUD */
+void push_nw_status(GW_BASE_NW_STAT_T status); /* one-shot answers of the next calls, before the default */
 int nw_status_calls();
 int get_dev_cntl_calls();
 

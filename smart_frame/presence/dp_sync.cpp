@@ -1,0 +1,71 @@
+/*
+ * The DP sync: a one-shot timed message that re-publishes every DP value
+ * whose publication failed or is still unconfirmed (pv_stat 1 or 2), device
+ * by device, through the ordinary object report path, until the cloud has
+ * confirmed them. Armed 2 s ahead whenever a publication fails, and by
+ * itself while work is left; only while MQTT is connected.
+ */
+#include "../../services/mqtt_client.h"
+#include "../../services/uni_memory.h"
+#include "../frame_cntl.h"
+#include "../report/report.h"
+#include "../sf_log.h"
+#include "presence.h"
+
+namespace {
+
+constexpr TIME_MS DP_SYNC_DELAY_MS = 2000;
+constexpr UINT_T SYNC_PACK_BUDGET = 300; /* allowance units of the packing, about one message */
+constexpr UINT_T SYNC_REPORT_TIMEOUT_S = 10;
+constexpr INT_T CONN_UP = 1;
+
+} // namespace
+
+/* Any thread. Nothing is armed while MQTT is down: the next failure or the connection side re-arms it. */
+extern "C" void sf_start_sync_obj_dp(void)
+{
+    if (get_mqc_conn_stat() != CONN_UP) {
+        return;
+    }
+    (void)cmmod_start_tm_msg(sf::sf_cntl.tmm_dp_sync, DP_SYNC_DELAY_MS, TIMER_ONCE);
+}
+
+/*
+ * Dispatch thread, so runs never overlap. The device list is walked
+ * without dev_mutex (the registry keeps nodes alive); the packing and the
+ * report path take it for their own steps. A failing device never stops
+ * the walk. RC_REPORT_SUPERSEDED (-916) from the report path counts as done.
+ */
+extern "C" void __tmm_dp_sync_cb(TM_MSG_S *tm_msg)
+{
+    (void)tm_msg;
+    if (get_gw_nw_status() < GW_NW_CLOUD) {
+        SF_LOG_PROG("NetWork Unavailable. schedule again, %d", get_gw_nw_status());
+        sf_start_sync_obj_dp();
+        return;
+    }
+    for (DEV_CNTL_N_S *dev = get_gw_cntl()->dev; dev != nullptr; dev = dev->next) {
+        BOOL_T all_packed = TRUE;
+        SF_LOG_PROG("Start To Sync Dev:%s", dev->dev_if.id);
+        CHAR_T *out = sf_pack_local_obj_dp_data(dev, SYNC_PACK_BUDGET, FALSE, &all_packed, TRUE);
+        if (all_packed == FALSE) {
+            SF_LOG_DETAIL("DP Msg Too Long, schedule again");
+            sf_start_sync_obj_dp(); /* the rest goes in the next run; this piece is still sent */
+        }
+        if (out == nullptr) {
+            SF_LOG_DETAIL("OUT IS NULL");
+            continue;
+        }
+        const OPERATE_RET op_ret = __sf_dp_report_aysnc(dev->dev_if.id, FALSE, SF_FILTER_OBJ, out, nullptr, FALSE,
+                                                        SYNC_REPORT_TIMEOUT_S, __sf_obj_dp_report_async_cb,
+                                                        nullptr, nullptr);
+        if (op_ret != RC_OK && op_ret != RC_REPORT_SUPERSEDED) {
+            SF_LOG_PROG("__sf_dp_report_aysnc fail %d, schedule again", op_ret);
+            sf_start_sync_obj_dp();
+        } else {
+            SF_LOG_PROG("sync result:%d", op_ret);
+        }
+        Free(out);
+    }
+    SF_LOG_PROG("Sync Finish");
+}

@@ -1,0 +1,91 @@
+/*
+ * Publish state of DP values (pv_stat) as publications end: confirmed (3),
+ * failed and to be re-sent (1), given up (0). The texts name the DPs; their
+ * values are not looked at.
+ *
+ * Threads: whichever ends a publication (the MQTT client's thread, a
+ * synchronous reporter after its wait, the dispatch thread of the DP sync).
+ * Parsing happens before dev_mutex is taken; every read and write of
+ * pv_stat, passive and the flow-control counters happens under it.
+ */
+#include "../../services/uni_time.h"
+#include "../dp_lookup.h"
+#include "../json_type.h"
+#include "../sf_log.h"
+#include "../sf_raii.h"
+#include "report_helpers.h"
+#include "report.h"
+
+/*
+ * The "Set To" line logs the DP number with the new state: the device id
+ * is text and cannot be printed as a number.
+ */
+extern "C" void __dev_obj_dp_set_pv_stat(const CHAR_T *id, const cJSON *json, DP_PV_STAT_E pv_stat,
+                                         BOOL_T set_flow_ctl)
+{
+    GW_CNTL_S *gw = get_gw_cntl();
+    const TIME_T curr_time = uni_time_get_posix(); /* one time for every DP of the report */
+
+    sf::ScopedLock lock(gw->dev_mutex);
+    DEV_CNTL_N_S *dev_cntl = get_dev_cntl_unlock(id != nullptr ? id : gw->gw_if.id);
+    if (dev_cntl == nullptr) {
+        return; /* a device gone meanwhile: nothing to record */
+    }
+    for (const cJSON *member = json; member != nullptr; member = member->next) {
+        const INT_T dp_id = sf::member_dp_id(member);
+        DP_CNTL_S *dp_cntl = __locate_dp_ctl_by_dpid(dev_cntl, dp_id);
+        if (dp_cntl == nullptr) {
+            SF_LOG_ERR("dp_cntl is null");
+            return; /* the members after it keep their state */
+        }
+        if (dp_cntl->dp_desc.mode == DP_MODE_WR) {
+            SF_LOG_ERR("DP ID %d Skip", dp_id);
+            continue;
+        }
+        dp_cntl->pv_stat = pv_stat;
+        SF_LOG_DETAIL("DP ID %d Set To %d", dp_id, pv_stat);
+        /* a woken passive DP gets one confirmed publication per command */
+        if (pv_stat == PV_STAT_CLOUD && dev_cntl->attr.preprocess == TRUE &&
+            dp_cntl->dp_desc.passive == PSV_RELEASED) {
+            dp_cntl->dp_desc.passive = PSV_HOLD;
+        }
+        if (set_flow_ctl == TRUE) {
+            __set_dp_flow_ctl(dp_cntl, curr_time);
+        }
+    }
+}
+
+extern "C" OPERATE_RET __sf_set_obj_dp_pv_stat(const CHAR_T *data, DP_PV_STAT_E pv_stat, BOOL_T set_flow_ctl)
+{
+    if (data == nullptr) {
+        SF_LOG_ERR("Invalid Param");
+        return RC_BAD_PARAM;
+    }
+    sf::JsonPtr envelope(cJSON_Parse(data));
+    if (envelope == nullptr) {
+        SF_LOG_ERR("json parse fail %s", data);
+        return RC_JSON_PARSE;
+    }
+    const cJSON *dps = cJSON_GetObjectItemCaseSensitive(envelope.get(), "dps");
+    if (dps == nullptr) {
+        SF_LOG_ERR("json fail %s", data);
+        return RC_FAIL;
+    }
+    /* no "cid": the gateway's own DPs */
+    const cJSON *cid = cJSON_GetObjectItemCaseSensitive(envelope.get(), "cid");
+    const CHAR_T *id = cid != nullptr && sf::json_type(cid) == sf::JSON_STRING ? cid->valuestring : nullptr;
+    __dev_obj_dp_set_pv_stat(id, dps->child, pv_stat, set_flow_ctl);
+    return RC_OK;
+}
+
+extern "C" OPERATE_RET __sf_set_obj_dp_pv_stat_by_dc(const CHAR_T *id, const CHAR_T *data, DP_PV_STAT_E pv_stat,
+                                                     BOOL_T set_flow_ctl)
+{
+    sf::JsonPtr dps(data != nullptr ? cJSON_Parse(data) : nullptr);
+    if (dps == nullptr) {
+        SF_LOG_ERR("json parse fail %s", sf::log_text(data));
+        return RC_JSON_PARSE;
+    }
+    __dev_obj_dp_set_pv_stat(id, dps->child, pv_stat, set_flow_ctl);
+    return RC_OK;
+}
