@@ -63,7 +63,7 @@ bool Broker::write_config(std::string *why)
     const std::string quiet = " >>'" + dir_ + "/setup.log' 2>&1";
     std::ofstream conf(dir_ + "/mosquitto.conf");
     conf << "listener " << port_ << " 127.0.0.1\n"
-         << "persistence false\n"
+         << (options_.persistence ? "persistence true\npersistence_location " + dir_ + "/\n" : "persistence false\n")
          << "log_dest file " << dir_ << "/broker.log\n"
          << "log_type all\n";
     if (::geteuid() == 0) {
@@ -151,10 +151,10 @@ void Broker::resume()
     }
 }
 
-void Broker::stop()
+void Broker::stop(bool graceful)
 {
     if (pid_ > 0) {
-        ::kill(pid_, SIGKILL);
+        ::kill(pid_, graceful ? SIGTERM : SIGKILL);
         ::waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }

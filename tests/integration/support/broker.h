@@ -15,6 +15,7 @@ namespace it {
 struct BrokerOptions {
     bool tls = false;              // server certificate from a throw-away CA made with openssl
     bool require_client_cert = false; // with tls: client.crt/client.key are made in dir()
+    bool persistence = false;         // sessions survive a graceful stop (SIGTERM)
     std::string user;              // non-empty: anonymous clients are refused
     std::string password;
 };
@@ -28,8 +29,12 @@ public:
 
     /* Start (again, on the same port); false with a message on failure. */
     bool start(std::string *why);
-    /* Kill it (SIGKILL: no clean goodbye to the clients) and reap it. */
-    void stop();
+    /*
+     * Kill it and reap it: SIGKILL by default (nothing saved), SIGTERM when
+     * graceful (a broker with persistence saves its sessions). Neither says
+     * goodbye to the clients: their connections just drop.
+     */
+    void stop(bool graceful = false);
 
     /* Freeze it (SIGSTOP): connections stay open, nothing is answered. */
     void pause();

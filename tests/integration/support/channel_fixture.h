@@ -97,7 +97,7 @@ protected:
     }
 
     std::unique_ptr<Broker> broker_;
-    CloudPeer cloud_;
+    CloudPeer cloud_{"sf-it-cloud"};
 };
 
 } // namespace it

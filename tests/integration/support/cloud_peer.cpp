@@ -4,10 +4,11 @@
 
 namespace it {
 
-CloudPeer::CloudPeer()
+CloudPeer::CloudPeer(const std::string &persistent_id)
 {
     mosquitto_lib_init();
-    mosq_ = mosquitto_new(nullptr, true, this);
+    mosq_ = persistent_id.empty() ? mosquitto_new(nullptr, true, this)
+                                  : mosquitto_new(persistent_id.c_str(), false, this);
     mosquitto_message_callback_set(mosq_, on_message);
     mosquitto_subscribe_callback_set(mosq_, on_subscribe);
 }

@@ -24,7 +24,12 @@ struct Received {
 
 class CloudPeer {
 public:
-    CloudPeer();
+    /*
+     * With a client id the peer keeps a persistent session (QoS 1
+     * subscription kept and messages queued by the broker while the peer
+     * is away, also across a broker restart with persistence).
+     */
+    explicit CloudPeer(const std::string &persistent_id = "");
     ~CloudPeer();
 
     /* Connect to 127.0.0.1:port and subscribe to filter; waits for the subscription. */
