@@ -17,6 +17,45 @@ std::mutex g_mutex;
 std::condition_variable g_changed;
 std::vector<ObjCmd> g_obj_cmds;
 
+std::vector<std::string> g_app_calls;
+std::function<void(const std::string &)> g_query_hook;
+
+void record_app_call(const std::string &call)
+{
+    std::lock_guard<std::mutex> hold(g_mutex);
+    g_app_calls.push_back(call);
+    g_changed.notify_all();
+}
+
+OPERATE_RET record_group(const GRP_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id)
+{
+    record_app_call("group " + std::to_string(action) + " " + dev_id + " " + grp_id);
+    return RC_OK;
+}
+
+OPERATE_RET record_scene(const SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id, const CHAR_T *sce_id)
+{
+    record_app_call("scene " + std::to_string(action) + " " + dev_id + " " + grp_id + " " + sce_id);
+    return RC_OK;
+}
+
+void record_query(const KL_DP_QUERY_S *query)
+{
+    std::string call = std::string("query ") + (query->cid != nullptr ? query->cid : "(null)");
+    for (UINT_T i = 0; i < query->cnt; ++i) {
+        call += " " + std::to_string(query->dpid[i]);
+    }
+    std::function<void(const std::string &)> hook;
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        hook = g_query_hook;
+    }
+    if (hook) {
+        hook(query->cid != nullptr ? query->cid : "");
+    }
+    record_app_call(call);
+}
+
 void record_obj_cmd(const KL_RECV_OBJ_DP_S *cmd)
 {
     ObjCmd copy;
@@ -61,6 +100,9 @@ bool start_gateway(const std::vector<DeviceShape> &subs, std::string *why)
         return false;
     }
     get_gw_cntl()->cbs.dev_obj_dp_cb = record_obj_cmd;
+    get_gw_cntl()->cbs.dev_dp_query_cb = record_query;
+    get_gw_cntl()->gw_cbs.gw_dev_grp_cb = record_group;
+    get_gw_cntl()->gw_cbs.gw_dev_scene_cb = record_scene;
     const OPERATE_RET rc = smart_frame_init();
     if (rc != RC_OK) {
         *why = "smart_frame_init failed " + std::to_string(rc);
@@ -94,6 +136,24 @@ std::vector<ObjCmd> obj_cmds()
 {
     std::lock_guard<std::mutex> hold(g_mutex);
     return g_obj_cmds;
+}
+
+std::vector<std::string> app_calls()
+{
+    std::lock_guard<std::mutex> hold(g_mutex);
+    return g_app_calls;
+}
+
+bool wait_app_calls(size_t count, std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> hold(g_mutex);
+    return g_changed.wait_for(hold, timeout, [&] { return g_app_calls.size() >= count; });
+}
+
+void set_query_hook(std::function<void(const std::string &cid)> hook)
+{
+    std::lock_guard<std::mutex> hold(g_mutex);
+    g_query_hook = std::move(hook);
 }
 
 bool eventually(const std::function<bool()> &cond, std::chrono::milliseconds timeout)

@@ -56,6 +56,16 @@ struct ObjCmd {
 bool wait_obj_cmds(const std::function<bool(const std::vector<ObjCmd> &)> &pred, std::chrono::milliseconds timeout);
 std::vector<ObjCmd> obj_cmds();
 
+/* Group, scene and query callbacks as the application received them, one text each. */
+std::vector<std::string> app_calls();
+bool wait_app_calls(size_t count, std::chrono::milliseconds timeout);
+
+/*
+ * What the query callback does besides recording: by default nothing. The
+ * hook runs on the thread that called sf_respone_obj_dp_query.
+ */
+void set_query_hook(std::function<void(const std::string &cid)> hook);
+
 /* Poll cond every 20 ms until it holds or timeout passes. */
 bool eventually(const std::function<bool()> &cond, std::chrono::milliseconds timeout);
 
