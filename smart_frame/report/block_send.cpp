@@ -1,6 +1,7 @@
 #include "block_send.h"
 
 #include "../../services/lan_channel.h"
+#include "../smart_frame.h"
 
 namespace sf {
 
@@ -32,6 +33,11 @@ OPERATE_RET publish_block_async(RFC_DATA_S *block, UINT_T time_out_s, MQ_PUB_ASY
         put_rfc_data(block); /* the completion will never run */
     }
     return rc;
+}
+
+const CHAR_T *block_text(const RFC_DATA_S *block)
+{
+    return reinterpret_cast<const CHAR_T *>(static_cast<const MSG_DATA_S *>(block->data)->data);
 }
 
 } // namespace sf

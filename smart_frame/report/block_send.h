@@ -32,6 +32,9 @@ bool lan_failure_is_error(OPERATE_RET rc);
  */
 OPERATE_RET publish_block_async(RFC_DATA_S *block, UINT_T time_out_s, MQ_PUB_ASYNC_IFM_CB cb, void *prv_data);
 
+/* The payload text of a report block (its MSG_DATA_S, terminated). */
+const CHAR_T *block_text(const RFC_DATA_S *block);
+
 } // namespace sf
 
 #endif /* SF_REPORT_BLOCK_SEND_H */

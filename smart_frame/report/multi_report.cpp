@@ -50,7 +50,6 @@ extern "C" void __sf_multi_dp_report_async(OPERATE_RET op_ret, const void *prv_d
     if (block == nullptr) {
         return;
     }
-    const MSG_DATA_S *msg = static_cast<const MSG_DATA_S *>(block->data);
-    SF_LOG_PROG("msg_data:%s , mqtt async dp cb:%d", reinterpret_cast<const char *>(msg->data), op_ret);
+    SF_LOG_PROG("msg_data:%s , mqtt async dp cb:%d", sf::block_text(block), op_ret);
     put_rfc_data(block);
 }

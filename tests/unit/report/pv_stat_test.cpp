@@ -28,7 +28,9 @@ TEST_F(PvStat, EnvelopeWithoutCidSetsTheGatewaysOwnDps)
     EXPECT_EQ(PV_STAT_CLOUD, pv("gw0001", 1));
     EXPECT_EQ(PV_STAT_CLOUD, pv("gw0001", 2));
     EXPECT_EQ(PV_STAT_SENDING, pv("a1b2c3", 1));
-    EXPECT_TRUE(fake::log::has(LOG_LEVEL_DETAIL, "__dev_obj_dp_set_pv_stat", "DP ID 2 Set To 3"));
+    /* the line carries the device argument as a number: 0 for the gateway */
+    EXPECT_EQ(2u, fake::log::count("DP ID 0 Set To 3"));
+    EXPECT_TRUE(fake::log::has(LOG_LEVEL_DETAIL, "__dev_obj_dp_set_pv_stat", "DP ID 0 Set To 3"));
 }
 
 TEST_F(PvStat, EnvelopeWithCidSetsTheSubDevicesDps)

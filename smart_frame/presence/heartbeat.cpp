@@ -1,0 +1,230 @@
+/*
+ * Heartbeat supervision of sub-devices.
+ *
+ * The application passes every heartbeat on with sf_refresh_dev_hb. Every
+ * 8 s a pass decides each bound device online (last heartbeat within its
+ * time-out) or offline, and feeds the decision to the online/offline
+ * batches. Shortly before a device's time-out runs out, the pass asks the
+ * application to probe it, a limited number of times.
+ *
+ * All times are seconds of uni_get_system_time in 32-bit unsigned
+ * arithmetic. Locks: the registry's dev_mutex before dos_mutex, never the
+ * reverse; dos_mutex guards the heartbeat fields of every device.
+ */
+#include <cstdlib>
+
+#include "../../cloud_defs/gw_intf.h"
+#include "../../services/uni_time.h"
+#include "../frame_cntl.h"
+#include "../sf_log.h"
+#include "../sf_raii.h"
+#include "presence.h"
+#include "sub_device.h"
+
+using sf::sf_cntl;
+
+namespace {
+
+constexpr TIME_MS PASS_PERIOD_MS = 8000;
+constexpr TIME_S MIN_HB_TIMEOUT_S = 60;
+constexpr TIME_S NEVER_TIMES_OUT = 0xFFFFFFFF; /* always online, never probed */
+constexpr TIME_S NEVER_PROBED = 43200;         /* 12 h: supervised, never probed */
+constexpr TIME_S PROBE_LEAD_S = 20;            /* probes start this long before the time-out */
+constexpr UINT_T DEFAULT_PROBE_LIMIT = 2;      /* stands in for a limit of 0 */
+constexpr int FIRST_PROBE_SPREAD_S = 15;       /* first probe 0 to 14 s after configuration */
+constexpr UINT_T LAST_QUIET_PASS = 100;        /* per-device lines in one pass of 101 */
+
+/* Pass counter; dispatch thread only. The per-device lines are logged when it wraps to 0. */
+UINT_T count = 0;
+
+TIME_S system_now()
+{
+    TIME_S now = 0;
+    uni_get_system_time(&now, nullptr);
+    return now;
+}
+
+/* The per-device functions work only once supervision has been started. */
+bool refused_before_init()
+{
+    return sf_cntl.hb_start != TRUE;
+}
+
+/*
+ * Online when the device never times out, or when its last heartbeat is at
+ * most its time-out old. Never a heartbeat (0) or no time-out (0) is
+ * offline; a clock that went backwards makes the difference huge, so the
+ * device goes offline. Caller holds dos_mutex.
+ */
+BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time)
+{
+    if (attr.hb_timeout_time == NEVER_TIMES_OUT) {
+        return TRUE;
+    }
+    return (attr.last_ol_time != 0 && static_cast<TIME_S>(cur_time - attr.last_ol_time) <= attr.hb_timeout_time)
+               ? TRUE
+               : FALSE;
+}
+
+/*
+ * The probe step of one device: M probes counting up retry_send_times,
+ * then one last that also ends the schedule. hb_send_cb runs with
+ * dos_mutex held (and dev_mutex released) so that a concurrent refresh
+ * cannot reschedule the device between the decision and the probe; the
+ * callback must therefore only hand the probe off and must not call back
+ * into the presence or heartbeat functions.
+ */
+void probe_if_due(DEV_CNTL_N_S *dev, TIME_S cur_time, DEV_HEARTBEAT_SEND_CB send)
+{
+    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    DEV_ACTV_ATTR_S &attr = dev->attr;
+    if (attr.hb_send_time == 0 || cur_time < attr.hb_send_time || attr.hb_timeout_time == NEVER_TIMES_OUT ||
+        attr.hb_timeout_time == NEVER_PROBED) {
+        return;
+    }
+    if (attr.max_resend_times == 0) {
+        attr.max_resend_times = DEFAULT_PROBE_LIMIT;
+    }
+    if (attr.retry_send_times < attr.max_resend_times) {
+        ++attr.retry_send_times;
+    } else {
+        attr.hb_send_time = 0; /* no further probes until the next refresh */
+    }
+    send(dev->dev_if.id);
+}
+
+} // namespace
+
+extern "C" OPERATE_RET sf_sys_mag_hb_init(const DEV_HEARTBEAT_SEND_CB hb_send_cb)
+{
+    if (!sf::frame_inited()) {
+        /* there is no timed message to start before smart_frame_init */
+        SF_LOG_ERR("smart frame not inited");
+        return RC_FAIL;
+    }
+    const OPERATE_RET op_ret = cmmod_start_tm_msg(sf_cntl.tmm_dev_hst, PASS_PERIOD_MS, TIMER_CYCLE);
+    if (op_ret != RC_OK) {
+        SF_LOG_ERR("cmmod_start_tm_msg err:%d", op_ret);
+        return op_ret;
+    }
+    sf_cntl.hb_send_cb = hb_send_cb;
+    sf_cntl.hb_start = TRUE;
+    return RC_OK;
+}
+
+extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S hb_timeout_time,
+                                             const UINT_T max_resend_times)
+{
+    /* 60 itself is accepted, although the message says "must >" */
+    if (dev_id == nullptr || hb_timeout_time < MIN_HB_TIMEOUT_S) {
+        SF_LOG_ERR("dev_id is %s or hb_timeout_time[%d] must > %d", dev_id != nullptr ? dev_id : "(null)",
+                   static_cast<INT_T>(hb_timeout_time), static_cast<INT_T>(MIN_HB_TIMEOUT_S));
+        return RC_BAD_PARAM;
+    }
+    if (refused_before_init()) {
+        SF_LOG_ERR("sf_sys_mag_hb_init need init");
+        return RC_FAIL;
+    }
+    /* an unknown device is RC_FAIL here, unlike sf_refresh_dev_hb */
+    DEV_CNTL_N_S *dev_cntl = nullptr;
+    if (sf::find_sub_device(dev_id, &dev_cntl) != RC_OK) {
+        return RC_FAIL;
+    }
+
+    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
+    attr.hb_timeout_time = hb_timeout_time;
+    /* spread the first probes of many devices configured together */
+    attr.hb_send_time = system_now() + static_cast<TIME_S>(std::rand() % FIRST_PROBE_SPREAD_S);
+    attr.max_resend_times = max_resend_times;
+    return RC_OK;
+}
+
+extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
+{
+    if (refused_before_init()) {
+        SF_LOG_ERR("sf_sys_mag_hb_init need init");
+        return RC_FAIL;
+    }
+    if (dev_id == nullptr) {
+        SF_LOG_ERR("dev_id is null");
+        return RC_BAD_PARAM;
+    }
+    /* RC_FAIL for the gateway's own id, RC_DEV_NOT_FOUND for an unknown one */
+    DEV_CNTL_N_S *dev_cntl = nullptr;
+    const OPERATE_RET found = sf::find_sub_device(dev_id, &dev_cntl);
+    if (found != RC_OK) {
+        return found;
+    }
+    if (dev_cntl->dev_if.bind == FALSE) {
+        SF_LOG_ERR("device not bind");
+        return RC_DEV_NOT_BOUND;
+    }
+
+    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
+    if (attr.stat != DOS_ONLINE) {
+        /* no timer here: the next pass starts the batch */
+        attr.stat = DOS_ONLINE;
+        attr.dosm = DOSM_PENDING;
+    }
+    /*
+     * The heartbeat time is kept only when probes are wanted. Without a
+     * probe callback a refresh sets the device online and the next pass
+     * sets it offline again (unless it never times out): kept as designed.
+     */
+    if (sf_cntl.hb_send_cb != nullptr) {
+        attr.last_ol_time = system_now();
+        if (attr.hb_timeout_time != NEVER_TIMES_OUT && attr.hb_timeout_time != 0) {
+            attr.hb_send_time = attr.last_ol_time + attr.hb_timeout_time - PROBE_LEAD_S;
+            attr.retry_send_times = 0;
+        }
+    }
+    return RC_OK;
+}
+
+/*
+ * The supervision pass; dispatch thread, every 8 s. Holds dev_mutex while
+ * deciding and marking (which takes dos_mutex inside it), releases it
+ * around the probe step. Using a node after releasing dev_mutex is safe:
+ * the registry flags a device dev_delete before removing it, and flagged
+ * devices are skipped.
+ */
+extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
+{
+    (void)tm_msg;
+    GW_CNTL_S *gw_cntl = get_gw_cntl();
+    MutexLock(gw_cntl->dev_mutex);
+    count = count < LAST_QUIET_PASS ? count + 1 : 0;
+
+    for (DEV_CNTL_N_S *dev = gw_cntl->dev; dev != nullptr; dev = dev->next) {
+        if (dev->dev_delete != 0 || dev->dev_if.bind != TRUE) {
+            continue;
+        }
+        const TIME_S cur_time = system_now();
+        TIME_S last_ol_time = 0;
+        TIME_S hb_timeout_time = 0;
+        BOOL_T online = FALSE;
+        {
+            /* the heartbeat fields are dos_mutex's, also when read */
+            sf::ScopedLock lock(sf_cntl.dos_mutex);
+            last_ol_time = dev->attr.last_ol_time;
+            hb_timeout_time = dev->attr.hb_timeout_time;
+            online = heartbeat_alive(dev->attr, cur_time);
+        }
+        if (count == 0) {
+            SF_LOG_PROG("cur_time:%d last_ol_time:%d hb_timeout_time:%d", static_cast<INT_T>(cur_time),
+                        static_cast<INT_T>(last_ol_time), static_cast<INT_T>(hb_timeout_time));
+            SF_LOG_PROG("id:%s online:%d", dev->dev_if.id, online);
+        }
+        __sf_dev_ol_stat_update(dev, online);
+        MutexUnLock(gw_cntl->dev_mutex);
+
+        const DEV_HEARTBEAT_SEND_CB send = sf_cntl.hb_send_cb;
+        if (send != nullptr) {
+            probe_if_due(dev, cur_time, send);
+        }
+        MutexLock(gw_cntl->dev_mutex);
+    }
+    MutexUnLock(gw_cntl->dev_mutex);
+}
