@@ -149,7 +149,9 @@ TEST_F(LanChannel, BadConfigurationIsRefused)
 {
     start({}, {}, false);
     LAN_CONFIG_S cfg{};
-    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg)); // no key
+    cfg.local_key = ""; // an empty key would let anybody in
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(nullptr));
     cfg.local_key = LOCAL_KEY;
     cfg.bind_addr = "not-an-address";
     EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));

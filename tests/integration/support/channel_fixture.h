@@ -67,11 +67,10 @@ protected:
         return cfg;
     }
 
-    /* Start the LAN channel on a free port with the gateway's key. */
+    /* Start the LAN channel on a free port; the key comes from the registry. */
     void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0)
     {
         LAN_CONFIG_S cfg{};
-        cfg.local_key = LOCAL_KEY;
         cfg.auth_timeout_ms = auth_timeout_ms;
         cfg.max_queue_frames = max_queue_frames;
         ASSERT_EQ(RC_OK, lan_start(&cfg));
