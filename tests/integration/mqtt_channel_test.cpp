@@ -220,6 +220,22 @@ TEST_F(MqttChannel, StopCompletesWhatIsStillPending)
     put_rfc_data(block);
 }
 
+TEST_F(MqttChannel, StatusTopicSaysOnlineOnConnectAndOfflineOnStop)
+{
+    start({});
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return !all.empty() && all.back().topic == topic("status") && all.back().payload == "{\"online\":true}";
+        },
+        seconds(10)));
+    mqc_stop();
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return all.back().topic == topic("status") && all.back().payload == "{\"online\":false}";
+        },
+        seconds(10)));
+}
+
 TEST_F(MqttChannel, BadArgumentsAreRefused)
 {
     start({});

@@ -93,6 +93,23 @@ TEST_F(TlsAuth, ClientCertificateIsPresentedWhenTheBrokerRequiresOne)
     EXPECT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(15)));
 }
 
+TEST_F(TlsAuth, UntrustedBrokerCertificateIsLoggedAndRetried)
+{
+    StderrCapture log;
+    start_broker(false);
+    ASSERT_TRUE(run_command("cd '" + broker_->dir() +
+                            "' && openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=other-ca"
+                            " -keyout other.key -out other.crt >/dev/null 2>&1"));
+    ca_ = broker_->dir() + "/other.crt";
+    MQC_CONFIG_S cfg = tls_config("s3cret");
+    ASSERT_EQ(RC_OK, mqc_start(&cfg));
+
+    EXPECT_TRUE(log.wait_for("certificate verify failed", seconds(15))) << log.text();
+    // libmosquitto's loop gives up on TLS errors; the client keeps trying.
+    EXPECT_TRUE(log.wait_for("not reachable (A TLS error occurred.), retrying in 2 s", seconds(15))) << log.text();
+    EXPECT_EQ(0, get_mqc_conn_stat());
+}
+
 TEST_F(TlsAuth, UnknownCaFileFailsAtStartWithALog)
 {
     StderrCapture log;
