@@ -69,6 +69,7 @@ struct Client {
     // connect", so that mqc_stop's disconnect never precedes a connect that
     // would then run on for ever.
     std::atomic<bool> stop{false};
+    std::atomic<bool> established{false}; // a session was accepted since the last back-off
     std::mutex wait_mutex;
     std::condition_variable wake;
     std::mutex connect_mutex;
@@ -104,6 +105,7 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
     mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
                       true);
     client->pending.open();
+    client->established = true;
     g_connected = true;
     gw_registry_set_nw_status(GW_NW_CLOUD);
     CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
@@ -186,9 +188,12 @@ void run_network(Client *client)
         }
         first = false;
         if (rc == MOSQ_ERR_SUCCESS) {
-            delay_s = client->reconnect_min_s;
             // Returns on our disconnect or on an error libmosquitto does not retry.
             rc = mosquitto_loop_forever(client->mosq, 1000, 1);
+        }
+        if (client->established.exchange(false)) {
+            // The broker did accept us: this is a new outage, not a persisting one.
+            delay_s = client->reconnect_min_s;
         }
         if (client->stop) {
             return;
