@@ -198,7 +198,7 @@ void run_network(Client *client)
         if (client->stop) {
             return;
         }
-        CH_LOG_ERR("MQTT broker %s:%d not reachable (%s), retrying in %u s", client->host.c_str(), client->port,
+        CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(), client->port,
                    rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
         if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
             return;
