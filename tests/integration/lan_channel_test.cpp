@@ -145,6 +145,21 @@ TEST_F(LanChannel, AuthenticatedClientReceivesReportsAndCanCommand)
     EXPECT_EQ(42, cmd.dps[0].number);
 }
 
+TEST_F(LanChannel, ConnectionsBeyondTheLimitAreClosedAtOnce)
+{
+    start({}, {}, false);
+    LAN_CONFIG_S cfg{};
+    cfg.max_clients = 1;
+    ASSERT_EQ(RC_OK, lan_start(&cfg));
+    LanPeer first;
+    authenticate(&first);
+    LanPeer second;
+    ASSERT_TRUE(second.connect(lan_bound_port()));
+    std::string got;
+    EXPECT_TRUE(second.closed_without_data(seconds(10), &got)) << got;
+    EXPECT_EQ(1u, lan_authed_client_count());
+}
+
 TEST_F(LanChannel, BadConfigurationIsRefused)
 {
     start({}, {}, false);

@@ -236,6 +236,50 @@ TEST_F(MqttChannel, StatusTopicSaysOnlineOnConnectAndOfflineOnStop)
         seconds(10)));
 }
 
+TEST_F(MqttChannel, PublicationWithoutATimeLimitUsesTheConfiguredDefault)
+{
+    start({}, {}, false);
+    MQC_CONFIG_S cfg = mqtt_config();
+    cfg.default_timeout_s = 1;
+    ASSERT_EQ(RC_OK, mqc_start(&cfg));
+    ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10)));
+    CompletionLog log;
+
+    broker_->pause();
+    const auto began = std::chrono::steady_clock::now();
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_PRESENCE, "{\"online\":[\"a\"]}", 1, 0, record_completion, &log));
+    ASSERT_TRUE(eventually([&] { return !completions(&log).empty(); }, seconds(10)));
+    const auto waited = std::chrono::steady_clock::now() - began;
+    broker_->resume();
+
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_TIMEOUT}, completions(&log));
+    EXPECT_GE(waited, milliseconds(900));
+}
+
+TEST_F(MqttChannel, InboundCommandsBeyondTheQueueBoundAreDroppedWithALogLine)
+{
+    StderrCapture log;
+    start({{"sub01", 1, 1}});
+    IT_REQUIRE_MODULE("sf_respone_obj_dp_query");
+    std::mutex gate;
+    gate.lock(); // the first query holds the inbound thread until released
+    set_query_hook([&](const std::string &) {
+        gate.lock();
+        gate.unlock();
+    });
+
+    for (int i = 0; i < 80; ++i) {
+        ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\"],\"dpids\":[1]}"));
+    }
+    EXPECT_TRUE(log.wait_for("query command dropped: 64 commands already waiting", seconds(10))) << log.text();
+    gate.unlock();
+
+    // One was being handled and 64 waited: those and no more reach the application.
+    EXPECT_TRUE(wait_app_calls(65, seconds(10)));
+    set_query_hook(nullptr);
+    EXPECT_LT(app_calls().size(), 80u);
+}
+
 TEST_F(MqttChannel, BadArgumentsAreRefused)
 {
     start({});
