@@ -5,7 +5,6 @@
 #include "support/blocks.h"
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
-#include "support/module_gaps.h"
 #include "support/stderr_capture.h"
 
 #include "services/lan_channel.h"
@@ -124,7 +123,6 @@ TEST_F(LanChannel, DataReportFrameCarriesItsTypeAndFlag)
 TEST_F(LanChannel, AuthenticatedClientReceivesReportsAndCanCommand)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_send_gw_dev_cmd");
     start_lan();
     LanPeer peer;
     authenticate(&peer);

@@ -7,7 +7,6 @@
 
 #include "support/blocks.h"
 #include "support/channel_fixture.h"
-#include "support/module_gaps.h"
 #include "support/stderr_capture.h"
 
 #include "smart_frame/smart_frame.h"
@@ -38,7 +37,6 @@ std::vector<OPERATE_RET> completions(CompletionLog *log)
 TEST_F(MqttChannel, BrokerConfirmedReportEndsAtPvStat3AndTheSubscriberGetsTheEnvelope)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_start_sync_obj_dp");
 
     ASSERT_EQ(RC_OK, sf_obj_dp_report_async("sub01", "{\"1\":true,\"2\":25}", FALSE));
 
@@ -54,7 +52,6 @@ TEST_F(MqttChannel, BrokerConfirmedReportEndsAtPvStat3AndTheSubscriberGetsTheEnv
 TEST_F(MqttChannel, CloudCommandReachesTheObjectDpCallbackWithTheRightRecord)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd");
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), "{\"devId\":\"sub01\",\"ctype\":0,\"dps\":{\"1\":true,\"2\":25}}"));
 
@@ -75,7 +72,6 @@ TEST_F(MqttChannel, CloudCommandReachesTheObjectDpCallbackWithTheRightRecord)
 TEST_F(MqttChannel, PresenceBatchesReachTheSubscriberUnderProtocol25)
 {
     start({{"sub01", 1, 1}, {"sub02", 1, 1}, {"sub03", 1, 1}});
-    IT_REQUIRE_MODULE("sf_dev_online_stat_update");
 
     ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub01", TRUE));
     ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub02", FALSE));
@@ -260,7 +256,6 @@ TEST_F(MqttChannel, InboundCommandsBeyondTheQueueBoundAreDroppedWithALogLine)
 {
     StderrCapture log;
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_respone_obj_dp_query");
     std::mutex gate;
     gate.lock(); // the first query holds the inbound thread until released
     set_query_hook([&](const std::string &) {
