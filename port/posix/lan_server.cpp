@@ -408,7 +408,8 @@ extern "C" OPERATE_RET lan_data_report_cb(UINT_T fr_type, UINT_T ret_flag, const
     size_t taken;
     {
         std::lock_guard<std::mutex> hold(g_mutex);
-        taken = queue_to_authed([&](Session *session) { return session->queue_text(line, g_settings.max_queue_frames); });
+        taken = queue_to_authed(
+            [&](Session *session) { return session->queue_text(line, g_settings.max_queue_frames); });
     }
     if (taken == 0) {
         return RC_LAN_NOT_SENT;

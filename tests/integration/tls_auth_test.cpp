@@ -72,9 +72,10 @@ TEST_F(TlsAuth, WrongPasswordIsRefusedWithAClearLog)
     MQC_CONFIG_S cfg = tls_config("wrong");
     ASSERT_EQ(RC_OK, mqc_start(&cfg));
 
-    EXPECT_TRUE(log.wait_for("refused the connection: Connection Refused: not authorised. (check the user name and password)",
-                             seconds(30)))
-        << log.text();
+    const std::string refused = "MQTT broker 127.0.0.1:" + std::to_string(broker_->port()) +
+                                " refused the connection: Connection Refused: not authorised."
+                                " (check the user name and password)";
+    EXPECT_TRUE(log.wait_for(refused, seconds(30))) << log.text();
     EXPECT_EQ(0, get_mqc_conn_stat());
     EXPECT_EQ(GW_NW_LAN, get_gw_nw_status());
     EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_prot_data_rept_seq(MQC_PRO_PRESENCE, "{}", 1, 10, nullptr, nullptr));
@@ -98,8 +99,8 @@ TEST_F(TlsAuth, UntrustedBrokerCertificateIsLoggedAndRetried)
     StderrCapture log;
     start_broker(false);
     ASSERT_TRUE(run_command("cd '" + broker_->dir() +
-                            "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=other-ca"
-                            " -keyout other.key -out other.crt >/dev/null 2>&1"));
+                            "' && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2"
+                            " -subj /CN=other-ca -keyout other.key -out other.crt >/dev/null 2>&1"));
     ca_ = broker_->dir() + "/other.crt";
     MQC_CONFIG_S cfg = tls_config("s3cret");
     ASSERT_EQ(RC_OK, mqc_start(&cfg));
