@@ -338,8 +338,13 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         close_sockets();
         return RC_FAIL;
     }
-    g_settings = settings;
-    g_stop = false;
+    {
+        // Reporting threads read the limits under the lock; the channel's
+        // thread reads them after its creation.
+        std::lock_guard<std::mutex> hold(g_mutex);
+        g_settings = settings;
+        g_stop = false;
+    }
     g_thread = std::thread(run_loop);
     CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
     return RC_OK;
@@ -377,7 +382,7 @@ extern "C" void lan_stop(void)
 
 extern "C" OPERATE_RET lan_dp_sata_report(RFC_DATA_S *rfc_data, UINT_T frame_kind)
 {
-    if (rfc_data == nullptr || rfc_data->data == nullptr || rfc_data->data_len < sizeof(MSG_DATA_S)) {
+    if (sf_wire::message_of(rfc_data) == nullptr) {
         CH_LOG_ERR("lan_dp_sata_report: no message block");
         return RC_BAD_PARAM;
     }

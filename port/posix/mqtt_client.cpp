@@ -353,15 +353,6 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
     return RC_OK;
 }
 
-const MSG_DATA_S *block_message(const RFC_DATA_S *rfc_data)
-{
-    if (rfc_data == nullptr || rfc_data->data == nullptr || rfc_data->data_len < sizeof(MSG_DATA_S)) {
-        return nullptr;
-    }
-    const auto *msg = static_cast<const MSG_DATA_S *>(rfc_data->data);
-    return msg->len + sizeof(MSG_DATA_S) <= rfc_data->data_len ? msg : nullptr;
-}
-
 std::string block_payload(const MSG_DATA_S *msg, UINT_T pro)
 {
     return sf_wire::wrap_frame({{"serno", msg->serno}, {"pro", pro}}, reinterpret_cast<const char *>(msg->data),
@@ -375,7 +366,7 @@ std::string block_payload(const MSG_DATA_S *msg, UINT_T pro)
 OPERATE_RET publish_block(RFC_DATA_S *rfc_data, UINT_T pro, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
                           void *prv_data, bool keep_ref, const char *caller)
 {
-    const MSG_DATA_S *msg = block_message(rfc_data);
+    const MSG_DATA_S *msg = sf_wire::message_of(rfc_data);
     if (msg == nullptr) {
         CH_LOG_ERR("%s: no message block", caller);
         return RC_BAD_PARAM;
