@@ -184,6 +184,31 @@ TEST_F(MqttChannel, LostConnectionCompletesPendingReportsOnceAndRefusesNewOnes)
     put_rfc_data(block);
 }
 
+TEST_F(MqttChannel, MessageResentByTheLibraryAfterAReconnectDoesNotCompleteTwice)
+{
+    start({});
+    CompletionLog lost;
+    RFC_DATA_S *block = make_block("{\"dps\":{\"2\":4}}", 8);
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &lost));
+    broker_->stop();
+    ASSERT_TRUE(eventually([&] { return !completions(&lost).empty(); }, seconds(10)));
+
+    std::string why;
+    ASSERT_TRUE(broker_->start(&why)) << why;
+    ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(15)));
+    // libmosquitto sends the unacknowledged message again on the new
+    // connection, before this one; once this one is acknowledged, so is it.
+    CompletionLog fresh;
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &fresh));
+    ASSERT_TRUE(eventually([&] { return !completions(&fresh).empty(); }, seconds(10)));
+
+    EXPECT_EQ(std::vector<OPERATE_RET>{RC_OK}, completions(&fresh));
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_CONN_LOST}, completions(&lost));
+    EXPECT_EQ(1u, references(block));
+    put_rfc_data(block);
+}
+
 TEST_F(MqttChannel, NetworkStatusFollowsTheConnectionAndReconnectsAfterTheBrokerReturns)
 {
     start({});
