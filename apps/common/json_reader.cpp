@@ -42,7 +42,7 @@ bool JsonReader::integer(const char *key, bool required, long long lo, long long
 {
     const cJSON *item = member(key, required);
     if (item == nullptr) {
-        return ok();
+        return false;
     }
     if (!is_integer(item)) {
         return fail(key, "expected an integer");
@@ -60,7 +60,7 @@ bool JsonReader::boolean(const char *key, bool required, bool *out)
 {
     const cJSON *item = member(key, required);
     if (item == nullptr) {
-        return ok();
+        return false;
     }
     if (!cJSON_IsBool(item)) {
         return fail(key, "expected true or false");
@@ -73,7 +73,7 @@ bool JsonReader::text(const char *key, bool required, std::string *out)
 {
     const cJSON *item = member(key, required);
     if (item == nullptr) {
-        return ok();
+        return false;
     }
     if (!cJSON_IsString(item)) {
         return fail(key, "expected a string");

@@ -20,6 +20,7 @@ public:
 
     /* The member, or NULL (absent and not required, or an error recorded). */
     const cJSON *member(const char *key, bool required);
+    /* The typed getters return true only when the value was there and fitted (then *out is set). */
     bool integer(const char *key, bool required, long long lo, long long hi, long long *out);
     bool boolean(const char *key, bool required, bool *out);
     bool text(const char *key, bool required, std::string *out);

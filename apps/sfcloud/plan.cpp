@@ -246,7 +246,11 @@ public:
         if (!failed.empty()) {
             return {Verdict::FAILED, failed};
         }
-        return {Verdict::OK, "every device answered 0"};
+        std::string each;
+        for (const std::string &cid : cids_) {
+            each += (each.empty() ? "" : " ") + cid + "=0";
+        }
+        return {Verdict::OK, "every device answered 0: " + each};
     }
     std::string missing() const override
     {
