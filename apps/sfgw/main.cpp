@@ -61,8 +61,9 @@ int main(int argc, char **argv)
         return sfgw::EXIT_USAGE;
     }
     if (options.check_only) {
-        std::printf("%s: gateway %s with %zu sub-devices: OK\n", options.description.c_str(),
-                    description.gateway_id.c_str(), sub_device_count(description));
+        const size_t subs = sub_device_count(description);
+        std::printf("%s: gateway %s with %zu sub-device%s: OK\n", options.description.c_str(),
+                    description.gateway_id.c_str(), subs, subs == 1 ? "" : "s");
         return 0;
     }
 
