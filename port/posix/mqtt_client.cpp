@@ -2,10 +2,15 @@
  * The MQTT client over libmosquitto: connection, topics, publications and
  * their completions (services/mqtt_client.h, port/posix/mqtt_config.h).
  *
- * Threads: libmosquitto's network thread runs connect/disconnect,
- * acknowledgements (completions) and inbound messages (queued for the
- * inbound thread); the expiry thread completes publications whose time
- * limit passed. Completions never run with a lock of this client held.
+ * Threads: the network thread runs libmosquitto's loop: connect and
+ * disconnect, acknowledgements (completions) and inbound messages (queued
+ * for the inbound thread); the expiry thread completes publications whose
+ * time limit passed. Completions never run with a lock of this client held.
+ *
+ * The network thread is ours rather than mosquitto_loop_start's because
+ * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
+ * error, a failed name lookup, a protocol error), which on a gateway are
+ * often passing: we log them and connect again with back-off.
  */
 #include <mosquitto.h>
 
@@ -22,8 +27,7 @@
 #include "../../services/mqtt_client.h"
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
-// provided by the registry (port/posix/gw_registry.h)
-extern "C" void gw_registry_set_nw_status(GW_BASE_NW_STAT_T status);
+#include "gw_registry.h"
 #include "mqtt_config.h"
 #include "mqtt_inbound.h"
 #include "mqtt_pending.h"
@@ -60,9 +64,16 @@ struct Client {
     PendingPublications pending;
     std::unique_ptr<sf_mqtt::InboundWorker> inbound;
 
-    std::mutex expiry_mutex;
-    std::condition_variable expiry_wake;
-    bool expiry_stop = false;
+    // stop ends the network and expiry threads; wait_mutex/wake let them
+    // sleep until it is set. connect_mutex spans "stop not set yet, so
+    // connect", so that mqc_stop's disconnect never precedes a connect that
+    // would then run on for ever.
+    std::atomic<bool> stop{false};
+    std::atomic<bool> established{false}; // a session was accepted since the last back-off
+    std::mutex wait_mutex;
+    std::condition_variable wake;
+    std::mutex connect_mutex;
+    std::thread network;
     std::thread expiry;
 };
 
@@ -93,6 +104,8 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
     }
     mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
                       true);
+    client->pending.open();
+    client->established = true;
     g_connected = true;
     gw_registry_set_nw_status(GW_NW_CLOUD);
     CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
@@ -117,7 +130,7 @@ void on_disconnect(mosquitto *, void *obj, int rc)
     }
     // libmosquitto will re-send these after a reconnect, but their callers
     // are told now; the late acknowledgements then find no entry.
-    PendingPublications::complete(client->pending.take_all(), MQC_RC_CONN_LOST);
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
 }
 
 void on_publish(mosquitto *, void *obj, int mid)
@@ -144,15 +157,82 @@ void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
     client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen));
 }
 
+/* Sleep up to span unless the client stops; false when it stops. */
+bool wait_unless_stopped(Client *client, std::chrono::milliseconds span)
+{
+    std::unique_lock<std::mutex> hold(client->wait_mutex);
+    return !client->wake.wait_for(hold, span, [client] { return client->stop.load(); });
+}
+
 void run_expiry(Client *client)
 {
-    std::unique_lock<std::mutex> hold(client->expiry_mutex);
-    while (!client->expiry_stop) {
-        client->expiry_wake.wait_for(hold, EXPIRY_TICK);
-        hold.unlock();
+    while (wait_unless_stopped(client, EXPIRY_TICK)) {
         PendingPublications::complete(client->pending.take_expired(Clock::now()), MQC_RC_TIMEOUT);
-        hold.lock();
     }
+}
+
+void run_network(Client *client)
+{
+    bool first = true;
+    UINT_T delay_s = client->reconnect_min_s;
+    for (;;) {
+        int rc;
+        {
+            std::lock_guard<std::mutex> hold(client->connect_mutex);
+            if (client->stop) {
+                return;
+            }
+            rc = first ? mosquitto_connect(client->mosq, client->host.c_str(), client->port,
+                                           static_cast<int>(client->keepalive_s))
+                       : mosquitto_reconnect(client->mosq);
+        }
+        first = false;
+        if (rc == MOSQ_ERR_SUCCESS) {
+            // Returns on our disconnect or on an error libmosquitto does not retry.
+            rc = mosquitto_loop_forever(client->mosq, 1000, 1);
+        }
+        if (client->established.exchange(false)) {
+            // The broker did accept us: this is a new outage, not a persisting one.
+            delay_s = client->reconnect_min_s;
+        }
+        if (client->stop) {
+            return;
+        }
+        CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(), client->port,
+                   rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
+        if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
+            return;
+        }
+        delay_s = delay_s * 2 > client->reconnect_max_s ? client->reconnect_max_s : delay_s * 2;
+    }
+}
+
+void on_log(mosquitto *, void *, int level, const char *text)
+{
+    // libmosquitto says why TLS failed only here.
+    if (level == MOSQ_LOG_ERR) {
+        CH_LOG_ERR("libmosquitto: %s", text);
+    }
+}
+
+void stop_threads(Client *client)
+{
+    {
+        std::lock_guard<std::mutex> hold(client->connect_mutex);
+        client->stop = true;
+        mosquitto_disconnect(client->mosq);
+    }
+    {
+        std::lock_guard<std::mutex> hold(client->wait_mutex);
+    }
+    client->wake.notify_all();
+    if (client->network.joinable()) {
+        client->network.join();
+    }
+    if (client->expiry.joinable()) {
+        client->expiry.join();
+    }
+    client->inbound->stop();
 }
 
 bool configure(Client *client, const MQC_CONFIG_S *cfg)
@@ -206,6 +286,8 @@ bool set_up_mosquitto(Client *client)
     mosquitto_disconnect_callback_set(mosq, on_disconnect);
     mosquitto_publish_callback_set(mosq, on_publish);
     mosquitto_message_callback_set(mosq, on_message);
+    mosquitto_log_callback_set(mosq, on_log);
+    mosquitto_threaded_set(mosq, true);
     mosquitto_reconnect_delay_set(mosq, client->reconnect_min_s, client->reconnect_max_s, true);
     mosquitto_max_inflight_messages_set(mosq, client->max_inflight);
     int rc = mosquitto_will_set(mosq, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1, OFFLINE_STATUS, 1,
@@ -261,7 +343,7 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
         c.deadline = Clock::now() + std::chrono::seconds(to_lmt_s != 0 ? to_lmt_s : client->default_timeout_s);
         rc = client->pending.publish_and_record(publish, c);
     }
-    if (rc == MOSQ_ERR_NO_CONN) {
+    if (rc == MOSQ_ERR_NO_CONN || rc == PendingPublications::CLOSED) {
         return MQC_RC_NOT_CONNECTED;
     }
     if (rc != MOSQ_ERR_SUCCESS) {
@@ -341,27 +423,9 @@ extern "C" OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg)
     gw_registry_set_nw_status(GW_NW_LAN);
     client->inbound->start();
     client->expiry = std::thread(run_expiry, client);
-    int rc = mosquitto_loop_start(client->mosq);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        CH_LOG_ERR("mosquitto_loop_start failed: %s", mosquitto_strerror(rc));
-        client->inbound->stop();
-        {
-            std::lock_guard<std::mutex> hold(client->expiry_mutex);
-            client->expiry_stop = true;
-        }
-        client->expiry_wake.notify_all();
-        client->expiry.join();
-        destroy(client);
-        return MQC_RC_START_FAIL;
-    }
-    // An unreachable broker is not an error here: the network thread keeps
-    // retrying with back-off.
-    rc = mosquitto_connect_async(client->mosq, client->host.c_str(), client->port,
-                                 static_cast<int>(client->keepalive_s));
-    if (rc != MOSQ_ERR_SUCCESS) {
-        CH_LOG_ERR("MQTT broker %s:%d not reachable yet (%s), retrying", client->host.c_str(), client->port,
-                   rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc));
-    }
+    // The first connection is made on the network thread: an unreachable
+    // broker is not an error here, it is retried with back-off.
+    client->network = std::thread(run_network, client);
     g_client = client;
     return RC_OK;
 }
@@ -376,21 +440,19 @@ extern "C" void mqc_stop(void)
     if (client == nullptr || g_stopping.exchange(true)) {
         return;
     }
-    mosquitto_disconnect(client->mosq);
-    mosquitto_loop_stop(client->mosq, false);
-    g_connected = false;
-    client->inbound->stop();
-    {
-        std::lock_guard<std::mutex> hold(client->expiry_mutex);
-        client->expiry_stop = true;
+    const bool was_connected = g_connected;
+    if (was_connected) {
+        // A clean disconnect does not fire the will: say it ourselves.
+        mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1,
+                          OFFLINE_STATUS, 1, true);
     }
-    client->expiry_wake.notify_all();
-    client->expiry.join();
+    stop_threads(client);
+    g_connected = false;
     {
         std::unique_lock<std::shared_mutex> life(g_life);
         g_client = nullptr;
     }
-    PendingPublications::complete(client->pending.take_all(), MQC_RC_STOPPED);
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
     destroy(client);
     gw_registry_set_nw_status(GW_NW_LAN);
     g_stopping = false;

@@ -83,16 +83,15 @@ bool Broker::write_config(std::string *why)
     }
     if (options_.tls) {
         const std::string d = "'" + dir_ + "'";
+        const std::string new_key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
         const std::string make_certs =
-            "cd " + d +
-            " && openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=sf-test-ca -keyout ca.key -out ca.crt" +
-            quiet +
-            " && openssl req -newkey rsa:2048 -nodes -subj /CN=localhost -keyout server.key -out server.csr" + quiet +
+            "cd " + d + " && openssl req -x509" + new_key + " -days 2 -subj /CN=sf-test-ca -keyout ca.key -out ca.crt" +
+            quiet + " && openssl req" + new_key + " -subj /CN=localhost -keyout server.key -out server.csr" + quiet +
             " && printf 'subjectAltName=IP:127.0.0.1,DNS:localhost\\n' > san.ext"
             " && openssl x509 -req -in server.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 2"
             " -extfile san.ext -out server.crt" +
             quiet +
-            " && openssl req -newkey rsa:2048 -nodes -subj /CN=gateway -keyout client.key -out client.csr" + quiet +
+            " && openssl req" + new_key + " -subj /CN=gateway -keyout client.key -out client.csr" + quiet +
             " && openssl x509 -req -in client.csr -CA ca.crt -CAkey ca.key -CAcreateserial -days 2 -out client.crt" +
             quiet;
         if (!run_command(make_certs)) {

@@ -54,6 +54,20 @@ protected:
             MQC_CONFIG_S cfg = mqtt_config();
             ASSERT_EQ(RC_OK, mqc_start(&cfg));
             ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10))) << "no MQTT connection";
+            if (broker_options.user.empty() && !broker_options.tls) {
+                // The gateway says it is online after subscribing: from then on commands reach it.
+                ASSERT_TRUE(cloud_.wait_until(
+                    [](const std::vector<Received> &all) {
+                        for (const Received &one : all) {
+                            if (one.topic == topic("status") && one.payload == "{\"online\":true}") {
+                                return true;
+                            }
+                        }
+                        return false;
+                    },
+                    seconds(10)))
+                    << "no online status";
+            }
         }
     }
 
@@ -67,11 +81,10 @@ protected:
         return cfg;
     }
 
-    /* Start the LAN channel on a free port with the gateway's key. */
+    /* Start the LAN channel on a free port; the key comes from the registry. */
     void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0)
     {
         LAN_CONFIG_S cfg{};
-        cfg.local_key = LOCAL_KEY;
         cfg.auth_timeout_ms = auth_timeout_ms;
         cfg.max_queue_frames = max_queue_frames;
         ASSERT_EQ(RC_OK, lan_start(&cfg));
