@@ -2,9 +2,20 @@
 # mosquitto on a free loopback port, the gateway daemon, step headings.
 # Source it; every function reports on stderr and returns non-zero on failure.
 
-# A free TCP port on 127.0.0.1 (the kernel picks one, then it is released).
+# A TCP port taken at random that no socket of this host uses, listening
+# or connected (bash and /proc only: a fresh machine may lack python).
 free_port() {
-  python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1]); s.close()'
+  local port hex
+  for _ in $(seq 200); do
+    port=$((20000 + RANDOM % 30000))
+    hex=$(printf ':%04X ' "$port")
+    if ! cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | grep -q "$hex"; then
+      echo "$port"
+      return 0
+    fi
+  done
+  echo "no free port found" >&2
+  return 1
 }
 
 # Wait up to $2 seconds for something to accept connections on 127.0.0.1:$1.

@@ -6,7 +6,9 @@
 set -uo pipefail
 want_code=$1 want_text=$2
 shift 2
-port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+# shellcheck source=../../scripts/lib/demo_lib.sh
+. "$(dirname "$0")/../../scripts/lib/demo_lib.sh"
+port=$(free_port)
 args=()
 for a in "$@"; do args+=("${a//@FREE_PORT@/$port}"); done
 out=$("${args[@]}" 2>&1)
