@@ -12,11 +12,6 @@ namespace apps {
 
 namespace {
 
-struct JsonDeleter {
-    void operator()(cJSON *node) const { cJSON_Delete(node); }
-};
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
-
 /* Parse, or say where the text stops being JSON. */
 Json parse_json(const std::string &text, const std::string &file, std::string *error)
 {

@@ -1,6 +1,7 @@
 #include "json_reader.h"
 
 #include <cmath>
+#include <cstdlib>
 
 namespace apps {
 
@@ -108,6 +109,17 @@ bool JsonReader::no_unknown_keys()
 std::string element_path(const std::string &path, const char *key, int index)
 {
     return (path.empty() ? std::string(key) : path + "." + key) + "[" + std::to_string(index) + "]";
+}
+
+bool parse_int(const std::string &text, long lo, long hi, int *out)
+{
+    char *end = nullptr;
+    const long value = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || value < lo || value > hi) {
+        return false;
+    }
+    *out = static_cast<int>(value);
+    return true;
 }
 
 bool is_integer(const cJSON *node)

@@ -8,10 +8,20 @@
 
 #include <cjson/cJSON.h>
 
+#include <memory>
 #include <set>
 #include <string>
 
 namespace apps {
+
+/* Owner of a parsed or built cJSON tree. */
+struct JsonDeleter {
+    void operator()(cJSON *node) const { cJSON_Delete(node); }
+};
+using Json = std::unique_ptr<cJSON, JsonDeleter>;
+
+/* Whole decimal text within lo..hi into *out; false (and *out untouched) otherwise. */
+bool parse_int(const std::string &text, long lo, long hi, int *out);
 
 class JsonReader {
 public:

@@ -1,24 +1,11 @@
 #include "options.h"
 
+#include "common/json_reader.h"
+
 #include <cstdlib>
 #include <map>
 
 namespace sfcloud {
-
-namespace {
-
-bool parse_int(const std::string &text, long lo, long hi, int *out)
-{
-    char *end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || value < lo || value > hi) {
-        return false;
-    }
-    *out = static_cast<int>(value);
-    return true;
-}
-
-} // namespace
 
 const char *usage_text()
 {
@@ -90,7 +77,7 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 *texts.at(arg) = value;
             } else {
                 const auto &number = numbers.at(arg);
-                if (!parse_int(value, number.second.first, number.second.second, number.first)) {
+                if (!apps::parse_int(value, number.second.first, number.second.second, number.first)) {
                     *why = arg + ": expected a number from " + std::to_string(number.second.first) + " to " +
                            std::to_string(number.second.second) + ", got " + value;
                     return false;

@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <memory>
 
+#include "common/json_reader.h"
+
 namespace sfcloud {
 
-namespace {
+using apps::Json;
 
-struct JsonDeleter {
-    void operator()(cJSON *node) const { cJSON_Delete(node); }
-};
-using Json = std::unique_ptr<cJSON, JsonDeleter>;
+namespace {
 
 const cJSON *get(const cJSON *object, const char *key) { return cJSON_GetObjectItemCaseSensitive(object, key); }
 

@@ -1,23 +1,10 @@
 #include "options.h"
 
+#include "common/json_reader.h"
+
 #include <cstdlib>
 
 namespace sfgw {
-
-namespace {
-
-bool parse_int(const std::string &text, long lo, long hi, int *out)
-{
-    char *end = nullptr;
-    const long value = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || value < lo || value > hi) {
-        return false;
-    }
-    *out = static_cast<int>(value);
-    return true;
-}
-
-} // namespace
 
 int parse_log_level(const std::string &text)
 {
@@ -28,7 +15,7 @@ int parse_log_level(const std::string &text)
         }
     }
     int level = -1;
-    return parse_int(text, 0, 5, &level) ? level : -1;
+    return apps::parse_int(text, 0, 5, &level) ? level : -1;
 }
 
 const char *usage_text()
@@ -84,7 +71,7 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 return false;
             }
             int port = 0;
-            if (!parse_int(value, arg == "--lan-port" ? 0 : 1, 65535, &port)) {
+            if (!apps::parse_int(value, arg == "--lan-port" ? 0 : 1, 65535, &port)) {
                 *why = arg + ": expected a port number, got " + value;
                 return false;
             }
@@ -102,7 +89,7 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             if (!need_value("seconds")) {
                 return false;
             }
-            if (!parse_int(value, 1, 3600, &out->connect_timeout_s)) {
+            if (!apps::parse_int(value, 1, 3600, &out->connect_timeout_s)) {
                 *why = arg + ": expected seconds (1..3600), got " + value;
                 return false;
             }
