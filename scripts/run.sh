@@ -34,7 +34,8 @@ lan_port=$(port_or_free 6668)
 broker_start "$state" "$mqtt_port"
 gateway_start "$state" "$bin/sfgw" "$root/examples/gateway.json" "$mqtt_port" "$lan_port" info
 
-cloud="$bin/sfcloud --port $mqtt_port"
+rel=${bin#"$root"/}
+cloud="$rel/sfcloud --port $mqtt_port"
 cat <<EOT
 
 The broker listens on 127.0.0.1:$mqtt_port, the gateway gw0001 runs with
@@ -49,7 +50,7 @@ four simulated sub-devices (log: build/run/sfgw.log), its LAN channel on
   $cloud scene add 5 01 plug01 bulb01
   $cloud silence sensor01              # offline about a minute later
   $cloud wake sensor01
-  $bin/sfcloud --lan 127.0.0.1:$lan_port set bulb01 work_mode=colour
+  $rel/sfcloud --lan 127.0.0.1:$lan_port set bulb01 work_mode=colour
 
   scripts/run.sh stop                  # stop the gateway and the broker
 EOT

@@ -417,7 +417,9 @@ bool plan_query(Planner &p, const std::vector<std::string> &args, Plan *out)
             return p.fail("query: name the DPs (no description to list them)");
         }
         for (const apps::DpSchema &dp : device->schema.dps) {
-            if (dp.type == "obj" && dp.mode != "wr") {
+            /* a passive DP of a preprocessing device stays held back until a command releases it */
+            const bool held = dp.passive && device->schema.preprocess;
+            if (dp.type == "obj" && dp.mode != "wr" && !held) {
                 dpids.push_back(dp.id);
             }
         }
@@ -451,7 +453,10 @@ bool plan_query(Planner &p, const std::vector<std::string> &args, Plan *out)
             for (const auto &dp : wanted_) {
                 out += (out.empty() ? "" : ", ") + dp_label(names_, dev_, dp.first);
             }
-            return "no report of " + dev_ + " " + out;
+            const apps::DeviceDescription *device = names_ != nullptr ? names_->find(dev_) : nullptr;
+            const bool may_hold = device != nullptr && device->schema.preprocess;
+            return "no report of " + dev_ + " " + out +
+                   (may_hold ? " (passive DPs of this device report only after a command released them)" : "");
         }
 
     private:

@@ -166,3 +166,18 @@ TEST(Plan, BadWordsAreRefusedWithAReason)
 }
 
 } // namespace
+
+namespace {
+
+TEST(Plan, QueryWithoutDpsLeavesOutPassiveDpsThatAreHeldBack)
+{
+    /* bulb01 preprocesses: its passive switch_led (20) is reported only after a command released it */
+    Planned q = plan({"query", "bulb01"});
+    ASSERT_TRUE(q.ok) << q.why;
+    EXPECT_EQ(R"({"cids":["bulb01"],"dpids":[21,22,24,26]})", q.plan.document);
+    Planned named = plan({"query", "bulb01", "switch_led"});
+    EXPECT_EQ("no report of bulb01 switch_led (passive DPs of this device report only after a command released them)",
+              named.plan.matcher->missing());
+}
+
+} // namespace
