@@ -124,6 +124,14 @@ std::string value_for_people(const apps::Description *names, const std::string &
 
 std::string results(const Message &m, const std::vector<std::string> &cids)
 {
+    if (cids.empty()) {
+        /* a group answer names no devices: its codes follow the cids of the command */
+        std::string codes;
+        for (long long ret : m.rets) {
+            codes += (codes.empty() ? "" : " ") + std::to_string(ret);
+        }
+        return "results " + codes + " (in the order of the command's cids)";
+    }
     std::string out;
     for (size_t i = 0; i < m.rets.size(); ++i) {
         const std::string who = i < cids.size() ? cids[i] : "#" + std::to_string(i + 1);

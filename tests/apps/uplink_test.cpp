@@ -48,6 +48,7 @@ TEST(Uplink, PresenceGroupAndSceneAnswersAreDecoded)
     EXPECT_EQ("#5 presence online: -   offline: t1", sfcloud::describe(m, nullptr));
     m = up(R"({"serno":6,"pro":203,"data":{"action":0,"rets":[0,-1],"gid":"5"}})");
     EXPECT_EQ(R"({"kind":"group","serno":6,"pro":203,"action":0,"gid":"5","rets":[0,-1]})", sfcloud::to_json(m, nullptr));
+    EXPECT_EQ("#6 group    add group 5: results 0 -1 (in the order of the command's cids)", sfcloud::describe(m, nullptr));
     m = up(R"({"serno":7,"pro":205,"data":{"action":1,"cids":["t1"],"rets":[0],"sid":"01","gid":"5"}})");
     EXPECT_EQ("#7 scene    del scene 01 of group 5: t1=0", sfcloud::describe(m, nullptr));
 }
