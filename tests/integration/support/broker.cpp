@@ -110,9 +110,25 @@ bool Broker::write_config(std::string *why)
 
 bool Broker::start(std::string *why)
 {
-    if (!configured_ && !write_config(why)) {
-        return false;
+    // A restart keeps its port; a first start that loses its port to
+    // another test (it was free a moment ago) tries another one.
+    const bool restart = configured_;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        if (!configured_ && !write_config(why)) {
+            return false;
+        }
+        const bool up = launch(why);
+        if (up || restart) {
+            return up;
+        }
+        stop();
+        configured_ = false;
     }
+    return false;
+}
+
+bool Broker::launch(std::string *why)
+{
     const std::string conf = dir_ + "/mosquitto.conf";
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -121,14 +137,14 @@ bool Broker::start(std::string *why)
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < deadline) {
-        if (port_open(port_)) {
-            return true;
-        }
         int status = 0;
         if (::waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
             *why = "mosquitto exited at start; see " + dir_ + "/broker.log";
             return false;
+        }
+        if (port_open(port_)) {
+            return true;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
