@@ -35,6 +35,7 @@ trap 'exit 130' INT TERM
 
 mqtt_port=$(free_port)
 lan_port=$(free_port)
+while [ "$lan_port" = "$mqtt_port" ]; do lan_port=$(free_port); done
 started=$SECONDS
 failures=()
 step_no=0
