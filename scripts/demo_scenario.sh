@@ -74,8 +74,9 @@ expect_ok --session demo-reports --timeout 20 wait report gateway alarm_volume=3
   bulb01 bright_value=500 thermo01 temp_set=21.0 sensor01 temp_current=21.5
 expect_ok --session demo-presence --timeout 25 wait online plug01 bulb01 thermo01 sensor01
 
-heading "A command: switch plug01 on; the plug reports its new state"
+heading "A command: switch plug01 on; the plug reports its new state (and a raw command comes back as raw)"
 expect_ok --expect report set plug01 switch=on
+expect_ok --expect report set bulb01 raw_cmd=AQIDBA==
 
 heading "A command that changes nothing: switch plug01 on again; the gateway echoes the current value"
 expect_ok --expect echo set plug01 switch=on
@@ -102,12 +103,12 @@ expect_ok --session outage subscribe
 broker_stop "$work"
 echo "   mosquitto stopped"
 expect_ok --lan "127.0.0.1:$lan_port" set plug01 switch=off
-expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300
+expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300 work_mode=scene
 sleep 2
 heading "The broker returns: the gateway re-sends every value the cloud did not confirm"
 broker_start "$work" "$mqtt_port" || exit 1
 echo "   mosquitto started again on the same port"
-expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300
+expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300 work_mode=scene
 
 heading "Clean shutdown of the gateway (SIGTERM)"
 if gateway_stop "$work"; then

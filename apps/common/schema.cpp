@@ -1,5 +1,6 @@
 #include "schema.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -119,6 +120,23 @@ long long pow10(int scale)
     return factor;
 }
 
+/* Standard alphabet, padded to a multiple of four: what the smart frame decodes. */
+bool is_base64(const char *text)
+{
+    const size_t len = std::strlen(text);
+    if (len % 4 != 0) {
+        return false;
+    }
+    for (size_t i = 0; i < len; ++i) {
+        const char c = text[i];
+        const bool padding = c == '=' && i + 2 >= len && (i + 1 == len || text[i + 1] == '=');
+        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '/' && !padding) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 bool read_schemas(const cJSON *root, std::vector<DeviceSchema> *out, std::string *error)
@@ -154,7 +172,7 @@ bool read_schemas(const cJSON *root, std::vector<DeviceSchema> *out, std::string
 bool value_fits(const DpSchema &dp, const cJSON *value, std::string *why)
 {
     if (dp.type == "raw") {
-        if (!cJSON_IsString(value)) {
+        if (!cJSON_IsString(value) || !is_base64(value->valuestring)) {
             *why = "expected base64 text";
             return false;
         }

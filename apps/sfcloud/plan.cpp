@@ -375,11 +375,12 @@ bool plan_set(Planner &p, const std::vector<std::string> &args, Plan *out)
         if (schema != nullptr && schema->mode == "ro") {
             return p.fail(dev + " " + schema->label() + " is read-only");
         }
-        if (schema != nullptr && (schema->mode == "wr" || schema->type == "raw") && p.opt_.expect != "any") {
+        if (schema != nullptr && schema->mode == "wr" && p.opt_.expect != "any") {
             return p.fail(dev + " " + schema->label() + " is never reported: use --expect any");
         }
         dps += (dps.empty() ? "" : ",") + std::string("\"") + std::to_string(dpid) + "\":" + json;
-        if (schema == nullptr || (schema->mode != "wr" && schema->type == "obj")) {
+        /* a device reports raw DPs back as it got them, base64 text like the command's */
+        if (schema == nullptr || (schema->mode != "wr" && schema->type != "file")) {
             values[dpid] = json;
         }
     }

@@ -84,6 +84,20 @@ TEST(SchemaValueText, BitmapsStayWithinTheirBits)
     EXPECT_EQ("out of range (0..255): 256", why);
 }
 
+TEST(SchemaValueText, RawDpsTakeBase64Text)
+{
+    apps::DpSchema r = dp("");
+    r.type = "raw";
+    EXPECT_EQ("\"AQID\"", json_of(r, "AQID"));
+    EXPECT_EQ("\"AQI=\"", json_of(r, "AQI="));
+    EXPECT_EQ("\"AQ==\"", json_of(r, "AQ=="));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(r, "AQI", &why));
+    EXPECT_EQ("expected base64 text", why);
+    EXPECT_EQ("REFUSED", json_of(r, "A=QI"));
+    EXPECT_EQ("REFUSED", json_of(r, "not base64!!"));
+}
+
 TEST(SchemaDisplay, ScaledValuesShowTheirDecimalsAndSign)
 {
     apps::DpSchema v = dp("value");
