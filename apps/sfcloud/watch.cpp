@@ -2,6 +2,8 @@
 
 #include <cjson/cJSON.h>
 
+#include "plan.h"
+
 namespace sfcloud {
 
 DeviceTable::DeviceTable(const apps::Description *names) : names_(names)
@@ -71,6 +73,19 @@ int watch(const Options &options, const apps::Description *names, Link &link, FI
     const Deadline end = options.for_s > 0 ? Clock::now() + std::chrono::seconds(options.for_s)
                                            : Clock::now() + std::chrono::hours(24 * 365);
     DeviceTable table(names);
+    if (options.table && names != nullptr) {
+        /* fill the table at once: every device answers a query with its current values */
+        for (const apps::DeviceDescription &device : names->devices) {
+            Options ask = options;
+            ask.words = {"query", device.schema.id};
+            Plan plan;
+            std::string why;
+            if (device.schema.bind && make_plan(ask, names, names->gateway_id, &plan, &why) &&
+                plan.document.find("[]") == std::string::npos) {
+                link.send(plan.send_kind, plan.document, &why);
+            }
+        }
+    }
     std::deque<std::string> recent;
     int seen = 0;
     Message m;
