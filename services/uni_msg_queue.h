@@ -61,7 +61,8 @@ OPERATE_RET cmmod_get_free_msgid(MSG_ID *mid);
  */
 OPERATE_RET cmmod_reg_msgcb(MSG_ID mid, MSG_CALLBACK cb);
 
-/* Undo cmmod_reg_msgcb and free the id. Accepts an id that was never registered. */
+/* Undo cmmod_reg_msgcb and free the id; messages still queued for it are dropped
+ * and their copies released. Accepts an id that was never registered. */
 void cmmod_unreg_msgcb(MSG_ID mid);
 
 /*
@@ -82,7 +83,12 @@ OPERATE_RET cmmod_cr_tm_msg_hand(TM_MSG_CB cb, void *data, TM_MSG_S **tm_msg);
  */
 OPERATE_RET cmmod_start_tm_msg(TM_MSG_S *tm_msg, TIME_MS period_ms, TIMER_TYPE timer_type);
 
-/* Stop and destroy tm_msg. MUST accept NULL. */
+/*
+ * Stop and destroy tm_msg. MUST accept NULL. Once it returns, the callback
+ * is not running and never runs again (a call from another thread waits for
+ * a callback in progress); it may be called from the timed message's own
+ * callback.
+ */
 void cmmod_release_tm_msg(TM_MSG_S *tm_msg);
 
 #ifdef __cplusplus

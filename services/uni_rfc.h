@@ -21,16 +21,19 @@ typedef struct {
 } RFC_DATA_S;
 
 /*
- * Wrap data (ownership passes to the block; released with Free on the last
- * put) with rfc initial references. NULL on failure, and then data is still
- * the caller's. Any thread.
+ * Wrap data with rfc initial references (rfc MUST be at least 1).
+ * malk FALSE: ownership of data passes to the block; it is released with
+ * Free on the last put. malk TRUE: the block holds a copy of the data_len
+ * bytes of data in the same allocation, and data stays the caller's.
+ * NULL on failure, and then data is still the caller's. Any thread.
  */
 RFC_DATA_S *cr_rfc_data(void *data, UINT_T data_len, BOOL_T malk, UINT_T rfc);
 
 /* Add a reference. Any thread. */
 void get_rfc_data(RFC_DATA_S *rfc_data);
 
-/* Drop a reference; the last one frees the block and its data. Any thread. */
+/* Drop a reference; the last one frees the block and its data. A put without a
+ * reference left is a programming error. Any thread. */
 void put_rfc_data(RFC_DATA_S *rfc_data);
 
 #ifdef __cplusplus

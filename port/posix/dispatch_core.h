@@ -1,0 +1,72 @@
+/*
+ * State shared by the message module and the timer service: one queue of
+ * posted messages, the timed messages, and the one dispatch thread that
+ * runs both, one job at a time, in posting or firing order.
+ *
+ * Everything here is guarded by Dispatch::lock. No handler or timed-message
+ * callback ever runs with the lock held, so they may post, start and
+ * release timed messages freely.
+ */
+#ifndef PORT_POSIX_DISPATCH_CORE_H
+#define PORT_POSIX_DISPATCH_CORE_H
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "../../services/uni_msg_queue.h"
+
+namespace posix_rt {
+
+using Clock = std::chrono::steady_clock;
+
+struct QueuedMessage {
+    MESSAGE msg;
+    Clock::time_point posted; /* orders it against timed messages falling due */
+};
+
+/* A timed message; the public record comes first so the two convert. */
+struct TimedMessage {
+    TM_MSG_S pub;
+    bool armed = false;
+    TIMER_TYPE type = TIMER_ONCE;
+    TIME_MS period_ms = 0;
+    Clock::time_point due;
+    bool released = false; /* released while its callback ran: freed by the dispatcher */
+};
+
+enum class RunState { Stopped, Running, Stopping };
+
+struct Dispatch {
+    std::mutex lock;
+    std::condition_variable wake;    /* new work, a timer change, or a stop request */
+    std::condition_variable settled; /* a timed-message callback returned, or the thread ended */
+    std::deque<QueuedMessage> queue;
+    std::set<MSG_ID> allocated_ids;
+    std::map<MSG_ID, MSG_CALLBACK> handlers;
+    MSG_ID next_id = 0;
+    std::set<TimedMessage *> timers;
+    TimedMessage *running_timer = nullptr;
+    TIMER_ID next_timer_id = 0;
+    bool timer_service_up = false;
+    RunState state = RunState::Stopped;
+    std::thread thread;
+    std::thread::id thread_id;
+};
+
+/* The process-wide instance; never destroyed, so a thread still running at exit finds it intact. */
+Dispatch &dispatch();
+
+/* True when the caller runs on the dispatch thread. Lock held. */
+inline bool on_dispatch_thread(const Dispatch &d)
+{
+    return d.state != RunState::Stopped && d.thread_id == std::this_thread::get_id();
+}
+
+} // namespace posix_rt
+
+#endif /* PORT_POSIX_DISPATCH_CORE_H */

@@ -1,0 +1,55 @@
+/*
+ * Configuration and life cycle of the POSIX LAN channel: a TCP server of
+ * newline-delimited JSON frames (docs/wire-protocol.md).
+ *
+ * The channel implements services/lan_channel.h. A client must send the
+ * gateway's local key first; until then it receives nothing and may send
+ * nothing else, and a wrong key or a silent client is closed.
+ */
+#ifndef SF_POSIX_LAN_CONFIG_H
+#define SF_POSIX_LAN_CONFIG_H
+
+#include "../../cloud_defs/kelo_cloud_types.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Frame type of the gateway's answer to a successful authentication. */
+#define LAN_FRAME_AUTH_OK 1
+
+/* Every text is copied by lan_start. Zero or NULL fields take the default in brackets. */
+typedef struct {
+    const CHAR_T *bind_addr;       /* IPv4 address to listen on ["127.0.0.1"] */
+    USHORT_T      port;            /* TCP port; 0 picks a free one (see lan_bound_port) */
+    const CHAR_T *local_key;       /* the gateway's local key; required, not empty */
+    UINT_T        max_clients;     /* connections at once; more are closed at accept [8] */
+    UINT_T        max_queue_frames; /* frames waiting for a slow client before it is dropped [256] */
+    UINT_T        max_frame_bytes; /* longest inbound line; longer closes the client [65536] */
+    UINT_T        max_frame_depth; /* deepest nesting of an inbound frame [32] */
+    UINT_T        auth_timeout_ms; /* time a new client has to authenticate [5000] */
+} LAN_CONFIG_S;
+
+/*
+ * Bind, listen and start the channel's thread. RC_OK, RC_BAD_PARAM (no
+ * key, bad address, already started) or RC_FAIL (socket error, logged).
+ */
+OPERATE_RET lan_start(const LAN_CONFIG_S *cfg);
+
+/* The port the server listens on (useful with port 0), or 0 when stopped. */
+USHORT_T lan_bound_port(void);
+
+/* Clients that have authenticated and are connected now. Any thread. */
+UINT_T lan_authed_client_count(void);
+
+/*
+ * Close every client (their queued blocks are released), stop and join
+ * the thread. Idempotent.
+ */
+void lan_stop(void);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* SF_POSIX_LAN_CONFIG_H */

@@ -1,0 +1,413 @@
+/*
+ * The LAN channel: a TCP server of newline-delimited JSON frames
+ * (services/lan_channel.h, port/posix/lan_config.h, docs/wire-protocol.md).
+ *
+ * One thread owns the sockets: it accepts, reads, authenticates and writes
+ * without ever blocking on a client. Reports are queued by the reporting
+ * threads under g_mutex and written by that thread; a client whose queue is
+ * full is dropped, so a slow reader never holds up the gateway. Commands
+ * are handed to the smart frame after g_mutex is released, since the
+ * application's query callback may report back into this channel.
+ */
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "../../services/lan_channel.h"
+#include "../../smart_frame/smart_frame.h"
+#include "channel_log.h"
+#include "lan_config.h"
+#include "lan_session.h"
+#include "wire_commands.h"
+#include "wire_json.h"
+
+namespace {
+
+using sf_lan::Clock;
+using sf_lan::Session;
+
+constexpr int POLL_TICK_MS = 100;
+constexpr size_t READ_CHUNK = 4096;
+
+struct Settings {
+    std::string bind_addr = "127.0.0.1";
+    std::string local_key;
+    size_t max_clients = 8;
+    size_t max_queue_frames = 256;
+    size_t max_frame_bytes = 65536;
+    size_t max_frame_depth = 32;
+    std::chrono::milliseconds auth_timeout{5000};
+};
+
+struct Command {
+    std::string peer;
+    std::string line;
+};
+
+// g_mutex guards g_sessions and each session's state; g_thread and the
+// sockets below are touched only by lan_start/lan_stop and the channel's
+// thread.
+std::mutex g_mutex;
+std::vector<std::unique_ptr<Session>> g_sessions;
+Settings g_settings;
+int g_listen_fd = -1;
+int g_wake[2] = {-1, -1};
+USHORT_T g_port = 0;
+bool g_stop = false;
+std::thread g_thread;
+
+void wake_loop()
+{
+    const char byte = 1;
+    if (g_wake[1] >= 0) {
+        // A full pipe already guarantees a wake-up.
+        (void)!::write(g_wake[1], &byte, 1);
+    }
+}
+
+bool keys_equal(const std::string &given, const std::string &expected)
+{
+    // The time taken does not depend on where the texts differ.
+    unsigned char diff = given.size() == expected.size() ? 0 : 1;
+    for (size_t i = 0; i < given.size(); ++i) {
+        diff |= static_cast<unsigned char>(given[i] ^ expected[i % expected.size()]);
+    }
+    return diff == 0;
+}
+
+/* Caller holds g_mutex. true when line authenticates the session. */
+bool authenticate(Session *session, const std::string &line)
+{
+    const char *why = "";
+    cJSON *doc = sf_wire::parse_bounded(line.data(), line.size(), g_settings.max_frame_bytes,
+                                        g_settings.max_frame_depth, &why);
+    const cJSON *cmd = cJSON_GetObjectItemCaseSensitive(doc, "cmd");
+    const cJSON *key = cJSON_GetObjectItemCaseSensitive(doc, "key");
+    const bool ok = cJSON_IsString(cmd) && std::strcmp(cmd->valuestring, "auth") == 0 && cJSON_IsString(key) &&
+                    keys_equal(key->valuestring, g_settings.local_key);
+    cJSON_Delete(doc);
+    if (!ok) {
+        return false;
+    }
+    session->set_authed();
+    const GW_CNTL_S *gw = get_gw_cntl();
+    const std::string hello = "{\"gwId\":" + sf_wire::quote(gw->gw_if.id, std::strlen(gw->gw_if.id)) + "}";
+    session->queue_text(sf_wire::wrap_frame({{"type", LAN_FRAME_AUTH_OK}, {"flag", 0}}, hello.data(), hello.size()) +
+                            "\n",
+                        g_settings.max_queue_frames);
+    return true;
+}
+
+/* One command line of an authenticated client, on the channel's thread without g_mutex. */
+void hand_over(const Command &command)
+{
+    const char *why = "";
+    cJSON *doc = sf_wire::parse_bounded(command.line.data(), command.line.size(), g_settings.max_frame_bytes,
+                                        g_settings.max_frame_depth, &why);
+    if (doc == nullptr) {
+        CH_LOG_ERR("LAN frame from %s dropped: %s", command.peer.c_str(), why);
+        return;
+    }
+    const cJSON *cmd = cJSON_GetObjectItemCaseSensitive(doc, "cmd");
+    const sf_wire::CmdKind kind =
+        cJSON_IsString(cmd) ? sf_wire::cmd_kind_from_name(cmd->valuestring) : sf_wire::CmdKind::Unknown;
+    cJSON *data = cJSON_DetachItemFromObjectCaseSensitive(doc, "data");
+    cJSON_Delete(doc);
+    if (kind == sf_wire::CmdKind::Unknown || data == nullptr) {
+        CH_LOG_ERR("LAN frame from %s dropped: needs a known \"cmd\" and a \"data\" object", command.peer.c_str());
+        cJSON_Delete(data);
+        return;
+    }
+    sf_wire::dispatch_command(kind, data, DP_CMD_LAN);
+}
+
+void accept_clients()
+{
+    for (;;) {
+        sockaddr_in addr{};
+        socklen_t addr_len = sizeof addr;
+        const int fd = ::accept4(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &addr_len,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            return;
+        }
+        char ip[INET_ADDRSTRLEN] = "?";
+        ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
+        std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
+        std::lock_guard<std::mutex> hold(g_mutex);
+        if (g_sessions.size() >= g_settings.max_clients) {
+            CH_LOG_ERR("LAN client %s refused: %zu clients connected", peer.c_str(), g_sessions.size());
+            ::close(fd);
+            continue;
+        }
+        CH_LOG_INFO("LAN client %s connected", peer.c_str());
+        g_sessions.push_back(std::make_unique<Session>(fd, std::move(peer), Clock::now()));
+    }
+}
+
+/* Caller holds g_mutex. Reads what is there; command lines go to *commands. */
+void read_session(Session *session, std::vector<Command> *commands)
+{
+    char buf[READ_CHUNK];
+    for (;;) {
+        const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
+        if (got == 0) {
+            session->close_soon("closed by the peer");
+            return;
+        }
+        if (got < 0) {
+            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+                session->close_soon("read error");
+            }
+            return;
+        }
+        std::vector<std::string> lines;
+        if (!session->take_bytes(buf, static_cast<size_t>(got), g_settings.max_frame_bytes, &lines)) {
+            session->close_soon("frame too long");
+            return;
+        }
+        for (std::string &line : lines) {
+            if (!session->authed()) {
+                if (!authenticate(session, line)) {
+                    session->close_soon("authentication failed");
+                    return;
+                }
+            } else {
+                commands->push_back(Command{session->peer(), std::move(line)});
+            }
+        }
+    }
+}
+
+void run_loop()
+{
+    std::vector<pollfd> fds;
+    for (;;) {
+        fds.clear();
+        fds.push_back(pollfd{g_wake[0], POLLIN, 0});
+        fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
+        {
+            std::lock_guard<std::mutex> hold(g_mutex);
+            if (g_stop) {
+                return;
+            }
+            for (const auto &session : g_sessions) {
+                fds.push_back(pollfd{session->fd(), static_cast<short>(POLLIN | (session->has_output() ? POLLOUT : 0)),
+                                     0});
+            }
+        }
+        ::poll(fds.data(), fds.size(), POLL_TICK_MS);
+        if (fds[0].revents & POLLIN) {
+            char drain[64];
+            while (::read(g_wake[0], drain, sizeof drain) > 0) {
+            }
+        }
+        std::vector<Command> commands;
+        {
+            std::lock_guard<std::mutex> hold(g_mutex);
+            const Clock::time_point now = Clock::now();
+            // Sessions are added and removed only on this thread, so the
+            // indices of the poll set still match.
+            for (size_t i = 0; i + 2 < fds.size() && i < g_sessions.size(); ++i) {
+                Session *session = g_sessions[i].get();
+                if (!session->closing() && (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
+                    read_session(session, &commands);
+                }
+                if (!session->closing() && !session->flush()) {
+                    session->close_soon("write error");
+                }
+                if (!session->authed() && !session->closing() && now - session->opened() > g_settings.auth_timeout) {
+                    session->close_soon("no authentication in time");
+                }
+            }
+            for (auto it = g_sessions.begin(); it != g_sessions.end();) {
+                if ((*it)->closing()) {
+                    CH_LOG_INFO("LAN client %s closed: %s", (*it)->peer().c_str(), (*it)->close_reason().c_str());
+                    it = g_sessions.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+        }
+        if (fds[1].revents & POLLIN) {
+            accept_clients();
+        }
+        for (const Command &command : commands) {
+            hand_over(command);
+        }
+    }
+}
+
+bool open_listener(const Settings &settings, sockaddr_in addr)
+{
+    const USHORT_T port = ntohs(addr.sin_port);
+    g_listen_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    const int on = 1;
+    if (g_listen_fd < 0 || ::setsockopt(g_listen_fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+        ::bind(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0 ||
+        ::listen(g_listen_fd, 16) != 0) {
+        CH_LOG_ERR("LAN listen on %s:%u failed: %s", settings.bind_addr.c_str(), port, std::strerror(errno));
+        return false;
+    }
+    socklen_t len = sizeof addr;
+    ::getsockname(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &len);
+    g_port = ntohs(addr.sin_port);
+    return ::pipe2(g_wake, O_NONBLOCK | O_CLOEXEC) == 0;
+}
+
+void close_sockets()
+{
+    for (int *fd : {&g_listen_fd, &g_wake[0], &g_wake[1]}) {
+        if (*fd >= 0) {
+            ::close(*fd);
+            *fd = -1;
+        }
+    }
+    g_port = 0;
+}
+
+/* Queue to every authenticated client; a full queue drops that client. Caller holds g_mutex. */
+template <typename QueueFn>
+size_t queue_to_authed(QueueFn &&queue)
+{
+    size_t taken = 0;
+    for (const auto &session : g_sessions) {
+        if (!session->authed() || session->closing()) {
+            continue;
+        }
+        if (queue(session.get())) {
+            ++taken;
+        } else {
+            CH_LOG_ERR("LAN client %s dropped: %zu frames waiting", session->peer().c_str(),
+                       g_settings.max_queue_frames);
+            session->close_soon("too slow");
+        }
+    }
+    return taken;
+}
+
+} // namespace
+
+extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
+{
+    if (cfg == nullptr || cfg->local_key == nullptr || cfg->local_key[0] == '\0') {
+        CH_LOG_ERR("LAN channel needs the gateway's local key");
+        return RC_BAD_PARAM;
+    }
+    if (g_thread.joinable()) {
+        CH_LOG_ERR("LAN channel already started");
+        return RC_BAD_PARAM;
+    }
+    Settings settings;
+    if (cfg->bind_addr != nullptr && cfg->bind_addr[0] != '\0') {
+        settings.bind_addr = cfg->bind_addr;
+    }
+    settings.local_key = cfg->local_key;
+    settings.max_clients = cfg->max_clients != 0 ? cfg->max_clients : settings.max_clients;
+    settings.max_queue_frames = cfg->max_queue_frames != 0 ? cfg->max_queue_frames : settings.max_queue_frames;
+    settings.max_frame_bytes = cfg->max_frame_bytes != 0 ? cfg->max_frame_bytes : settings.max_frame_bytes;
+    settings.max_frame_depth = cfg->max_frame_depth != 0 ? cfg->max_frame_depth : settings.max_frame_depth;
+    if (cfg->auth_timeout_ms != 0) {
+        settings.auth_timeout = std::chrono::milliseconds(cfg->auth_timeout_ms);
+    }
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(cfg->port);
+    if (::inet_pton(AF_INET, settings.bind_addr.c_str(), &addr.sin_addr) != 1) {
+        CH_LOG_ERR("LAN bind address %s is not an IPv4 address", settings.bind_addr.c_str());
+        return RC_BAD_PARAM;
+    }
+    if (!open_listener(settings, addr)) {
+        close_sockets();
+        return RC_FAIL;
+    }
+    g_settings = settings;
+    g_stop = false;
+    g_thread = std::thread(run_loop);
+    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
+    return RC_OK;
+}
+
+extern "C" USHORT_T lan_bound_port(void) { return g_port; }
+
+extern "C" UINT_T lan_authed_client_count(void)
+{
+    std::lock_guard<std::mutex> hold(g_mutex);
+    UINT_T count = 0;
+    for (const auto &session : g_sessions) {
+        count += session->authed() && !session->closing() ? 1 : 0;
+    }
+    return count;
+}
+
+extern "C" void lan_stop(void)
+{
+    if (!g_thread.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        g_stop = true;
+    }
+    wake_loop();
+    g_thread.join();
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        g_sessions.clear();
+    }
+    close_sockets();
+}
+
+extern "C" OPERATE_RET lan_dp_sata_report(RFC_DATA_S *rfc_data, UINT_T frame_kind)
+{
+    if (rfc_data == nullptr || rfc_data->data == nullptr || rfc_data->data_len < sizeof(MSG_DATA_S)) {
+        CH_LOG_ERR("lan_dp_sata_report: no message block");
+        return RC_BAD_PARAM;
+    }
+    size_t taken;
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        taken = queue_to_authed(
+            [&](Session *session) { return session->queue_block(rfc_data, frame_kind, g_settings.max_queue_frames); });
+        if (taken > 0) {
+            // Each session holds a reference of its own; the caller's goes.
+            put_rfc_data(rfc_data);
+        }
+    }
+    if (taken == 0) {
+        return RC_LAN_NOT_SENT;
+    }
+    wake_loop();
+    return RC_OK;
+}
+
+extern "C" OPERATE_RET lan_data_report_cb(UINT_T fr_type, UINT_T ret_flag, const CHAR_T *data, UINT_T len)
+{
+    if (data == nullptr && len != 0) {
+        return RC_BAD_PARAM;
+    }
+    const std::string line =
+        sf_wire::wrap_frame({{"type", fr_type}, {"flag", ret_flag}}, data == nullptr ? "" : data, len) + "\n";
+    size_t taken;
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        taken = queue_to_authed([&](Session *session) { return session->queue_text(line, g_settings.max_queue_frames); });
+    }
+    if (taken == 0) {
+        return RC_LAN_NOT_SENT;
+    }
+    wake_loop();
+    return RC_OK;
+}

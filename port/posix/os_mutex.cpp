@@ -1,0 +1,78 @@
+/*
+ * Non-recursive mutexes: error-checking pthread mutexes, so that a
+ * relock by the holder or an unlock by another thread is caught (logged
+ * and aborted) instead of deadlocking or corrupting silently.
+ */
+#include <pthread.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "../../services/uni_log.h"
+#include "../../services/uni_mutex.h"
+
+namespace {
+
+pthread_mutex_t *as_mutex(MUTEX_HANDLE handle)
+{
+    return static_cast<pthread_mutex_t *>(handle);
+}
+
+/* A broken lock contract is a programming error with no safe way on. */
+void contract_broken(const char *what, int err)
+{
+    PrintLog(0, LOG_LEVEL_ERROR, "os_mutex.cpp", __LINE__, what, "mutex contract broken: %s", std::strerror(err));
+    std::abort();
+}
+
+} // namespace
+
+extern "C" OPERATE_RET CreateMutexAndInit(MUTEX_HANDLE *handle)
+{
+    if (handle == nullptr) {
+        return RC_BAD_PARAM;
+    }
+    pthread_mutex_t *mutex = static_cast<pthread_mutex_t *>(std::malloc(sizeof(pthread_mutex_t)));
+    if (mutex == nullptr) {
+        return RC_NO_MEMORY;
+    }
+    pthread_mutexattr_t attr;
+    pthread_mutexattr_init(&attr);
+    pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+    const int err = pthread_mutex_init(mutex, &attr);
+    pthread_mutexattr_destroy(&attr);
+    if (err != 0) {
+        std::free(mutex);
+        return RC_NO_MEMORY;
+    }
+    *handle = mutex;
+    return RC_OK;
+}
+
+extern "C" void MutexLock(MUTEX_HANDLE handle)
+{
+    const int err = pthread_mutex_lock(as_mutex(handle));
+    if (err != 0) {
+        contract_broken(__func__, err);
+    }
+}
+
+extern "C" void MutexUnLock(MUTEX_HANDLE handle)
+{
+    const int err = pthread_mutex_unlock(as_mutex(handle));
+    if (err != 0) {
+        contract_broken(__func__, err);
+    }
+}
+
+extern "C" void ReleaseMutex(MUTEX_HANDLE handle)
+{
+    if (handle == nullptr) {
+        return;
+    }
+    const int err = pthread_mutex_destroy(as_mutex(handle));
+    if (err != 0) {
+        contract_broken(__func__, err);
+    }
+    std::free(handle);
+}

@@ -1,0 +1,93 @@
+/*
+ * Inside the gateway registry: the checked description of devices and
+ * DPs (made by the loader, turned into nodes by the store) and the store's
+ * shared state.
+ */
+#ifndef PORT_POSIX_REGISTRY_INTERNAL_H
+#define PORT_POSIX_REGISTRY_INTERNAL_H
+
+#include <cjson/cJSON.h>
+
+#include <chrono>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "gw_registry.h"
+
+namespace gw_registry {
+namespace detail {
+
+/* One DP as described: schema, limits and flow control ready to copy into a DP_CNTL_S. */
+struct DpSpec {
+    DP_DESC_IF_S desc{};
+    DP_PROP_VALUE_U limits{}; /* value fields zero; the store adds string buffers and enum names */
+    DP_REPT_CNTL_S flow{};
+    std::string name;
+    std::vector<std::string> enum_names;
+};
+
+struct DeviceSpec {
+    std::string id;
+    std::string sw_ver;
+    std::string schema_id;
+    std::string product_key;
+    bool bind = true;
+    bool preprocess = false;
+    std::vector<DpSpec> dps;
+};
+
+struct GatewaySpec {
+    std::string id;
+    std::string local_key;
+    DeviceSpec own; /* the gateway's own node: its id, DPs and versions */
+    std::vector<DeviceSpec> devices;
+};
+
+/* Where a value sits in the document, for error texts. */
+struct Where {
+    const std::string &file;
+    std::string path;
+};
+
+/* Parse and check a whole description; false with *error filled. */
+bool parse_gateway(const cJSON *root, const std::string &file, GatewaySpec *out, LoadError *error);
+
+/* Parse and check one device object found at `where`. */
+bool parse_device(const cJSON *node, const Where &where, DeviceSpec *out, LoadError *error);
+
+/* Fill *error (when given) and return false, for one-line refusals. */
+bool fail(LoadError *error, const std::string &file, const std::string &path, const std::string &why);
+
+/* The store: everything behind get_gw_cntl and the lookups. */
+struct Retired {
+    DEV_CNTL_N_S *node;
+    std::chrono::steady_clock::time_point since;
+};
+
+struct Store {
+    GW_CNTL_S gw{};
+    /* guarded by index_lock (a leaf lock: nothing is called while it is held) */
+    std::mutex index_lock;
+    std::unordered_map<std::string, DEV_CNTL_N_S *> index;
+    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names; /* in DP table order */
+    std::deque<Retired> retired;
+    DEV_CNTL_N_S *own_node = nullptr;
+    DEV_CNTL_N_S *tail = nullptr; /* last node of the list; under dev_mutex */
+    std::string local_key;
+    bool loaded = false;
+    std::chrono::milliseconds grace{60000};
+};
+
+/* The one store, its dev_mutex created on first use; never destroyed. */
+Store &store();
+
+/* The node with this id, or nullptr. index_lock held. */
+DEV_CNTL_N_S *find_locked(Store &s, const char *id);
+
+} // namespace detail
+} // namespace gw_registry
+
+#endif /* PORT_POSIX_REGISTRY_INTERNAL_H */

@@ -1,0 +1,82 @@
+/*
+ * The registry as the smart frame calls it (cloud_defs/gw_intf.h): the
+ * gateway record, constant-time device lookups through the id index, and
+ * the network state.
+ */
+#include <atomic>
+
+#include "../../services/uni_mutex.h"
+#include "registry_internal.h"
+
+using gw_registry::detail::Store;
+
+namespace {
+
+std::atomic<GW_BASE_NW_STAT_T> g_nw_status{GW_NW_LAN};
+
+} // namespace
+
+/* Never NULL, loaded or not: before a load it is an empty gateway. */
+extern "C" GW_CNTL_S *get_gw_cntl(void)
+{
+    return &gw_registry::detail::store().gw;
+}
+
+extern "C" DEV_CNTL_N_S *get_dev_cntl(const CHAR_T *id)
+{
+    Store &s = gw_registry::detail::store();
+    MutexLock(s.gw.dev_mutex);
+    DEV_CNTL_N_S *node = get_dev_cntl_unlock(id);
+    MutexUnLock(s.gw.dev_mutex);
+    return node;
+}
+
+extern "C" DEV_CNTL_N_S *get_dev_cntl_unlock(const CHAR_T *id)
+{
+    Store &s = gw_registry::detail::store();
+    std::lock_guard<std::mutex> guard(s.index_lock);
+    return gw_registry::detail::find_locked(s, id);
+}
+
+extern "C" DEV_CNTL_N_S *get_gw_dev_cntl(void)
+{
+    Store &s = gw_registry::detail::store();
+    std::lock_guard<std::mutex> guard(s.index_lock);
+    return s.own_node;
+}
+
+/* A NULL id means the gateway's own node, as it does for the report entry points. */
+extern "C" DP_CNTL_S *get_dev_dp_cntl(const CHAR_T *id, BYTE_T dpid)
+{
+    Store &s = gw_registry::detail::store();
+    std::lock_guard<std::mutex> guard(s.index_lock);
+    DEV_CNTL_N_S *node = id != nullptr ? gw_registry::detail::find_locked(s, id) : s.own_node;
+    if (node == nullptr) {
+        return nullptr;
+    }
+    for (BYTE_T i = 0; i < node->dp_num; ++i) {
+        if (node->dp[i].dp_desc.dp_id == dpid) {
+            return &node->dp[i];
+        }
+    }
+    return nullptr;
+}
+
+extern "C" GW_BASE_NW_STAT_T get_gw_nw_status(void)
+{
+    return g_nw_status.load();
+}
+
+extern "C" void gw_registry_set_nw_status(GW_BASE_NW_STAT_T status)
+{
+    if (status <= GW_NW_CLOUD) {
+        g_nw_status.store(status);
+    }
+}
+
+extern "C" const CHAR_T *gw_registry_local_key(void)
+{
+    Store &s = gw_registry::detail::store();
+    std::lock_guard<std::mutex> guard(s.index_lock);
+    return s.local_key.c_str();
+}

@@ -1,0 +1,180 @@
+/*
+ * The TCP LAN channel: authentication, report frames, commands from LAN
+ * clients, and the -940 answer when nobody can take a report.
+ */
+#include "support/blocks.h"
+#include "support/channel_fixture.h"
+#include "support/lan_peer.h"
+#include "support/module_gaps.h"
+#include "support/stderr_capture.h"
+
+#include "services/lan_channel.h"
+#include "smart_frame/smart_frame.h"
+
+namespace it {
+namespace {
+
+class LanChannel : public ChannelTest {
+protected:
+    void start_lan(UINT_T auth_timeout_ms = 0)
+    {
+        LAN_CONFIG_S cfg{};
+        cfg.local_key = LOCAL_KEY;
+        cfg.auth_timeout_ms = auth_timeout_ms;
+        ASSERT_EQ(RC_OK, lan_start(&cfg));
+        ASSERT_NE(0, lan_bound_port());
+    }
+
+    /* Connect and authenticate; returns the gateway's answer. */
+    std::string authenticate(LanPeer *peer)
+    {
+        EXPECT_TRUE(peer->connect(lan_bound_port()));
+        EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        std::string hello;
+        EXPECT_TRUE(peer->read_line(&hello, seconds(5)));
+        return hello;
+    }
+};
+
+TEST_F(LanChannel, AuthenticatedClientIsGreetedWithTheGatewayId)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer peer;
+    EXPECT_EQ(std::string("{\"type\":1,\"flag\":0,\"data\":{\"gwId\":\"") + GW_ID + "\"}}", authenticate(&peer));
+    EXPECT_TRUE(eventually([] { return lan_authed_client_count() == 1; }, seconds(5)));
+}
+
+TEST_F(LanChannel, ReportWithoutAnAuthenticatedClientIsNotTaken)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer unauthenticated;
+    ASSERT_TRUE(unauthenticated.connect(lan_bound_port()));
+    RFC_DATA_S *block = make_block("{\"dps\":{\"1\":true}}", 5);
+
+    EXPECT_EQ(RC_LAN_NOT_SENT, lan_dp_sata_report(block, LAN_FRAME_DP_REPORT));
+    EXPECT_EQ(1u, references(block));
+    EXPECT_EQ(RC_LAN_NOT_SENT, lan_data_report_cb(LAN_FRAME_GRP_ANSWER, 0, "{}", 2));
+    put_rfc_data(block);
+}
+
+TEST_F(LanChannel, ClientWithAWrongKeyIsClosedWithoutReceivingAnything)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer good;
+    authenticate(&good);
+    LanPeer bad;
+    ASSERT_TRUE(bad.connect(lan_bound_port()));
+    ASSERT_TRUE(bad.send_line("{\"cmd\":\"auth\",\"key\":\"lan-key-for-tests-0002\"}"));
+    RFC_DATA_S *block = make_block("{\"dps\":{\"1\":true}}", 6);
+    ASSERT_EQ(RC_OK, lan_dp_sata_report(block, LAN_FRAME_DP_REPORT));
+
+    std::string got;
+    EXPECT_TRUE(bad.closed_without_data(seconds(10), &got)) << got;
+    std::string frame;
+    ASSERT_TRUE(good.read_line(&frame, seconds(5)));
+    EXPECT_EQ("{\"type\":4,\"serno\":6,\"data\":{\"dps\":{\"1\":true}}}", frame);
+}
+
+TEST_F(LanChannel, ClientThatCommandsBeforeAuthenticatingIsClosed)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer peer;
+    ASSERT_TRUE(peer.connect(lan_bound_port()));
+    ASSERT_TRUE(peer.send_line("{\"cmd\":\"dp\",\"data\":{\"dps\":{\"1\":true}}}"));
+    std::string got;
+    EXPECT_TRUE(peer.closed_without_data(seconds(10), &got)) << got;
+    EXPECT_TRUE(obj_cmds().empty());
+}
+
+TEST_F(LanChannel, SilentClientIsClosedAfterTheAuthenticationTime)
+{
+    start({}, {}, false);
+    start_lan(300);
+    LanPeer peer;
+    ASSERT_TRUE(peer.connect(lan_bound_port()));
+    std::string got;
+    EXPECT_TRUE(peer.closed_without_data(seconds(10), &got)) << got;
+}
+
+TEST_F(LanChannel, ReportBlockReachesEveryClientAndIsReleasedOnceWritten)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer a;
+    LanPeer b;
+    authenticate(&a);
+    authenticate(&b);
+    ASSERT_TRUE(eventually([] { return lan_authed_client_count() == 2; }, seconds(5)));
+    RFC_DATA_S *block = make_block("{\"dps\":{\"2\":7},\"cid\":\"sub01\"}", 12);
+    get_rfc_data(block); // the reference the channel takes; ours stays
+
+    ASSERT_EQ(RC_OK, lan_dp_sata_report(block, LAN_FRAME_DP_REPORT));
+
+    const std::string expected = "{\"type\":4,\"serno\":12,\"data\":{\"dps\":{\"2\":7},\"cid\":\"sub01\"}}";
+    std::string frame;
+    ASSERT_TRUE(a.read_line(&frame, seconds(5)));
+    EXPECT_EQ(expected, frame);
+    ASSERT_TRUE(b.read_line(&frame, seconds(5)));
+    EXPECT_EQ(expected, frame);
+    EXPECT_TRUE(eventually([&] { return references(block) == 1; }, seconds(5)));
+    put_rfc_data(block);
+}
+
+TEST_F(LanChannel, DataReportFrameCarriesItsTypeAndFlag)
+{
+    start({}, {}, false);
+    start_lan();
+    LanPeer peer;
+    authenticate(&peer);
+
+    ASSERT_EQ(RC_OK, lan_data_report_cb(LAN_FRAME_GRP_ANSWER, 1, "scene oper failed", 17));
+    ASSERT_EQ(RC_OK, lan_data_report_cb(LAN_FRAME_GRP_ANSWER, 0, "{\"action\":0,\"rets\":[0],\"gid\":\"5\"}", 34));
+
+    std::string frame;
+    ASSERT_TRUE(peer.read_line(&frame, seconds(5)));
+    EXPECT_EQ("{\"type\":208,\"flag\":1,\"data\":\"scene oper failed\"}", frame);
+    ASSERT_TRUE(peer.read_line(&frame, seconds(5)));
+    EXPECT_EQ("{\"type\":208,\"flag\":0,\"data\":{\"action\":0,\"rets\":[0],\"gid\":\"5\"}}", frame);
+}
+
+TEST_F(LanChannel, AuthenticatedClientReceivesReportsAndCanCommand)
+{
+    start({{"sub01", 1, 1}});
+    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_send_gw_dev_cmd");
+    start_lan();
+    LanPeer peer;
+    authenticate(&peer);
+
+    ASSERT_EQ(RC_OK, sf_obj_dp_report_async("sub01", "{\"1\":true}", FALSE));
+    std::string frame;
+    ASSERT_TRUE(peer.read_line(&frame, seconds(5)));
+    EXPECT_NE(std::string::npos, frame.find("\"type\":4,\"serno\":")) << frame;
+    EXPECT_NE(std::string::npos, frame.find("\"data\":{\"dps\":{\"1\":true},\"cid\":\"sub01\"}}")) << frame;
+
+    ASSERT_TRUE(peer.send_line("{\"cmd\":\"dp\",\"data\":{\"devId\":\"sub01\",\"dps\":{\"2\":42}}}"));
+    ASSERT_TRUE(wait_obj_cmds([](const std::vector<ObjCmd> &all) { return !all.empty(); }, seconds(10)));
+    const ObjCmd cmd = obj_cmds().front();
+    EXPECT_EQ(DP_CMD_LAN, cmd.cmd_tp);
+    EXPECT_EQ("sub01", cmd.cid);
+    ASSERT_EQ(1u, cmd.dps.size());
+    EXPECT_EQ(2, cmd.dps[0].dpid);
+    EXPECT_EQ(42, cmd.dps[0].number);
+}
+
+TEST_F(LanChannel, BadConfigurationIsRefused)
+{
+    start({}, {}, false);
+    LAN_CONFIG_S cfg{};
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg)); // no key
+    cfg.local_key = LOCAL_KEY;
+    cfg.bind_addr = "not-an-address";
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));
+    EXPECT_EQ(0, lan_bound_port());
+}
+
+} // namespace
+} // namespace it

@@ -1,0 +1,249 @@
+/*
+ * The MQTT client between the smart frame and a real broker: reports,
+ * commands, presence, publication completions and the network status.
+ */
+#include <atomic>
+#include <mutex>
+
+#include "support/blocks.h"
+#include "support/channel_fixture.h"
+#include "support/module_gaps.h"
+#include "support/stderr_capture.h"
+
+#include "smart_frame/smart_frame.h"
+
+namespace it {
+namespace {
+
+class MqttChannel : public ChannelTest {};
+
+struct CompletionLog {
+    std::mutex mutex;
+    std::vector<OPERATE_RET> results;
+};
+
+void record_completion(OPERATE_RET op_ret, const void *prv_data)
+{
+    auto *log = static_cast<CompletionLog *>(const_cast<void *>(prv_data));
+    std::lock_guard<std::mutex> hold(log->mutex);
+    log->results.push_back(op_ret);
+}
+
+std::vector<OPERATE_RET> completions(CompletionLog *log)
+{
+    std::lock_guard<std::mutex> hold(log->mutex);
+    return log->results;
+}
+
+TEST_F(MqttChannel, BrokerConfirmedReportEndsAtPvStat3AndTheSubscriberGetsTheEnvelope)
+{
+    start({{"sub01", 1, 1}});
+    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_start_sync_obj_dp");
+
+    ASSERT_EQ(RC_OK, sf_obj_dp_report_async("sub01", "{\"1\":true,\"2\":25}", FALSE));
+
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return has_uplink(all, MQC_PRO_DP_REPORT, "{\"dps\":{\"1\":true,\"2\":25},\"cid\":\"sub01\"}");
+        },
+        seconds(10)));
+    EXPECT_TRUE(eventually([] { return pv_stat("sub01", 1) == PV_STAT_CLOUD && pv_stat("sub01", 2) == PV_STAT_CLOUD; },
+                           seconds(10)));
+}
+
+TEST_F(MqttChannel, CloudCommandReachesTheObjectDpCallbackWithTheRightRecord)
+{
+    start({{"sub01", 1, 1}});
+    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd");
+
+    ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), "{\"devId\":\"sub01\",\"ctype\":0,\"dps\":{\"1\":true,\"2\":25}}"));
+
+    ASSERT_TRUE(wait_obj_cmds([](const std::vector<ObjCmd> &all) { return !all.empty(); }, seconds(10)));
+    const ObjCmd cmd = obj_cmds().front();
+    EXPECT_EQ(DP_CMD_MQ, cmd.cmd_tp);
+    EXPECT_EQ(0, cmd.dtt_tp);
+    EXPECT_EQ("sub01", cmd.cid);
+    ASSERT_EQ(2u, cmd.dps.size());
+    EXPECT_EQ(1, cmd.dps[0].dpid);
+    EXPECT_EQ(PROP_BOOL, cmd.dps[0].type);
+    EXPECT_EQ(1, cmd.dps[0].number);
+    EXPECT_EQ(2, cmd.dps[1].dpid);
+    EXPECT_EQ(PROP_VALUE, cmd.dps[1].type);
+    EXPECT_EQ(25, cmd.dps[1].number);
+}
+
+TEST_F(MqttChannel, PresenceBatchesReachTheSubscriberUnderProtocol25)
+{
+    start({{"sub01", 1, 1}, {"sub02", 1, 1}, {"sub03", 1, 1}});
+    IT_REQUIRE_MODULE("sf_dev_online_stat_update");
+
+    ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub01", TRUE));
+    ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub02", FALSE));
+    ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub03", TRUE));
+
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return has_uplink(all, MQC_PRO_PRESENCE, "{\"online\":[\"sub01\",\"sub03\"],\"offline\":[\"sub02\"]}");
+        },
+        seconds(10)));
+}
+
+TEST_F(MqttChannel, ProtocolDataIsCopiedFramedWithSernoAndCompletedOnce)
+{
+    start({});
+    CompletionLog log;
+    std::string text = "{\"action\":0,\"rets\":[0],\"gid\":\"5\"}";
+
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_GROUP, text.c_str(), 1, 5, record_completion, &log));
+    text.assign(text.size(), 'x'); // the client copied it
+
+    EXPECT_TRUE(eventually([&] { return completions(&log).size() == 1; }, seconds(10)));
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return has_uplink(all, MQC_PRO_GROUP, "{\"action\":0,\"rets\":[0],\"gid\":\"5\"}");
+        },
+        seconds(10)));
+    EXPECT_EQ(std::vector<OPERATE_RET>{RC_OK}, completions(&log));
+}
+
+TEST_F(MqttChannel, QosZeroDataWithoutCallbackIsPublished)
+{
+    start({});
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_SCENE, "{\"action\":1}", 0, 0, nullptr, nullptr));
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) { return has_uplink(all, MQC_PRO_SCENE, "{\"action\":1}"); },
+        seconds(10)));
+}
+
+TEST_F(MqttChannel, ReportBlockIsHeldWhilePendingAndReleasedAfterTheAcknowledgement)
+{
+    start({});
+    CompletionLog log;
+    RFC_DATA_S *block = make_block("{\"dps\":{\"1\":true}}", 77);
+
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &log));
+    EXPECT_EQ(2u, references(block));
+    EXPECT_TRUE(completions(&log).empty());
+    broker_->resume();
+
+    ASSERT_TRUE(eventually([&] { return completions(&log).size() == 1; }, seconds(10)));
+    EXPECT_EQ(RC_OK, completions(&log)[0]);
+    EXPECT_EQ(1u, references(block));
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            for (const Received &one : all) {
+                if (one.payload == "{\"serno\":77,\"pro\":4,\"data\":{\"dps\":{\"1\":true}}}") {
+                    return true;
+                }
+            }
+            return false;
+        },
+        seconds(10)));
+    put_rfc_data(block);
+}
+
+TEST_F(MqttChannel, UnacknowledgedReportTimesOutOnceAndTheLateAcknowledgementIsIgnored)
+{
+    start({});
+    CompletionLog log;
+    RFC_DATA_S *block = make_block("{\"dps\":{\"1\":false}}", 1);
+
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 1, record_completion, &log));
+    ASSERT_TRUE(eventually([&] { return !completions(&log).empty(); }, seconds(10)));
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_TIMEOUT}, completions(&log));
+    EXPECT_EQ(1u, references(block));
+
+    broker_->resume();
+    // The broker now acknowledges the message; its completion already ran.
+    ASSERT_TRUE(cloud_.wait_until([](const std::vector<Received> &all) {
+        return has_uplink(all, MQC_PRO_DP_REPORT, "{\"dps\":{\"1\":false}}");
+    }, seconds(10)));
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_GROUP, "{}", 1, 5, record_completion, &log));
+    ASSERT_TRUE(eventually([&] { return completions(&log).size() == 2; }, seconds(10)));
+    EXPECT_EQ((std::vector<OPERATE_RET>{MQC_RC_TIMEOUT, RC_OK}), completions(&log));
+    put_rfc_data(block);
+}
+
+TEST_F(MqttChannel, LostConnectionCompletesPendingReportsOnceAndRefusesNewOnes)
+{
+    start({});
+    CompletionLog log;
+    RFC_DATA_S *block = make_block("{\"dps\":{\"2\":3}}", 2);
+
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &log));
+    broker_->stop();
+
+    ASSERT_TRUE(eventually([&] { return !completions(&log).empty(); }, seconds(10)));
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_CONN_LOST}, completions(&log));
+    EXPECT_EQ(1u, references(block));
+    EXPECT_EQ(0, get_mqc_conn_stat());
+    EXPECT_EQ(GW_NW_LAN, get_gw_nw_status());
+
+    EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_dp_report_async(block, 30, record_completion, &log));
+    EXPECT_EQ(1u, references(block));
+    EXPECT_EQ(1u, completions(&log).size());
+    put_rfc_data(block);
+}
+
+TEST_F(MqttChannel, NetworkStatusFollowsTheConnectionAndReconnectsAfterTheBrokerReturns)
+{
+    start({});
+    EXPECT_EQ(GW_NW_CLOUD, get_gw_nw_status());
+
+    broker_->stop();
+    EXPECT_TRUE(eventually([] { return get_mqc_conn_stat() == 0; }, seconds(10)));
+    EXPECT_EQ(GW_NW_LAN, get_gw_nw_status());
+
+    std::string why;
+    ASSERT_TRUE(broker_->start(&why)) << why;
+    EXPECT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(15)));
+    EXPECT_EQ(GW_NW_CLOUD, get_gw_nw_status());
+}
+
+TEST_F(MqttChannel, StopCompletesWhatIsStillPending)
+{
+    start({});
+    CompletionLog log;
+    RFC_DATA_S *block = make_block("{\"dps\":{}}", 3);
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &log));
+
+    broker_->stop();
+    mqc_stop();
+
+    EXPECT_EQ(1u, completions(&log).size());
+    EXPECT_EQ(1u, references(block));
+    EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_dp_report_async(block, 30, record_completion, &log));
+    put_rfc_data(block);
+}
+
+TEST_F(MqttChannel, BadArgumentsAreRefused)
+{
+    start({});
+    EXPECT_EQ(RC_BAD_PARAM, mqc_dp_report_async(nullptr, 5, record_completion, nullptr));
+    EXPECT_EQ(RC_BAD_PARAM, mqc_obj_dp_query(nullptr));
+    EXPECT_EQ(RC_BAD_PARAM, mqc_prot_data_rept_seq(MQC_PRO_GROUP, nullptr, 0, 0, nullptr, nullptr));
+    EXPECT_EQ(RC_BAD_PARAM, mqc_prot_data_rept_seq(MQC_PRO_GROUP, "{}", 3, 0, nullptr, nullptr));
+    MQC_CONFIG_S cfg = mqtt_config();
+    EXPECT_EQ(RC_BAD_PARAM, mqc_start(&cfg)); // already started
+}
+
+TEST_F(MqttChannel, QueryAnswerBlockIsPublishedUnderProtocol16WithoutKeepingAReference)
+{
+    start({});
+    RFC_DATA_S *block = make_block("{\"dps\":{\"1\":true}}", 9);
+    ASSERT_EQ(RC_OK, mqc_obj_dp_query(block));
+    EXPECT_EQ(1u, references(block));
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return has_uplink(all, MQC_PRO_DP_QUERY, "{\"dps\":{\"1\":true}}");
+        },
+        seconds(10)));
+    put_rfc_data(block);
+}
+
+} // namespace
+} // namespace it

@@ -1,0 +1,28 @@
+#include "blocks.h"
+
+#include <cstring>
+
+#include "services/uni_memory.h"
+#include "services/uni_mutex.h"
+#include "smart_frame/smart_frame.h"
+
+namespace it {
+
+RFC_DATA_S *make_block(const std::string &text, UINT_T serno)
+{
+    auto *msg = static_cast<MSG_DATA_S *>(Malloc(sizeof(MSG_DATA_S) + text.size() + 1));
+    msg->serno = serno;
+    msg->len = static_cast<UINT_T>(text.size());
+    std::memcpy(msg->data, text.c_str(), text.size() + 1);
+    return cr_rfc_data(msg, static_cast<UINT_T>(sizeof(MSG_DATA_S) + text.size()), FALSE, 1);
+}
+
+UINT_T references(RFC_DATA_S *block)
+{
+    MutexLock(block->mutex);
+    const UINT_T count = block->rfc;
+    MutexUnLock(block->mutex);
+    return count;
+}
+
+} // namespace it

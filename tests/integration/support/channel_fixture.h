@@ -1,0 +1,105 @@
+/*
+ * Base fixture of the channel tests: a private broker, the gateway on the
+ * POSIX runtime, the cloud's peer subscribed to every gateway topic, and
+ * the MQTT client started against the broker. TearDown stops the channels
+ * and the dispatch thread; the broker dies with the fixture.
+ */
+#ifndef IT_CHANNEL_FIXTURE_H
+#define IT_CHANNEL_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <cjson/cJSON.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "broker.h"
+#include "cloud_defs/gw_intf.h"
+#include "cloud_peer.h"
+#include "gateway.h"
+#include "port/posix/lan_config.h"
+#include "port/posix/mqtt_config.h"
+#include "services/mqtt_client.h"
+
+namespace it {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+class ChannelTest : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        mqc_stop();
+        lan_stop();
+        stop_gateway();
+        cloud_.disconnect();
+    }
+
+    /* Broker, gateway, cloud peer; the MQTT client only when start_mqtt. */
+    void start(const std::vector<DeviceShape> &subs, BrokerOptions broker_options = {}, bool start_mqtt = true)
+    {
+        broker_ = std::make_unique<Broker>(broker_options);
+        std::string why;
+        ASSERT_TRUE(broker_->start(&why)) << why;
+        ASSERT_TRUE(start_gateway(subs, &why)) << why;
+        if (broker_options.user.empty() && !broker_options.tls) {
+            ASSERT_TRUE(cloud_.connect(broker_->port(), std::string("sf/") + GW_ID + "/#", &why)) << why;
+        }
+        if (start_mqtt) {
+            MQC_CONFIG_S cfg = mqtt_config();
+            ASSERT_EQ(RC_OK, mqc_start(&cfg));
+            ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10))) << "no MQTT connection";
+        }
+    }
+
+    MQC_CONFIG_S mqtt_config() const
+    {
+        MQC_CONFIG_S cfg{};
+        cfg.port = broker_->port();
+        cfg.reconnect_min_s = 1;
+        cfg.reconnect_max_s = 2;
+        cfg.keepalive_s = 5;
+        return cfg;
+    }
+
+    static std::string topic(const char *leaf) { return std::string("sf/") + GW_ID + "/" + leaf; }
+
+    /* Uplink messages of protocol pro whose "data" printed unformatted equals data. */
+    static bool has_uplink(const std::vector<Received> &all, int pro, const std::string &data)
+    {
+        for (const Received &one : all) {
+            if (one.topic == topic("up") && uplink_data(one.payload, pro) == data) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    /* The "data" of an uplink payload of protocol pro, printed unformatted; "" otherwise. */
+    static std::string uplink_data(const std::string &payload, int pro)
+    {
+        cJSON *doc = cJSON_Parse(payload.c_str());
+        std::string out;
+        const cJSON *p = cJSON_GetObjectItemCaseSensitive(doc, "pro");
+        const cJSON *serno = cJSON_GetObjectItemCaseSensitive(doc, "serno");
+        const cJSON *data = cJSON_GetObjectItemCaseSensitive(doc, "data");
+        if (cJSON_IsNumber(p) && p->valueint == pro && cJSON_IsNumber(serno) && data != nullptr) {
+            char *text = cJSON_PrintUnformatted(data);
+            out = text;
+            cJSON_free(text);
+        }
+        cJSON_Delete(doc);
+        return out;
+    }
+
+    std::unique_ptr<Broker> broker_;
+    CloudPeer cloud_{"sf-it-cloud"};
+};
+
+} // namespace it
+
+#endif /* IT_CHANNEL_FIXTURE_H */

@@ -1,0 +1,144 @@
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "posix_test_util.h"
+#include "services/uni_semaphore.h"
+
+namespace {
+
+using posix_test::eventually;
+
+/* Count the semaphore holds by taking every count a waiter could get at once. */
+int drain(SEM_HANDLE sem, int at_most)
+{
+    std::atomic<int> taken{0};
+    std::atomic<bool> done{false};
+    std::thread taker([&] {
+        for (int i = 0; i < at_most; ++i) {
+            if (WaitSemaphore(sem) != RC_OK) {
+                break;
+            }
+            ++taken;
+        }
+        done = true;
+    });
+    /* the taker blocks once the count is used up; wait until it stops moving */
+    int last = -1;
+    while (last != taken.load() && !done) {
+        last = taken.load();
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    const int result = taken.load();
+    for (int i = result; i < at_most && !done; ++i) {
+        PostSemaphore(sem); /* let the taker finish its loop */
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    taker.join();
+    return result;
+}
+
+TEST(Semaphore, WaitTakesTheInitialCountsThenBlocksUntilAPost)
+{
+    SEM_HANDLE sem = nullptr;
+    ASSERT_EQ(RC_OK, CreateAndInitSemaphore(&sem, 2, 10));
+    EXPECT_EQ(RC_OK, WaitSemaphore(sem));
+    EXPECT_EQ(RC_OK, WaitSemaphore(sem));
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] {
+        EXPECT_EQ(RC_OK, WaitSemaphore(sem));
+        woke = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(woke);
+    PostSemaphore(sem);
+    waiter.join();
+    EXPECT_TRUE(woke);
+    ReleaseSemaphore(sem);
+}
+
+TEST(Semaphore, PostsBeyondTheCeilingAreDropped)
+{
+    SEM_HANDLE sem = nullptr;
+    ASSERT_EQ(RC_OK, CreateAndInitSemaphore(&sem, 0, 3));
+    for (int i = 0; i < 10; ++i) {
+        PostSemaphore(sem);
+    }
+    EXPECT_EQ(3, drain(sem, 10));
+    ReleaseSemaphore(sem);
+}
+
+TEST(Semaphore, ConcurrentPostsNeverPassTheCeiling)
+{
+    SEM_HANDLE sem = nullptr;
+    ASSERT_EQ(RC_OK, CreateAndInitSemaphore(&sem, 0, 10));
+    std::thread a([&] { for (int i = 0; i < 500; ++i) PostSemaphore(sem); });
+    std::thread b([&] { for (int i = 0; i < 500; ++i) PostSemaphore(sem); });
+    a.join();
+    b.join();
+    EXPECT_EQ(10, drain(sem, 20));
+    ReleaseSemaphore(sem);
+}
+
+TEST(Semaphore, BadArgumentsAreRefused)
+{
+    SEM_HANDLE sem = nullptr;
+    EXPECT_EQ(RC_BAD_PARAM, CreateAndInitSemaphore(nullptr, 0, 10));
+    EXPECT_EQ(RC_BAD_PARAM, CreateAndInitSemaphore(&sem, 11, 10));
+    EXPECT_EQ(RC_BAD_PARAM, CreateAndInitSemaphore(&sem, 0, 0));
+    errno = 0;
+    EXPECT_EQ(RC_WAIT_SEM_FAIL, WaitSemaphore(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    PostSemaphore(nullptr);
+    ReleaseSemaphore(nullptr);
+}
+
+void on_signal(int) {}
+
+TEST(Semaphore, AnInterruptedWaitFailsWithEintrAndARetrySucceeds)
+{
+    struct sigaction action {};
+    action.sa_handler = on_signal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0; /* no SA_RESTART: the wait must see the interruption */
+    struct sigaction previous {};
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, &previous));
+
+    SEM_HANDLE sem = nullptr;
+    ASSERT_EQ(RC_OK, CreateAndInitSemaphore(&sem, 0, 10));
+    std::atomic<bool> interrupted{false};
+    std::atomic<int> wait_errno{0};
+    std::atomic<bool> finished{false};
+    std::thread waiter([&] {
+        OPERATE_RET rc = WaitSemaphore(sem);
+        if (rc == RC_WAIT_SEM_FAIL) {
+            wait_errno = errno;
+            interrupted = true;
+            do { /* the caller's retry; later signals of the test may interrupt it again */
+                rc = WaitSemaphore(sem);
+            } while (rc == RC_WAIT_SEM_FAIL && errno == EINTR);
+        }
+        EXPECT_EQ(RC_OK, rc);
+        finished = true;
+    });
+    const pthread_t handle = waiter.native_handle();
+    /* the signal may land before the wait starts; keep sending until the wait saw one */
+    ASSERT_TRUE(eventually([&] {
+        pthread_kill(handle, SIGUSR1);
+        return interrupted.load();
+    }));
+    EXPECT_EQ(EINTR, wait_errno.load());
+    EXPECT_FALSE(finished);
+    PostSemaphore(sem);
+    waiter.join();
+    EXPECT_TRUE(finished);
+    ReleaseSemaphore(sem);
+    sigaction(SIGUSR1, &previous, nullptr);
+}
+
+} // namespace
