@@ -1,12 +1,19 @@
+/*
+ * The counting is wrapped around the POSIX backend's own heap by the
+ * linker (--wrap=Malloc --wrap=Free on the benchmark executables): every
+ * call of the module and the runtime lands here first. cJSON's hooks are
+ * set inside the heap's own unit, where the linker does not wrap, so
+ * count_json_allocations() points them at the wrappers.
+ */
 #include "counting_memory.h"
 
 #include <cjson/cJSON.h>
 
 #include <atomic>
-#include <cstdlib>
+#include <cstddef>
 
-#include "port/posix/posix_runtime.h"
-#include "services/uni_memory.h"
+extern "C" void *__real_Malloc(size_t size);
+extern "C" void __real_Free(void *ptr);
 
 namespace {
 
@@ -16,39 +23,28 @@ std::atomic<uint64_t> g_frees{0};
 
 } // namespace
 
-extern "C" void *Malloc(size_t size)
+extern "C" void *__wrap_Malloc(size_t size)
 {
     g_mallocs.fetch_add(1, std::memory_order_relaxed);
     g_bytes.fetch_add(size, std::memory_order_relaxed);
-    return std::malloc(size == 0 ? 1 : size);
+    return __real_Malloc(size);
 }
 
-extern "C" void Free(void *ptr)
+extern "C" void __wrap_Free(void *ptr)
 {
     if (ptr != nullptr) {
         g_frees.fetch_add(1, std::memory_order_relaxed);
     }
-    std::free(ptr);
+    __real_Free(ptr);
 }
-
-extern "C" void uni_memory_install_json_hooks(void)
-{
-    cJSON_Hooks hooks;
-    hooks.malloc_fn = Malloc;
-    hooks.free_fn = Free;
-    cJSON_InitHooks(&hooks);
-}
-
-namespace {
-
-/* before main and before any thread, as cJSON_InitHooks requires */
-struct InstallJsonHooks {
-    InstallJsonHooks() { uni_memory_install_json_hooks(); }
-} install_json_hooks;
-
-} // namespace
 
 namespace bench {
+
+void count_json_allocations()
+{
+    cJSON_Hooks hooks{__wrap_Malloc, __wrap_Free};
+    cJSON_InitHooks(&hooks);
+}
 
 HeapCount heap_count()
 {

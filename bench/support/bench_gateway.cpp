@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "backend/counting_memory.h"
 #include "port/posix/gw_registry.h"
 #include "port/posix/posix_runtime.h"
 #include "services/uni_log.h"
@@ -77,6 +78,9 @@ std::string gateway_description(int subs, int dps)
 
 void start_gateway(int subs, int dps)
 {
+    if (!g_started) {
+        count_json_allocations(); /* before the dispatch thread exists */
+    }
     if (gw_registry::loaded()) {
         gw_registry::unload();
     }
