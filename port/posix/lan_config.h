@@ -22,7 +22,7 @@ extern "C" {
 typedef struct {
     const CHAR_T *bind_addr;       /* IPv4 address to listen on ["127.0.0.1"] */
     USHORT_T      port;            /* TCP port; 0 picks a free one (see lan_bound_port) */
-    const CHAR_T *local_key;       /* the gateway's local key; required, not empty */
+    const CHAR_T *local_key;       /* the key clients must present [gw_registry_local_key()]; not empty */
     UINT_T        max_clients;     /* connections at once; more are closed at accept [8] */
     UINT_T        max_queue_frames; /* frames waiting for a slow client before it is dropped [256] */
     UINT_T        max_frame_bytes; /* longest inbound line; longer closes the client [65536] */
@@ -32,7 +32,8 @@ typedef struct {
 
 /*
  * Bind, listen and start the channel's thread. RC_OK, RC_BAD_PARAM (no
- * key, bad address, already started) or RC_FAIL (socket error, logged).
+ * key in the configuration nor in the registry, bad address, already
+ * started) or RC_FAIL (socket error, logged).
  */
 OPERATE_RET lan_start(const LAN_CONFIG_S *cfg);
 

@@ -28,6 +28,7 @@
 #include "../../services/lan_channel.h"
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
+#include "gw_registry.h"
 #include "lan_config.h"
 #include "lan_session.h"
 #include "wire_commands.h"
@@ -302,7 +303,11 @@ size_t queue_to_authed(QueueFn &&queue)
 
 extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
 {
-    if (cfg == nullptr || cfg->local_key == nullptr || cfg->local_key[0] == '\0') {
+    const CHAR_T *key = cfg == nullptr ? nullptr : cfg->local_key;
+    if (cfg != nullptr && key == nullptr) {
+        key = gw_registry_local_key();
+    }
+    if (key == nullptr || key[0] == '\0') {
         CH_LOG_ERR("LAN channel needs the gateway's local key");
         return RC_BAD_PARAM;
     }
@@ -314,7 +319,7 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
     if (cfg->bind_addr != nullptr && cfg->bind_addr[0] != '\0') {
         settings.bind_addr = cfg->bind_addr;
     }
-    settings.local_key = cfg->local_key;
+    settings.local_key = key;
     settings.max_clients = cfg->max_clients != 0 ? cfg->max_clients : settings.max_clients;
     settings.max_queue_frames = cfg->max_queue_frames != 0 ? cfg->max_queue_frames : settings.max_queue_frames;
     settings.max_frame_bytes = cfg->max_frame_bytes != 0 ? cfg->max_frame_bytes : settings.max_frame_bytes;

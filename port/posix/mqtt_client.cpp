@@ -22,8 +22,7 @@
 #include "../../services/mqtt_client.h"
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
-// provided by the registry (port/posix/gw_registry.h)
-extern "C" void gw_registry_set_nw_status(GW_BASE_NW_STAT_T status);
+#include "gw_registry.h"
 #include "mqtt_config.h"
 #include "mqtt_inbound.h"
 #include "mqtt_pending.h"

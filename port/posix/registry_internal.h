@@ -21,7 +21,7 @@ namespace gw_registry {
 namespace detail {
 
 /* One DP as described: schema, limits and flow control ready to copy into a DP_CNTL_S. */
-struct DpSpec {
+struct DpLayout {
     DP_DESC_IF_S desc{};
     DP_PROP_VALUE_U limits{}; /* value fields zero; the store adds string buffers and enum names */
     DP_REPT_CNTL_S flow{};
@@ -29,21 +29,21 @@ struct DpSpec {
     std::vector<std::string> enum_names;
 };
 
-struct DeviceSpec {
+struct DeviceLayout {
     std::string id;
     std::string sw_ver;
     std::string schema_id;
     std::string product_key;
     bool bind = true;
     bool preprocess = false;
-    std::vector<DpSpec> dps;
+    std::vector<DpLayout> dps;
 };
 
-struct GatewaySpec {
+struct GatewayLayout {
     std::string id;
     std::string local_key;
-    DeviceSpec own; /* the gateway's own node: its id, DPs and versions */
-    std::vector<DeviceSpec> devices;
+    DeviceLayout own; /* the gateway's own node: its id, DPs and versions */
+    std::vector<DeviceLayout> devices;
 };
 
 /* Where a value sits in the document, for error texts. */
@@ -53,10 +53,10 @@ struct Where {
 };
 
 /* Parse and check a whole description; false with *error filled. */
-bool parse_gateway(const cJSON *root, const std::string &file, GatewaySpec *out, LoadError *error);
+bool parse_gateway(const cJSON *root, const std::string &file, GatewayLayout *out, LoadError *error);
 
 /* Parse and check one device object found at `where`. */
-bool parse_device(const cJSON *node, const Where &where, DeviceSpec *out, LoadError *error);
+bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error);
 
 /* Fill *error (when given) and return false, for one-line refusals. */
 bool fail(LoadError *error, const std::string &file, const std::string &path, const std::string &why);

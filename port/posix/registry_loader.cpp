@@ -1,5 +1,5 @@
 /*
- * The gateway description loader: JSON in, a checked GatewaySpec out.
+ * The gateway description loader: JSON in, a checked GatewayLayout out.
  * Every refusal names the file, the key path and the reason; nothing is
  * half-loaded. Unknown keys are refused too: a misspelt "max_lenght" would
  * otherwise silently fall back to a default.
@@ -195,7 +195,7 @@ std::string element(const std::string &path, const char *key, int index)
     return (path.empty() ? std::string(key) : path + "." + key) + "[" + std::to_string(index) + "]";
 }
 
-bool parse_limits(Reader &r, DpSpec *dp, const std::string &file, LoadError *error)
+bool parse_limits(Reader &r, DpLayout *dp, const std::string &file, LoadError *error)
 {
     long long number = 0;
     switch (dp->desc.prop_tp) {
@@ -249,7 +249,7 @@ bool parse_limits(Reader &r, DpSpec *dp, const std::string &file, LoadError *err
     return r.ok();
 }
 
-bool parse_dp(const cJSON *node, const Where &where, DpSpec *dp, LoadError *error)
+bool parse_dp(const cJSON *node, const Where &where, DpLayout *dp, LoadError *error)
 {
     Reader r(node, where, error);
     long long number = 0;
@@ -287,7 +287,7 @@ bool parse_dp(const cJSON *node, const Where &where, DpSpec *dp, LoadError *erro
 
 } // namespace
 
-bool parse_device(const cJSON *node, const Where &where, DeviceSpec *out, LoadError *error)
+bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error)
 {
     Reader r(node, where, error);
     r.text("id", true, 1, DEV_ID_LEN, &out->id);
@@ -306,7 +306,7 @@ bool parse_device(const cJSON *node, const Where &where, DeviceSpec *out, LoadEr
         }
         int i = 0;
         for (const cJSON *item = dps->child; item != nullptr; item = item->next, ++i) {
-            DpSpec dp;
+            DpLayout dp;
             const std::string at = element(where.path, "dps", i);
             if (!parse_dp(item, Where{where.file, at}, &dp, error)) {
                 return false;
@@ -324,7 +324,7 @@ bool parse_device(const cJSON *node, const Where &where, DeviceSpec *out, LoadEr
     return r.no_unknown_keys();
 }
 
-bool parse_gateway(const cJSON *root, const std::string &file, GatewaySpec *out, LoadError *error)
+bool parse_gateway(const cJSON *root, const std::string &file, GatewayLayout *out, LoadError *error)
 {
     Reader top(root, Where{file, ""}, error);
     const cJSON *gateway = top.member("gateway", true);
@@ -357,7 +357,7 @@ bool parse_gateway(const cJSON *root, const std::string &file, GatewaySpec *out,
     std::set<std::string> ids;
     int i = 0;
     for (const cJSON *item = devices->child; item != nullptr; item = item->next, ++i) {
-        DeviceSpec device;
+        DeviceLayout device;
         const std::string at = element("", "devices", i);
         if (!parse_device(item, Where{file, at}, &device, error)) {
             return false;

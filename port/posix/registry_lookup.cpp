@@ -6,6 +6,7 @@
 #include <atomic>
 
 #include "../../services/uni_mutex.h"
+#include "../../smart_frame/dp_lookup.h" /* the one DP search, shared with the module */
 #include "registry_internal.h"
 
 using gw_registry::detail::Store;
@@ -51,15 +52,7 @@ extern "C" DP_CNTL_S *get_dev_dp_cntl(const CHAR_T *id, BYTE_T dpid)
     Store &s = gw_registry::detail::store();
     std::lock_guard<std::mutex> guard(s.index_lock);
     DEV_CNTL_N_S *node = id != nullptr ? gw_registry::detail::find_locked(s, id) : s.own_node;
-    if (node == nullptr) {
-        return nullptr;
-    }
-    for (BYTE_T i = 0; i < node->dp_num; ++i) {
-        if (node->dp[i].dp_desc.dp_id == dpid) {
-            return &node->dp[i];
-        }
-    }
-    return nullptr;
+    return node != nullptr ? __locate_dp_ctl_by_dpid(node, dpid) : nullptr;
 }
 
 extern "C" GW_BASE_NW_STAT_T get_gw_nw_status(void)

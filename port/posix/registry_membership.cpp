@@ -56,6 +56,16 @@ OPERATE_RET update_table(Record *records, BYTE_T *cnt, bool add, Matches matches
     return RC_OK;
 }
 
+/* Run update on the node of dev_id under the registry's leaf lock; RC_DEV_NOT_FOUND when there is none. */
+template <typename Update>
+OPERATE_RET with_device(const CHAR_T *dev_id, Update update)
+{
+    Store &s = gw_registry::detail::store();
+    std::lock_guard<std::mutex> guard(s.index_lock);
+    DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, dev_id);
+    return node != nullptr ? update(node) : RC_DEV_NOT_FOUND;
+}
+
 } // namespace
 
 extern "C" OPERATE_RET dev_update_grp_info(GRP_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id)
@@ -63,17 +73,13 @@ extern "C" OPERATE_RET dev_update_grp_info(GRP_ACTION_E action, const CHAR_T *de
     if ((action != GRP_ADD && action != GRP_DEL) || dev_id == nullptr || !valid_id(grp_id, GRP_ID_LEN)) {
         return RC_BAD_PARAM;
     }
-    Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
-    DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, dev_id);
-    if (node == nullptr) {
-        return RC_DEV_NOT_FOUND;
-    }
-    GRP_MAG_S *grp = node->attr.grp;
-    return update_table(
+    return with_device(dev_id, [action, grp_id](DEV_CNTL_N_S *node) {
+        GRP_MAG_S *grp = node->attr.grp;
+        return update_table(
         grp->g_rec, &grp->cnt, action == GRP_ADD,
-        [grp_id](const GRP_REC_S &rec) { return std::strcmp(rec.gid, grp_id) == 0; },
-        [grp_id](GRP_REC_S &rec) { std::strncpy(rec.gid, grp_id, GRP_ID_LEN); });
+            [grp_id](const GRP_REC_S &rec) { return std::strcmp(rec.gid, grp_id) == 0; },
+            [grp_id](GRP_REC_S &rec) { std::strncpy(rec.gid, grp_id, GRP_ID_LEN); });
+    });
 }
 
 extern "C" OPERATE_RET dev_update_scene_info(SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id,
@@ -83,22 +89,18 @@ extern "C" OPERATE_RET dev_update_scene_info(SCE_ACTION_E action, const CHAR_T *
         !valid_id(sce_id, SCENE_ID_LEN)) {
         return RC_BAD_PARAM;
     }
-    Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
-    DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, dev_id);
-    if (node == nullptr) {
-        return RC_DEV_NOT_FOUND;
-    }
-    SCENE_MAG_S *scene = node->attr.scene;
-    return update_table(
-        scene->s_rec, &scene->cnt, action == SCE_ADD,
-        [grp_id, sce_id](const SCENE_REC_S &rec) {
-            return std::strcmp(rec.s_id, sce_id) == 0 && std::strcmp(rec.g_id, grp_id) == 0;
-        },
-        [grp_id, sce_id](SCENE_REC_S &rec) {
-            std::strncpy(rec.s_id, sce_id, SCENE_ID_LEN);
-            std::strncpy(rec.g_id, grp_id, GRP_ID_LEN);
-        });
+    return with_device(dev_id, [action, grp_id, sce_id](DEV_CNTL_N_S *node) {
+        SCENE_MAG_S *scene = node->attr.scene;
+        return update_table(
+            scene->s_rec, &scene->cnt, action == SCE_ADD,
+            [grp_id, sce_id](const SCENE_REC_S &rec) {
+                return std::strcmp(rec.s_id, sce_id) == 0 && std::strcmp(rec.g_id, grp_id) == 0;
+            },
+            [grp_id, sce_id](SCENE_REC_S &rec) {
+                std::strncpy(rec.s_id, sce_id, SCENE_ID_LEN);
+                std::strncpy(rec.g_id, grp_id, GRP_ID_LEN);
+            });
+    });
 }
 
 namespace gw_registry {

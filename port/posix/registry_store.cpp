@@ -91,25 +91,25 @@ void copy_text(CHAR_T *dst, size_t room, const std::string &text)
     dst[room - 1] = '\0';
 }
 
-/* Fill one DP from its spec: every DP starts without a value (pv_stat 0). False on exhaustion. */
-bool fill_dp(DP_CNTL_S &dp, const DpSpec &spec)
+/* Fill one DP from its layout: every DP starts without a value (pv_stat 0). False on exhaustion. */
+bool fill_dp(DP_CNTL_S &dp, const DpLayout &layout)
 {
-    dp.dp_desc = spec.desc;
-    dp.prop = spec.limits;
-    dp.rept_cntl = spec.flow;
+    dp.dp_desc = layout.desc;
+    dp.prop = layout.limits;
+    dp.rept_cntl = layout.flow;
     dp.pv_stat = PV_STAT_INVALID;
     if (is_typed(dp, PROP_STR)) {
-        dp.prop.prop_str.value = static_cast<CHAR_T *>(std::calloc(static_cast<size_t>(spec.limits.prop_str.max_len) + 1, 1));
+        dp.prop.prop_str.value = static_cast<CHAR_T *>(std::calloc(static_cast<size_t>(layout.limits.prop_str.max_len) + 1, 1));
         return dp.prop.prop_str.value != nullptr;
     }
     if (is_typed(dp, PROP_ENUM)) {
         /* cnt counts the names already owned, so a half-built table frees cleanly */
         dp.prop.prop_enum.cnt = 0;
-        dp.prop.prop_enum.pp_enum = static_cast<CHAR_T **>(std::calloc(spec.enum_names.size(), sizeof(CHAR_T *)));
+        dp.prop.prop_enum.pp_enum = static_cast<CHAR_T **>(std::calloc(layout.enum_names.size(), sizeof(CHAR_T *)));
         if (dp.prop.prop_enum.pp_enum == nullptr) {
             return false;
         }
-        for (const std::string &name : spec.enum_names) {
+        for (const std::string &name : layout.enum_names) {
             CHAR_T *copy = static_cast<CHAR_T *>(std::malloc(name.size() + 1));
             if (copy == nullptr) {
                 return false;
@@ -121,25 +121,25 @@ bool fill_dp(DP_CNTL_S &dp, const DpSpec &spec)
     return true;
 }
 
-DEV_CNTL_N_S *build_node(const DeviceSpec &spec)
+DEV_CNTL_N_S *build_node(const DeviceLayout &layout)
 {
-    const size_t dp_num = spec.dps.size();
+    const size_t dp_num = layout.dps.size();
     DEV_CNTL_N_S *node = static_cast<DEV_CNTL_N_S *>(std::calloc(1, sizeof(DEV_CNTL_N_S) + dp_num * sizeof(DP_CNTL_S)));
     if (node == nullptr) {
         return nullptr;
     }
-    copy_text(node->dev_if.id, sizeof(node->dev_if.id), spec.id);
-    copy_text(node->dev_if.sw_ver, sizeof(node->dev_if.sw_ver), spec.sw_ver);
-    copy_text(node->dev_if.schema_id, sizeof(node->dev_if.schema_id), spec.schema_id);
-    copy_text(node->dev_if.product_key, sizeof(node->dev_if.product_key), spec.product_key);
-    node->dev_if.bind = spec.bind ? TRUE : FALSE;
-    node->attr.preprocess = spec.preprocess ? TRUE : FALSE;
+    copy_text(node->dev_if.id, sizeof(node->dev_if.id), layout.id);
+    copy_text(node->dev_if.sw_ver, sizeof(node->dev_if.sw_ver), layout.sw_ver);
+    copy_text(node->dev_if.schema_id, sizeof(node->dev_if.schema_id), layout.schema_id);
+    copy_text(node->dev_if.product_key, sizeof(node->dev_if.product_key), layout.product_key);
+    node->dev_if.bind = layout.bind ? TRUE : FALSE;
+    node->attr.preprocess = layout.preprocess ? TRUE : FALSE;
     node->attr.grp = static_cast<GRP_MAG_S *>(std::calloc(1, sizeof(GRP_MAG_S)));
     node->attr.scene = static_cast<SCENE_MAG_S *>(std::calloc(1, sizeof(SCENE_MAG_S)));
     bool ok = node->attr.grp != nullptr && node->attr.scene != nullptr;
     for (size_t i = 0; ok && i < dp_num; ++i) {
         node->dp_num = static_cast<BYTE_T>(i + 1); /* what free_node must release so far */
-        ok = fill_dp(node->dp[i], spec.dps[i]);
+        ok = fill_dp(node->dp[i], layout.dps[i]);
     }
     if (!ok) {
         free_node(node);
@@ -148,10 +148,10 @@ DEV_CNTL_N_S *build_node(const DeviceSpec &spec)
     return node;
 }
 
-std::vector<std::string> names_of(const DeviceSpec &spec)
+std::vector<std::string> names_of(const DeviceLayout &layout)
 {
     std::vector<std::string> names;
-    for (const DpSpec &dp : spec.dps) {
+    for (const DpLayout &dp : layout.dps) {
         names.push_back(dp.name);
     }
     return names;
@@ -208,12 +208,12 @@ bool parse_text(const std::string &json, const std::string &label, cJSON **root,
                 "not valid JSON (near line " + std::to_string(line) + ", column " + std::to_string(column) + ")");
 }
 
-void set_gateway_record(Store &s, const GatewaySpec &spec)
+void set_gateway_record(Store &s, const GatewayLayout &layout)
 {
-    copy_text(s.gw.gw_if.id, sizeof(s.gw.gw_if.id), spec.id);
-    copy_text(s.gw.gw_if.sw_ver, sizeof(s.gw.gw_if.sw_ver), spec.own.sw_ver);
-    copy_text(s.gw.gw_if.product_key, sizeof(s.gw.gw_if.product_key), spec.own.product_key);
-    s.local_key = spec.local_key;
+    copy_text(s.gw.gw_if.id, sizeof(s.gw.gw_if.id), layout.id);
+    copy_text(s.gw.gw_if.sw_ver, sizeof(s.gw.gw_if.sw_ver), layout.own.sw_ver);
+    copy_text(s.gw.gw_if.product_key, sizeof(s.gw.gw_if.product_key), layout.own.product_key);
+    s.local_key = layout.local_key;
 }
 
 /*
@@ -239,19 +239,19 @@ bool load_text(const std::string &json, const std::string &file_label, LoadError
     if (!detail::parse_text(json, file_label, &root, error)) {
         return false;
     }
-    detail::GatewaySpec spec;
-    const bool parsed = detail::parse_gateway(root, file_label, &spec, error);
+    detail::GatewayLayout layout;
+    const bool parsed = detail::parse_gateway(root, file_label, &layout, error);
     cJSON_Delete(root);
     if (!parsed) {
         return false;
     }
     /* build every node before touching the store: a failure leaves it as it was */
     std::vector<DEV_CNTL_N_S *> nodes;
-    std::vector<const detail::DeviceSpec *> specs{&spec.own};
-    for (const detail::DeviceSpec &device : spec.devices) {
-        specs.push_back(&device);
+    std::vector<const detail::DeviceLayout *> layouts{&layout.own};
+    for (const detail::DeviceLayout &device : layout.devices) {
+        layouts.push_back(&device);
     }
-    for (const detail::DeviceSpec *device : specs) {
+    for (const detail::DeviceLayout *device : layouts) {
         DEV_CNTL_N_S *node = detail::build_node(*device);
         if (node == nullptr) {
             for (DEV_CNTL_N_S *built : nodes) {
@@ -267,9 +267,9 @@ bool load_text(const std::string &json, const std::string &file_label, LoadError
     {
         detail::MutationLock locks(s);
         if (!s.loaded) {
-            detail::set_gateway_record(s, spec);
+            detail::set_gateway_record(s, layout);
             for (size_t i = 0; i < nodes.size(); ++i) {
-                detail::link_node(s, nodes[i], detail::names_of(*specs[i]));
+                detail::link_node(s, nodes[i], detail::names_of(*layouts[i]));
             }
             s.own_node = nodes[0];
             s.loaded = true;
@@ -307,13 +307,13 @@ OPERATE_RET add_device(const std::string &device_json, LoadError *error)
     if (!detail::parse_text(device_json, kLabel, &root, error)) {
         return RC_BAD_PARAM;
     }
-    detail::DeviceSpec spec;
-    const bool parsed = detail::parse_device(root, detail::Where{kLabel, ""}, &spec, error);
+    detail::DeviceLayout layout;
+    const bool parsed = detail::parse_device(root, detail::Where{kLabel, ""}, &layout, error);
     cJSON_Delete(root);
     if (!parsed) {
         return RC_BAD_PARAM;
     }
-    DEV_CNTL_N_S *node = detail::build_node(spec);
+    DEV_CNTL_N_S *node = detail::build_node(layout);
     if (node == nullptr) {
         detail::fail(error, kLabel, "", "out of memory");
         return RC_NO_MEMORY;
@@ -325,12 +325,12 @@ OPERATE_RET add_device(const std::string &device_json, LoadError *error)
         if (!s.loaded) {
             detail::fail(error, kLabel, "", "no gateway loaded");
             result = RC_FAIL;
-        } else if (detail::find_locked(s, spec.id.c_str()) != nullptr ||
-                   strcasecmp(spec.id.c_str(), s.gw.gw_if.id) == 0) {
-            detail::fail(error, kLabel, "id", "device id \"" + spec.id + "\" is taken");
+        } else if (detail::find_locked(s, layout.id.c_str()) != nullptr ||
+                   strcasecmp(layout.id.c_str(), s.gw.gw_if.id) == 0) {
+            detail::fail(error, kLabel, "id", "device id \"" + layout.id + "\" is taken");
             result = RC_BAD_PARAM;
         } else {
-            detail::link_node(s, node, detail::names_of(spec));
+            detail::link_node(s, node, detail::names_of(layout));
         }
     }
     if (result != RC_OK) {

@@ -13,17 +13,6 @@ namespace {
 
 class ChannelCommands : public ChannelTest {
 protected:
-    void start_lan_client()
-    {
-        LAN_CONFIG_S cfg{};
-        cfg.local_key = LOCAL_KEY;
-        ASSERT_EQ(RC_OK, lan_start(&cfg));
-        ASSERT_TRUE(lan_.connect(lan_bound_port()));
-        ASSERT_TRUE(lan_.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
-        std::string hello;
-        ASSERT_TRUE(lan_.read_line(&hello, seconds(5)));
-    }
-
     /* The next LAN frame of the given type, skipping others. */
     std::string next_lan_frame(const std::string &type_prefix)
     {
@@ -35,8 +24,6 @@ protected:
         }
         return "";
     }
-
-    LanPeer lan_;
 };
 
 TEST_F(ChannelCommands, MqttGroupCommandIsAnsweredUnderProtocol203)

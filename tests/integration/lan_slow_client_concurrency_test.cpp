@@ -21,10 +21,7 @@ class LanSlowClient : public ChannelTest {};
 TEST_F(LanSlowClient, IsDroppedWithoutBlockingTheReportersAndReleasesEveryBlock)
 {
     start({}, {}, false);
-    LAN_CONFIG_S cfg{};
-    cfg.local_key = LOCAL_KEY;
-    cfg.max_queue_frames = 16;
-    ASSERT_EQ(RC_OK, lan_start(&cfg));
+    start_lan(0, 16);
 
     LanPeer sleeper;
     ASSERT_TRUE(sleeper.connect(lan_bound_port()));
@@ -33,6 +30,7 @@ TEST_F(LanSlowClient, IsDroppedWithoutBlockingTheReportersAndReleasesEveryBlock)
     ASSERT_TRUE(sleeper.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
     std::string line;
     ASSERT_TRUE(sleeper.read_line(&line, seconds(5)));
+    ASSERT_EQ(1u, lan_authed_client_count());
 
     // A big payload fills the sleeper's socket buffers after a few frames.
     const std::string payload = "{\"dps\":{\"1\":\"" + std::string(16000, 'v') + "\"}}";
@@ -66,9 +64,7 @@ TEST_F(LanSlowClient, IsDroppedWithoutBlockingTheReportersAndReleasesEveryBlock)
 
     // The gateway still serves a client that reads.
     LanPeer reader;
-    ASSERT_TRUE(reader.connect(lan_bound_port()));
-    ASSERT_TRUE(reader.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
-    ASSERT_TRUE(reader.read_line(&line, seconds(5)));
+    authenticate(&reader);
     ASSERT_EQ(RC_OK, lan_data_report_cb(LAN_FRAME_GRP_ANSWER, 0, "{}", 2));
     ASSERT_TRUE(reader.read_line(&line, seconds(5)));
     EXPECT_EQ("{\"type\":208,\"flag\":0,\"data\":{}}", line);

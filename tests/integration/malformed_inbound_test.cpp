@@ -10,21 +10,7 @@
 namespace it {
 namespace {
 
-class MalformedInbound : public ChannelTest {
-protected:
-    void start_lan()
-    {
-        LAN_CONFIG_S cfg{};
-        cfg.local_key = LOCAL_KEY;
-        ASSERT_EQ(RC_OK, lan_start(&cfg));
-        ASSERT_TRUE(lan_.connect(lan_bound_port()));
-        ASSERT_TRUE(lan_.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
-        std::string hello;
-        ASSERT_TRUE(lan_.read_line(&hello, seconds(5)));
-    }
-
-    LanPeer lan_;
-};
+class MalformedInbound : public ChannelTest {};
 
 std::string nested(size_t depth) { return std::string(depth, '[') + std::string(depth, ']'); }
 
@@ -73,7 +59,7 @@ TEST_F(MalformedInbound, LanFramesOfEveryBadKindAreDroppedAndTheConnectionStays)
 {
     StderrCapture log;
     start({{"sub01", 1, 1}}, {}, false);
-    start_lan();
+    start_lan_client();
 
     ASSERT_TRUE(lan_.send_line("garbage"));
     ASSERT_TRUE(lan_.send_line("{\"cmd\":\"reboot\",\"data\":{}}"));
@@ -91,7 +77,7 @@ TEST_F(MalformedInbound, LanFramesOfEveryBadKindAreDroppedAndTheConnectionStays)
 TEST_F(MalformedInbound, LanLineLongerThanTheLimitClosesTheClient)
 {
     start({}, {}, false);
-    start_lan();
+    start_lan_client();
 
     ASSERT_TRUE(lan_.send_line(std::string(70000, 'x')));
 

@@ -20,6 +20,7 @@
 #include "cloud_defs/gw_intf.h"
 #include "cloud_peer.h"
 #include "gateway.h"
+#include "lan_peer.h"
 #include "port/posix/lan_config.h"
 #include "port/posix/mqtt_config.h"
 #include "services/mqtt_client.h"
@@ -66,6 +67,33 @@ protected:
         return cfg;
     }
 
+    /* Start the LAN channel on a free port; the key comes from the registry. */
+    void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0)
+    {
+        LAN_CONFIG_S cfg{};
+        cfg.auth_timeout_ms = auth_timeout_ms;
+        cfg.max_queue_frames = max_queue_frames;
+        ASSERT_EQ(RC_OK, lan_start(&cfg));
+        ASSERT_NE(0, lan_bound_port());
+    }
+
+    /* Connect peer and authenticate it; returns the gateway's greeting ("" when none came). */
+    static std::string authenticate(LanPeer *peer)
+    {
+        std::string hello;
+        EXPECT_TRUE(peer->connect(lan_bound_port()));
+        EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        EXPECT_TRUE(peer->read_line(&hello, seconds(5)));
+        return hello;
+    }
+
+    /* start_lan, then authenticate lan_. */
+    void start_lan_client()
+    {
+        start_lan();
+        authenticate(&lan_);
+    }
+
     static std::string topic(const char *leaf) { return std::string("sf/") + GW_ID + "/" + leaf; }
 
     /* Uplink messages of protocol pro whose "data" printed unformatted equals data. */
@@ -98,6 +126,7 @@ protected:
 
     std::unique_ptr<Broker> broker_;
     CloudPeer cloud_{"sf-it-cloud"};
+    LanPeer lan_;
 };
 
 } // namespace it

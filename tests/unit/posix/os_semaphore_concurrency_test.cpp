@@ -14,33 +14,31 @@ namespace {
 
 using posix_test::eventually;
 
-/* Count the semaphore holds by taking every count a waiter could get at once. */
-int drain(SEM_HANDLE sem, int at_most)
+/*
+ * True when the semaphore holds exactly `count` counts: that many waits
+ * return, and one more blocks (for a tenth of a second at least). The
+ * semaphore is left empty.
+ */
+bool holds_exactly(SEM_HANDLE sem, int count)
 {
     std::atomic<int> taken{0};
-    std::atomic<bool> done{false};
     std::thread taker([&] {
-        for (int i = 0; i < at_most; ++i) {
+        for (int i = 0; i <= count; ++i) {
             if (WaitSemaphore(sem) != RC_OK) {
                 break;
             }
             ++taken;
         }
-        done = true;
     });
-    /* the taker blocks once the count is used up; wait until it stops moving */
-    int last = -1;
-    while (last != taken.load() && !done) {
-        last = taken.load();
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    const int result = taken.load();
-    for (int i = result; i < at_most && !done; ++i) {
-        PostSemaphore(sem); /* let the taker finish its loop */
+    const bool got_all = eventually([&] { return taken.load() >= count; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const bool then_blocked = taken.load() == count;
+    while (taken.load() <= count) { /* let the taker finish its last wait */
+        PostSemaphore(sem);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     taker.join();
-    return result;
+    return got_all && then_blocked;
 }
 
 TEST(Semaphore, WaitTakesTheInitialCountsThenBlocksUntilAPost)
@@ -69,7 +67,7 @@ TEST(Semaphore, PostsBeyondTheCeilingAreDropped)
     for (int i = 0; i < 10; ++i) {
         PostSemaphore(sem);
     }
-    EXPECT_EQ(3, drain(sem, 10));
+    EXPECT_TRUE(holds_exactly(sem, 3));
     ReleaseSemaphore(sem);
 }
 
@@ -81,7 +79,7 @@ TEST(Semaphore, ConcurrentPostsNeverPassTheCeiling)
     std::thread b([&] { for (int i = 0; i < 500; ++i) PostSemaphore(sem); });
     a.join();
     b.join();
-    EXPECT_EQ(10, drain(sem, 20));
+    EXPECT_TRUE(holds_exactly(sem, 10));
     ReleaseSemaphore(sem);
 }
 

@@ -127,12 +127,13 @@ TEST_F(Timers, StartingAnArmedTimedMessageRearmsItFromNow)
 {
     TM_MSG_S *tm = make(cb_a);
     journal.start = Clock::now();
-    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 300, TIMER_ONCE));
+    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 1000, TIMER_ONCE));
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     const long long restarted_at = ms_since(journal.start);
+    ASSERT_LT(restarted_at, 1000); /* still armed from the first start */
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 300, TIMER_ONCE));
     ASSERT_TRUE(eventually([this] { return journal.size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1000)); /* past the first start's due time */
     EXPECT_EQ(1u, journal.size());
     EXPECT_GE(journal.at_ms[0], restarted_at + 300);
 }
@@ -142,11 +143,15 @@ TEST_F(Timers, RestartingACycleChangesItsPeriodAndKind)
     TM_MSG_S *tm = make(cb_a);
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 20, TIMER_CYCLE));
     ASSERT_TRUE(eventually([this] { return journal.size() >= 2; }));
-    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 50, TIMER_ONCE));
     const size_t before = journal.size();
-    ASSERT_TRUE(eventually([this, before] { return journal.size() == before + 1; }));
+    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 50, TIMER_ONCE));
+    ASSERT_TRUE(eventually([this, before] { return journal.size() >= before + 1; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(before + 1, journal.size());
+    const size_t settled = journal.size();
+    /* one beat of the old cycle may have been under way during the restart, then the single shot */
+    EXPECT_LE(settled, before + 2);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(settled, journal.size()); /* no longer cyclic */
 }
 
 TEST_F(Timers, DueTimedMessagesRunInTheOrderTheyFallDue)
