@@ -6,7 +6,8 @@
  * Backend: the production POSIX backend (sf_posix: libmosquitto client,
  * registry, message module, heap) against a private mosquitto broker on a
  * free loopback port, started and killed by this program (the integration
- * tests' broker helper). The LAN channel is not started (no LAN client).
+ * tests' broker helper, reconfigured as below: no packet log, TCP_NODELAY).
+ * The LAN channel is not started (no LAN client).
  *
  * The completion is observed by a linker wrap of mqc_dp_report_async
  * (--wrap): the wrapper hands the real client its own completion, which
@@ -21,6 +22,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -84,6 +86,21 @@ bool start_once(std::string *why)
     }
     started = true;
     g_broker = std::make_unique<it::Broker>();
+    if (!g_broker->start(why)) {
+        return false;
+    }
+    /*
+     * Restart it on the same port with a broker configured for service
+     * rather than for debugging: the test helper logs every packet to a
+     * file ("log_type all"), and without set_tcp_nodelay the broker's
+     * acknowledgements wait for Nagle's algorithm (40 ms tails).
+     */
+    g_broker->stop();
+    {
+        std::ofstream conf(g_broker->dir() + "/mosquitto.conf", std::ios::trunc);
+        conf << "listener " << g_broker->port() << " 127.0.0.1\n"
+             << "allow_anonymous true\npersistence false\nlog_dest none\nset_tcp_nodelay true\n";
+    }
     if (!g_broker->start(why)) {
         return false;
     }
