@@ -31,3 +31,9 @@ if [ -x "$build/bench/sf_bench_e2e" ]; then
 fi
 scripts/footprint.sh "$build" | tee "$out/footprint.txt"
 echo "results in $out" >&2
+# the goals, and the guards of the figures that miss theirs: a regression fails the run
+if command -v python3 >/dev/null; then
+  scripts/bench_goals.py "$out"
+else
+  echo "python3 not found: goals not checked (scripts/bench_goals.py)" >&2
+fi
