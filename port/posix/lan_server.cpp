@@ -1,6 +1,7 @@
 /*
  * The LAN channel: a TCP server of newline-delimited JSON frames
- * (services/lan_channel.h, port/posix/lan_config.h, docs/wire-protocol.md).
+ * (services/lan_channel.h, port/posix/lan_config.h, docs/wire-protocol.md);
+ * this file holds its sockets, its thread, start and stop.
  *
  * One thread owns the sockets: it accepts, reads, authenticates and writes
  * without ever blocking on a client. Reports are queued by the reporting
@@ -25,51 +26,42 @@
 #include <utility>
 #include <vector>
 
-#include "../../services/lan_channel.h"
-#include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
 #include "gw_registry.h"
 #include "lan_config.h"
-#include "lan_session.h"
-#include "wire_commands.h"
-#include "wire_json.h"
+#include "lan_channel_state.h"
+
+namespace sf_lan {
+
+std::mutex g_mutex;
+std::vector<std::unique_ptr<Session>> g_sessions;
+Settings g_settings;
+
+} // namespace sf_lan
+
+using namespace sf_lan; // this file is part of the channel
 
 namespace {
 
-using sf_lan::Clock;
-using sf_lan::Session;
-
 constexpr int POLL_TICK_MS = 100;
 constexpr size_t READ_CHUNK = 4096;
-
-struct Settings {
-    std::string bind_addr = "127.0.0.1";
-    std::string local_key;
-    size_t max_clients = 8;
-    size_t max_queue_frames = 256;
-    size_t max_frame_bytes = 65536;
-    size_t max_frame_depth = 32;
-    std::chrono::milliseconds auth_timeout{5000};
-};
 
 struct Command {
     std::string peer;
     std::string line;
 };
 
-// g_mutex guards g_sessions and each session's state; g_thread and the
-// sockets below are touched only by lan_start/lan_stop and the channel's
-// thread.
-std::mutex g_mutex;
-std::vector<std::unique_ptr<Session>> g_sessions;
-Settings g_settings;
+// g_thread and the sockets are touched only by lan_start/lan_stop and the
+// channel's thread.
 int g_listen_fd = -1;
 int g_wake[2] = {-1, -1};
 USHORT_T g_port = 0;
 bool g_stop = false;
 std::thread g_thread;
 
-void wake_loop()
+} // namespace
+
+void sf_lan::wake_loop()
 {
     const char byte = 1;
     if (g_wake[1] >= 0) {
@@ -78,61 +70,7 @@ void wake_loop()
     }
 }
 
-bool keys_equal(const std::string &given, const std::string &expected)
-{
-    // The time taken does not depend on where the texts differ.
-    unsigned char diff = given.size() == expected.size() ? 0 : 1;
-    for (size_t i = 0; i < given.size(); ++i) {
-        diff |= static_cast<unsigned char>(given[i] ^ expected[i % expected.size()]);
-    }
-    return diff == 0;
-}
-
-/* Caller holds g_mutex. true when line authenticates the session. */
-bool authenticate(Session *session, const std::string &line)
-{
-    const char *why = "";
-    cJSON *doc = sf_wire::parse_bounded(line.data(), line.size(), g_settings.max_frame_bytes,
-                                        g_settings.max_frame_depth, &why);
-    const cJSON *cmd = cJSON_GetObjectItemCaseSensitive(doc, "cmd");
-    const cJSON *key = cJSON_GetObjectItemCaseSensitive(doc, "key");
-    const bool ok = cJSON_IsString(cmd) && std::strcmp(cmd->valuestring, "auth") == 0 && cJSON_IsString(key) &&
-                    keys_equal(key->valuestring, g_settings.local_key);
-    cJSON_Delete(doc);
-    if (!ok) {
-        return false;
-    }
-    session->set_authed();
-    const GW_CNTL_S *gw = get_gw_cntl();
-    const std::string hello = "{\"gwId\":" + sf_wire::quote(gw->gw_if.id, std::strlen(gw->gw_if.id)) + "}";
-    session->queue_text(sf_wire::wrap_frame({{"type", LAN_FRAME_AUTH_OK}, {"flag", 0}}, hello.data(), hello.size()) +
-                            "\n",
-                        g_settings.max_queue_frames);
-    return true;
-}
-
-/* One command line of an authenticated client, on the channel's thread without g_mutex. */
-void hand_over(const Command &command)
-{
-    const char *why = "";
-    cJSON *doc = sf_wire::parse_bounded(command.line.data(), command.line.size(), g_settings.max_frame_bytes,
-                                        g_settings.max_frame_depth, &why);
-    if (doc == nullptr) {
-        CH_LOG_ERR("LAN frame from %s dropped: %s", command.peer.c_str(), why);
-        return;
-    }
-    const cJSON *cmd = cJSON_GetObjectItemCaseSensitive(doc, "cmd");
-    const sf_wire::CmdKind kind =
-        cJSON_IsString(cmd) ? sf_wire::cmd_kind_from_name(cmd->valuestring) : sf_wire::CmdKind::Unknown;
-    cJSON *data = cJSON_DetachItemFromObjectCaseSensitive(doc, "data");
-    cJSON_Delete(doc);
-    if (kind == sf_wire::CmdKind::Unknown || data == nullptr) {
-        CH_LOG_ERR("LAN frame from %s dropped: needs a known \"cmd\" and a \"data\" object", command.peer.c_str());
-        cJSON_Delete(data);
-        return;
-    }
-    sf_wire::dispatch_command(kind, data, DP_CMD_LAN);
-}
+namespace {
 
 void accept_clients()
 {
@@ -246,7 +184,7 @@ void run_loop()
             accept_clients();
         }
         for (const Command &command : commands) {
-            hand_over(command);
+            hand_over(command.peer, command.line);
         }
     }
 }
@@ -277,26 +215,6 @@ void close_sockets()
         }
     }
     g_port = 0;
-}
-
-/* Queue to every authenticated client; a full queue drops that client. Caller holds g_mutex. */
-template <typename QueueFn>
-size_t queue_to_authed(QueueFn &&queue)
-{
-    size_t taken = 0;
-    for (const auto &session : g_sessions) {
-        if (!session->authed() || session->closing()) {
-            continue;
-        }
-        if (queue(session.get())) {
-            ++taken;
-        } else {
-            CH_LOG_ERR("LAN client %s dropped: %zu frames waiting", session->peer().c_str(),
-                       g_settings.max_queue_frames);
-            session->close_soon("too slow");
-        }
-    }
-    return taken;
 }
 
 } // namespace
@@ -338,24 +256,19 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         close_sockets();
         return RC_FAIL;
     }
-    g_settings = settings;
-    g_stop = false;
+    {
+        // Reporting threads read the limits under the lock; the channel's
+        // thread reads them after its creation.
+        std::lock_guard<std::mutex> hold(g_mutex);
+        g_settings = settings;
+        g_stop = false;
+    }
     g_thread = std::thread(run_loop);
     CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
     return RC_OK;
 }
 
 extern "C" USHORT_T lan_bound_port(void) { return g_port; }
-
-extern "C" UINT_T lan_authed_client_count(void)
-{
-    std::lock_guard<std::mutex> hold(g_mutex);
-    UINT_T count = 0;
-    for (const auto &session : g_sessions) {
-        count += session->authed() && !session->closing() ? 1 : 0;
-    }
-    return count;
-}
 
 extern "C" void lan_stop(void)
 {
@@ -375,44 +288,3 @@ extern "C" void lan_stop(void)
     close_sockets();
 }
 
-extern "C" OPERATE_RET lan_dp_sata_report(RFC_DATA_S *rfc_data, UINT_T frame_kind)
-{
-    if (rfc_data == nullptr || rfc_data->data == nullptr || rfc_data->data_len < sizeof(MSG_DATA_S)) {
-        CH_LOG_ERR("lan_dp_sata_report: no message block");
-        return RC_BAD_PARAM;
-    }
-    size_t taken;
-    {
-        std::lock_guard<std::mutex> hold(g_mutex);
-        taken = queue_to_authed(
-            [&](Session *session) { return session->queue_block(rfc_data, frame_kind, g_settings.max_queue_frames); });
-        if (taken > 0) {
-            // Each session holds a reference of its own; the caller's goes.
-            put_rfc_data(rfc_data);
-        }
-    }
-    if (taken == 0) {
-        return RC_LAN_NOT_SENT;
-    }
-    wake_loop();
-    return RC_OK;
-}
-
-extern "C" OPERATE_RET lan_data_report_cb(UINT_T fr_type, UINT_T ret_flag, const CHAR_T *data, UINT_T len)
-{
-    if (data == nullptr && len != 0) {
-        return RC_BAD_PARAM;
-    }
-    const std::string line =
-        sf_wire::wrap_frame({{"type", fr_type}, {"flag", ret_flag}}, data == nullptr ? "" : data, len) + "\n";
-    size_t taken;
-    {
-        std::lock_guard<std::mutex> hold(g_mutex);
-        taken = queue_to_authed([&](Session *session) { return session->queue_text(line, g_settings.max_queue_frames); });
-    }
-    if (taken == 0) {
-        return RC_LAN_NOT_SENT;
-    }
-    wake_loop();
-    return RC_OK;
-}

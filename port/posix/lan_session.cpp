@@ -95,7 +95,7 @@ bool Session::flush()
     while (!out_.empty()) {
         OutFrame &head = out_.front();
         if (head.text.empty() && head.block != nullptr) {
-            const auto *msg = static_cast<const MSG_DATA_S *>(head.block->data);
+            const MSG_DATA_S *msg = sf_wire::message_of(head.block);
             head.text = sf_wire::wrap_frame({{"type", head.frame_type}, {"serno", msg->serno}},
                                             reinterpret_cast<const char *>(msg->data), msg->len) +
                         "\n";

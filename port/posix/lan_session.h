@@ -50,7 +50,11 @@ public:
      */
     bool take_bytes(const char *data, size_t len, size_t max_line, std::vector<std::string> *lines);
 
-    /* Queue a frame; false (nothing queued, block not referenced) when max_frames wait already. */
+    /*
+     * Queue a frame; false (nothing queued, block not referenced) when
+     * max_frames wait already. A block must carry a message
+     * (sf_wire::message_of not null): the channel checks it on entry.
+     */
     bool queue_block(RFC_DATA_S *block, unsigned frame_type, size_t max_frames);
     bool queue_text(std::string line, size_t max_frames);
     bool has_output() const { return !out_.empty(); }

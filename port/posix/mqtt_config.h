@@ -52,7 +52,7 @@ typedef struct {
     UINT_T        default_timeout_s; /* time limit of a QoS 1 publication given 0 [30] */
     UINT_T        max_inbound_bytes; /* larger inbound documents are dropped [65536] */
     UINT_T        max_inbound_depth; /* deeper nested documents are dropped [32] */
-    UINT_T        max_inflight;      /* QoS 1 messages in flight, 0 unlimited [20] */
+    UINT_T        max_inflight;      /* QoS 1 messages on the wire at once; more wait in order [20] */
 } MQC_CONFIG_S;
 
 /*

@@ -10,6 +10,9 @@ namespace sf_mqtt {
 int PendingPublications::publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c)
 {
     std::lock_guard<std::mutex> hold(mutex_);
+    if (!open_) {
+        return CLOSED;
+    }
     int mid = 0;
     const int rc = publish(&mid);
     if (rc == 0) {
@@ -43,6 +46,21 @@ std::vector<Completion> PendingPublications::take_expired(Clock::time_point now)
         }
     }
     return out;
+}
+
+void PendingPublications::open()
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    open_ = true;
+}
+
+std::vector<Completion> PendingPublications::close_and_take_all()
+{
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        open_ = false;
+    }
+    return take_all();
 }
 
 std::vector<Completion> PendingPublications::take_all()

@@ -33,14 +33,28 @@ struct Completion {
 
 class PendingPublications {
 public:
+    /* publish_and_record's result while the table is closed (no connection). */
+    static constexpr int CLOSED = -100000;
+
     /*
      * Runs publish(&mid) with the table locked and records c under mid when
      * it returns 0. The lock spans the call because libmosquitto's network
      * thread can acknowledge the message before publish returns its id:
      * the acknowledgement then waits here and finds the entry. publish must
-     * not call back into this table. Returns publish's result.
+     * not call back into this table. Returns publish's result, or CLOSED
+     * without calling publish while the table is closed.
      */
     int publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c);
+
+    /* Accept publications from now on (the connection is up). */
+    void open();
+
+    /*
+     * Refuse publications from now on and take every entry, in one step:
+     * a publication is either recorded before the connection was lost (and
+     * completed by its loss) or refused, never left waiting for its time limit.
+     */
+    std::vector<Completion> close_and_take_all();
 
     /* The entry of an acknowledged message id, if there is one. */
     bool take(int mid, Completion *out);
@@ -62,6 +76,7 @@ public:
 
 private:
     std::mutex mutex_;
+    bool open_ = false;
     std::map<int, Completion> by_mid_;
 };
 

@@ -21,6 +21,15 @@ bool only_space(const char *from, const char *to)
 
 } // namespace
 
+const MSG_DATA_S *message_of(const RFC_DATA_S *block)
+{
+    if (block == nullptr || block->data == nullptr || block->data_len < sizeof(MSG_DATA_S)) {
+        return nullptr;
+    }
+    const auto *msg = static_cast<const MSG_DATA_S *>(block->data);
+    return msg->len + sizeof(MSG_DATA_S) <= block->data_len ? msg : nullptr;
+}
+
 bool within_bounds(const char *text, size_t len, size_t max_bytes, size_t max_depth, const char **why)
 {
     if (text == nullptr || len == 0) {

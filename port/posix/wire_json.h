@@ -11,7 +11,16 @@
 #include <initializer_list>
 #include <string>
 
+#include "../../services/uni_rfc.h"
+#include "../../smart_frame/smart_frame.h"
+
 namespace sf_wire {
+
+/*
+ * The report message a block carries (MSG_DATA_S), or nullptr when the
+ * block is null or too short for the length its message claims.
+ */
+const MSG_DATA_S *message_of(const RFC_DATA_S *block);
 
 /*
  * Whether text (len bytes, need not be terminated) may be handed to the

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "support/channel_fixture.h"
-#include "support/module_gaps.h"
 
 #include "smart_frame/smart_frame.h"
 
@@ -67,7 +66,6 @@ TEST_F(BrokerOutage, EveryDpsLastValueArrivesAndEndsConfirmedAfterTheBrokerRetur
     BrokerOptions options;
     options.persistence = true; // the cloud's session and its queue survive the outage
     start(devices, options);
-    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_start_sync_obj_dp");
 
     for (int round = 1; round <= 3; ++round) {
         report_round(round);

@@ -4,7 +4,6 @@
  */
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
-#include "support/module_gaps.h"
 
 #include "smart_frame/smart_frame.h"
 
@@ -29,7 +28,6 @@ protected:
 TEST_F(ChannelCommands, MqttGroupCommandIsAnsweredUnderProtocol203)
 {
     start({{"sub01", 1, 1}, {"sub02", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_grp_oper_cmd");
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/group"), "{\"action\":0,\"cids\":[\"sub01\",\"sub02\"],\"gid\":\"5\"}"));
 
@@ -44,7 +42,6 @@ TEST_F(ChannelCommands, MqttGroupCommandIsAnsweredUnderProtocol203)
 TEST_F(ChannelCommands, LanGroupCommandIsAnsweredOnTheLanWithFrame208)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_grp_oper_cmd");
     start_lan_client();
 
     ASSERT_TRUE(lan_.send_line("{\"cmd\":\"group\",\"data\":{\"action\":1,\"cids\":[\"sub01\"],\"gid\":\"7\"}}"));
@@ -57,7 +54,6 @@ TEST_F(ChannelCommands, LanGroupCommandIsAnsweredOnTheLanWithFrame208)
 TEST_F(ChannelCommands, MalformedLanGroupCommandGetsTheFailureFrame)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_grp_oper_cmd");
     start_lan_client();
 
     ASSERT_TRUE(lan_.send_line("{\"cmd\":\"group\",\"data\":{\"action\":1,\"cids\":[],\"gid\":\"7\"}}"));
@@ -68,7 +64,6 @@ TEST_F(ChannelCommands, MalformedLanGroupCommandGetsTheFailureFrame)
 TEST_F(ChannelCommands, SceneCommandFromTheLanIsAnsweredOverMqttUnderProtocol205)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_scene_oper_cmd");
     start_lan_client();
 
     ASSERT_TRUE(lan_.send_line(
@@ -85,7 +80,6 @@ TEST_F(ChannelCommands, SceneCommandFromTheLanIsAnsweredOverMqttUnderProtocol205
 TEST_F(ChannelCommands, CloudQueryReachesTheApplicationOncePerDevice)
 {
     start({{"sub01", 1, 1}, {"sub02", 1, 1}});
-    IT_REQUIRE_MODULE("sf_respone_obj_dp_query");
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\",\"sub02\"],\"dpids\":[1,2]}"));
     ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"dpids\":[2]}"));
@@ -98,7 +92,6 @@ TEST_F(ChannelCommands, CloudQueryReachesTheApplicationOncePerDevice)
 TEST_F(ChannelCommands, QueryCallbackMayReportSynchronouslyBecauseItRunsOffTheNetworkThread)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_respone_obj_dp_query", "sf_obj_dp_report_async");
     std::atomic<int> sync_result{1};
     set_query_hook([&](const std::string &cid) {
         sync_result = sf_stat_dp_report_sync(cid.c_str(), "{\"2\":77}", nullptr, 5, FALSE);
@@ -119,7 +112,6 @@ TEST_F(ChannelCommands, QueryCallbackMayReportSynchronouslyBecauseItRunsOffTheNe
 TEST_F(ChannelCommands, CommandThatChangesNothingIsEchoedUnderProtocol16AndToTheLan)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd", "sf_obj_dp_report_async");
     start_lan_client();
     ASSERT_EQ(RC_OK, sf_obj_dp_report_async("sub01", "{\"1\":true}", FALSE));
     ASSERT_TRUE(eventually([] { return pv_stat("sub01", 1) == PV_STAT_CLOUD; }, seconds(10)));
@@ -140,7 +132,6 @@ TEST_F(ChannelCommands, CommandThatChangesNothingIsEchoedUnderProtocol16AndToThe
 TEST_F(ChannelCommands, MultiDpCommandIsAnsweredAsItCameUnderProtocol4)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd", "sf_multi_dp_report_async");
     const std::string command = "{\"devId\":\"sub01\",\"ctype\":2,\"mbid\":\"m-1\",\"dps\":{\"2\":9}}";
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), command));

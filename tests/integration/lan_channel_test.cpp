@@ -5,7 +5,6 @@
 #include "support/blocks.h"
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
-#include "support/module_gaps.h"
 #include "support/stderr_capture.h"
 
 #include "services/lan_channel.h"
@@ -124,7 +123,6 @@ TEST_F(LanChannel, DataReportFrameCarriesItsTypeAndFlag)
 TEST_F(LanChannel, AuthenticatedClientReceivesReportsAndCanCommand)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_send_gw_dev_cmd");
     start_lan();
     LanPeer peer;
     authenticate(&peer);
@@ -143,6 +141,21 @@ TEST_F(LanChannel, AuthenticatedClientReceivesReportsAndCanCommand)
     ASSERT_EQ(1u, cmd.dps.size());
     EXPECT_EQ(2, cmd.dps[0].dpid);
     EXPECT_EQ(42, cmd.dps[0].number);
+}
+
+TEST_F(LanChannel, ConnectionsBeyondTheLimitAreClosedAtOnce)
+{
+    start({}, {}, false);
+    LAN_CONFIG_S cfg{};
+    cfg.max_clients = 1;
+    ASSERT_EQ(RC_OK, lan_start(&cfg));
+    LanPeer first;
+    authenticate(&first);
+    LanPeer second;
+    ASSERT_TRUE(second.connect(lan_bound_port()));
+    std::string got;
+    EXPECT_TRUE(second.closed_without_data(seconds(10), &got)) << got;
+    EXPECT_EQ(1u, lan_authed_client_count());
 }
 
 TEST_F(LanChannel, BadConfigurationIsRefused)

@@ -4,7 +4,6 @@
  */
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
-#include "support/module_gaps.h"
 #include "support/stderr_capture.h"
 
 namespace it {
@@ -44,7 +43,6 @@ TEST_F(MalformedInbound, MqttDocumentsOfEveryBadKindAreDroppedWithALogLine)
 TEST_F(MalformedInbound, AValidMqttCommandAfterMalformedOnesStillReachesTheApplication)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd");
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), "{\"devId\":"));
     ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), nested(64)));

@@ -7,7 +7,6 @@
 
 #include "support/blocks.h"
 #include "support/channel_fixture.h"
-#include "support/module_gaps.h"
 #include "support/stderr_capture.h"
 
 #include "smart_frame/smart_frame.h"
@@ -38,7 +37,6 @@ std::vector<OPERATE_RET> completions(CompletionLog *log)
 TEST_F(MqttChannel, BrokerConfirmedReportEndsAtPvStat3AndTheSubscriberGetsTheEnvelope)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_obj_dp_report_async", "sf_start_sync_obj_dp");
 
     ASSERT_EQ(RC_OK, sf_obj_dp_report_async("sub01", "{\"1\":true,\"2\":25}", FALSE));
 
@@ -54,7 +52,6 @@ TEST_F(MqttChannel, BrokerConfirmedReportEndsAtPvStat3AndTheSubscriberGetsTheEnv
 TEST_F(MqttChannel, CloudCommandReachesTheObjectDpCallbackWithTheRightRecord)
 {
     start({{"sub01", 1, 1}});
-    IT_REQUIRE_MODULE("sf_send_gw_dev_cmd");
 
     ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), "{\"devId\":\"sub01\",\"ctype\":0,\"dps\":{\"1\":true,\"2\":25}}"));
 
@@ -75,7 +72,6 @@ TEST_F(MqttChannel, CloudCommandReachesTheObjectDpCallbackWithTheRightRecord)
 TEST_F(MqttChannel, PresenceBatchesReachTheSubscriberUnderProtocol25)
 {
     start({{"sub01", 1, 1}, {"sub02", 1, 1}, {"sub03", 1, 1}});
-    IT_REQUIRE_MODULE("sf_dev_online_stat_update");
 
     ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub01", TRUE));
     ASSERT_EQ(RC_OK, sf_dev_online_stat_update("sub02", FALSE));
@@ -166,25 +162,36 @@ TEST_F(MqttChannel, UnacknowledgedReportTimesOutOnceAndTheLateAcknowledgementIsI
     put_rfc_data(block);
 }
 
-TEST_F(MqttChannel, LostConnectionCompletesPendingReportsOnceAndRefusesNewOnes)
+TEST_F(MqttChannel, LostConnectionCompletesPendingReportsOnceEvenWhenTheLibraryResendsThem)
 {
     start({});
-    CompletionLog log;
+    CompletionLog lost;
     RFC_DATA_S *block = make_block("{\"dps\":{\"2\":3}}", 2);
 
     broker_->pause();
-    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &log));
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &lost));
     broker_->stop();
 
-    ASSERT_TRUE(eventually([&] { return !completions(&log).empty(); }, seconds(10)));
-    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_CONN_LOST}, completions(&log));
+    ASSERT_TRUE(eventually([&] { return !completions(&lost).empty(); }, seconds(10)));
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_CONN_LOST}, completions(&lost));
     EXPECT_EQ(1u, references(block));
     EXPECT_EQ(0, get_mqc_conn_stat());
     EXPECT_EQ(GW_NW_LAN, get_gw_nw_status());
-
-    EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_dp_report_async(block, 30, record_completion, &log));
+    EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_dp_report_async(block, 30, record_completion, &lost));
     EXPECT_EQ(1u, references(block));
-    EXPECT_EQ(1u, completions(&log).size());
+
+    std::string why;
+    ASSERT_TRUE(broker_->start(&why)) << why;
+    ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(15)));
+    // libmosquitto sends the unacknowledged message again on the new
+    // connection, before this one; once this one is acknowledged, so is it.
+    CompletionLog fresh;
+    ASSERT_EQ(RC_OK, mqc_dp_report_async(block, 30, record_completion, &fresh));
+    ASSERT_TRUE(eventually([&] { return !completions(&fresh).empty(); }, seconds(10)));
+
+    EXPECT_EQ(std::vector<OPERATE_RET>{RC_OK}, completions(&fresh));
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_CONN_LOST}, completions(&lost));
+    EXPECT_EQ(1u, references(block));
     put_rfc_data(block);
 }
 
@@ -218,6 +225,65 @@ TEST_F(MqttChannel, StopCompletesWhatIsStillPending)
     EXPECT_EQ(1u, references(block));
     EXPECT_EQ(MQC_RC_NOT_CONNECTED, mqc_dp_report_async(block, 30, record_completion, &log));
     put_rfc_data(block);
+}
+
+TEST_F(MqttChannel, StatusTopicSaysOnlineOnConnectAndOfflineOnStop)
+{
+    start({});
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return !all.empty() && all.back().topic == topic("status") && all.back().payload == "{\"online\":true}";
+        },
+        seconds(10)));
+    mqc_stop();
+    EXPECT_TRUE(cloud_.wait_until(
+        [](const std::vector<Received> &all) {
+            return all.back().topic == topic("status") && all.back().payload == "{\"online\":false}";
+        },
+        seconds(10)));
+}
+
+TEST_F(MqttChannel, PublicationWithoutATimeLimitUsesTheConfiguredDefault)
+{
+    start({}, {}, false);
+    MQC_CONFIG_S cfg = mqtt_config();
+    cfg.default_timeout_s = 1;
+    ASSERT_EQ(RC_OK, mqc_start(&cfg));
+    ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10)));
+    CompletionLog log;
+
+    broker_->pause();
+    const auto began = std::chrono::steady_clock::now();
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_PRESENCE, "{\"online\":[\"a\"]}", 1, 0, record_completion, &log));
+    ASSERT_TRUE(eventually([&] { return !completions(&log).empty(); }, seconds(10)));
+    const auto waited = std::chrono::steady_clock::now() - began;
+    broker_->resume();
+
+    EXPECT_EQ(std::vector<OPERATE_RET>{MQC_RC_TIMEOUT}, completions(&log));
+    EXPECT_GE(waited, milliseconds(900));
+}
+
+TEST_F(MqttChannel, InboundCommandsBeyondTheQueueBoundAreDroppedWithALogLine)
+{
+    StderrCapture log;
+    start({{"sub01", 1, 1}});
+    std::mutex gate;
+    gate.lock(); // the first query holds the inbound thread until released
+    set_query_hook([&](const std::string &) {
+        gate.lock();
+        gate.unlock();
+    });
+
+    for (int i = 0; i < 80; ++i) {
+        ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\"],\"dpids\":[1]}"));
+    }
+    EXPECT_TRUE(log.wait_for("query command dropped: 64 commands already waiting", seconds(10))) << log.text();
+    gate.unlock();
+
+    // One was being handled and 64 waited: those and no more reach the application.
+    EXPECT_TRUE(wait_app_calls(65, seconds(10)));
+    set_query_hook(nullptr);
+    EXPECT_LT(app_calls().size(), 80u);
 }
 
 TEST_F(MqttChannel, BadArgumentsAreRefused)

@@ -46,6 +46,7 @@ public:
 
 private:
     bool write_config(std::string *why);
+    bool launch(std::string *why);
 
     BrokerOptions options_;
     std::string dir_;

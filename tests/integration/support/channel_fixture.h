@@ -54,6 +54,20 @@ protected:
             MQC_CONFIG_S cfg = mqtt_config();
             ASSERT_EQ(RC_OK, mqc_start(&cfg));
             ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10))) << "no MQTT connection";
+            if (broker_options.user.empty() && !broker_options.tls) {
+                // The gateway says it is online after subscribing: from then on commands reach it.
+                ASSERT_TRUE(cloud_.wait_until(
+                    [](const std::vector<Received> &all) {
+                        for (const Received &one : all) {
+                            if (one.topic == topic("status") && one.payload == "{\"online\":true}") {
+                                return true;
+                            }
+                        }
+                        return false;
+                    },
+                    seconds(10)))
+                    << "no online status";
+            }
         }
     }
 

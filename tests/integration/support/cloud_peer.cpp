@@ -23,8 +23,8 @@ void CloudPeer::on_message(mosquitto *, void *obj, const mosquitto_message *msg)
 {
     auto *self = static_cast<CloudPeer *>(obj);
     std::lock_guard<std::mutex> hold(self->mutex_);
-    self->received_.push_back(
-        Received{msg->topic, std::string(static_cast<const char *>(msg->payload), static_cast<size_t>(msg->payloadlen))});
+    const auto *payload = static_cast<const char *>(msg->payload);
+    self->received_.push_back(Received{msg->topic, std::string(payload, static_cast<size_t>(msg->payloadlen))});
     self->changed_.notify_all();
 }
 

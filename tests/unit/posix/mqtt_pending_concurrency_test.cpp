@@ -51,9 +51,36 @@ int record(PendingPublications *table, int mid, const Completion &c)
         c);
 }
 
+TEST(MqttPending, ClosedTableRefusesWithoutPublishing)
+{
+    PendingPublications table;
+    Counter counter;
+    bool called = false;
+    EXPECT_EQ(PendingPublications::CLOSED, table.publish_and_record(
+                                               [&](int *) {
+                                                   called = true;
+                                                   return 0;
+                                               },
+                                               completion(&counter, Clock::now())));
+    EXPECT_FALSE(called);
+    EXPECT_EQ(0u, table.size());
+}
+
+TEST(MqttPending, ClosingTakesEverythingAndRefusesWhatFollows)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    ASSERT_EQ(0, record(&table, 5, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    PendingPublications::complete(table.close_and_take_all(), -1104);
+    EXPECT_EQ(1, counter.calls.load());
+    EXPECT_EQ(PendingPublications::CLOSED, record(&table, 6, completion(&counter, Clock::now())));
+}
+
 TEST(MqttPending, FailedPublishRecordsNothing)
 {
     PendingPublications table;
+    table.open();
     Counter counter;
     EXPECT_EQ(14, table.publish_and_record([](int *) { return 14; }, completion(&counter, Clock::now())));
     EXPECT_EQ(0u, table.size());
@@ -62,6 +89,7 @@ TEST(MqttPending, FailedPublishRecordsNothing)
 TEST(MqttPending, AcknowledgementTakesTheEntryOnce)
 {
     PendingPublications table;
+    table.open();
     Counter counter;
     ASSERT_EQ(0, record(&table, 7, completion(&counter, Clock::now() + std::chrono::hours(1))));
     Completion done;
@@ -75,6 +103,7 @@ TEST(MqttPending, AcknowledgementTakesTheEntryOnce)
 TEST(MqttPending, OnlyExpiredEntriesAreTaken)
 {
     PendingPublications table;
+    table.open();
     Counter early;
     Counter late;
     const Clock::time_point now = Clock::now();
@@ -90,6 +119,7 @@ TEST(MqttPending, OnlyExpiredEntriesAreTaken)
 TEST(MqttPending, CompletionRunsTheCallbackThenDropsTheClientsReference)
 {
     PendingPublications table;
+    table.open();
     Counter counter;
     void *payload = Malloc(8);
     RFC_DATA_S *block = cr_rfc_data(payload, 8, FALSE, 2);
@@ -104,7 +134,9 @@ TEST(MqttPending, RacingAcknowledgementsExpiriesAndLossCompleteEachEntryExactlyO
 {
     constexpr int ENTRIES = 3000;
     PendingPublications table;
+    table.open();
     std::vector<Counter> counters(ENTRIES);
+    std::vector<char> accepted(ENTRIES, 0);
     std::atomic<bool> recording{true};
     const Clock::time_point start = Clock::now();
 
@@ -112,7 +144,8 @@ TEST(MqttPending, RacingAcknowledgementsExpiriesAndLossCompleteEachEntryExactlyO
         for (int mid = 0; mid < ENTRIES; ++mid) {
             // Half expire at once, half never by time.
             const Clock::time_point deadline = mid % 2 == 0 ? start : start + std::chrono::hours(1);
-            record(&table, mid, completion(&counters[static_cast<size_t>(mid)], deadline));
+            accepted[static_cast<size_t>(mid)] =
+                record(&table, mid, completion(&counters[static_cast<size_t>(mid)], deadline)) == 0;
         }
         recording = false;
     });
@@ -131,14 +164,24 @@ TEST(MqttPending, RacingAcknowledgementsExpiriesAndLossCompleteEachEntryExactlyO
             PendingPublications::complete(table.take_expired(Clock::now()), -1103);
         }
     });
+    std::thread loser([&] {
+        // The connection drops while the others run: what is recorded after it is refused.
+        while (recording && table.size() < ENTRIES / 10) {
+        }
+        PendingPublications::complete(table.close_and_take_all(), -1104);
+    });
     publisher.join();
     acker.join();
     expirer.join();
-    PendingPublications::complete(table.take_all(), -1104);
+    loser.join();
+    PendingPublications::complete(table.close_and_take_all(), -1104);
 
-    for (const Counter &counter : counters) {
-        EXPECT_EQ(1, counter.calls.load());
+    int refused = 0;
+    for (size_t i = 0; i < counters.size(); ++i) {
+        EXPECT_EQ(accepted[i] ? 1 : 0, counters[i].calls.load());
+        refused += accepted[i] ? 0 : 1;
     }
+    EXPECT_LT(refused, ENTRIES);
     EXPECT_EQ(0u, table.size());
 }
 

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "port/posix/wire_json.h"
+#include "tests/integration/support/blocks.h"
 
 namespace {
 
@@ -104,6 +105,26 @@ TEST(WireFrame, NumbersComeInTheGivenOrderBeforeTheData)
               wrap_frame({{"serno", 4294967295LL}, {"pro", 25}}, text.data(), text.size()));
     EXPECT_EQ("{\"type\":208,\"flag\":1,\"data\":\"scene oper failed\"}",
               wrap_frame({{"type", 208}, {"flag", 1}}, "scene oper failed", 17));
+}
+
+} // namespace
+
+namespace {
+
+TEST(WireBlock, MessageOfAcceptsOnlyABlockLongEnoughForItsMessage)
+{
+    EXPECT_EQ(nullptr, sf_wire::message_of(nullptr));
+    RFC_DATA_S *block = it::make_block("{\"dps\":{}}", 3);
+    const MSG_DATA_S *msg = sf_wire::message_of(block);
+    ASSERT_NE(nullptr, msg);
+    EXPECT_EQ(3u, msg->serno);
+    EXPECT_EQ(10u, msg->len);
+    block->data_len -= 1; // shorter than the message claims
+    EXPECT_EQ(nullptr, sf_wire::message_of(block));
+    block->data_len = sizeof(MSG_DATA_S) - 1;
+    EXPECT_EQ(nullptr, sf_wire::message_of(block));
+    block->data_len = sizeof(MSG_DATA_S) + 10;
+    put_rfc_data(block);
 }
 
 } // namespace

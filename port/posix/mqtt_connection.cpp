@@ -1,0 +1,304 @@
+/*
+ * The MQTT client over libmosquitto: its connection, threads, start and
+ * stop (services/mqtt_client.h, port/posix/mqtt_config.h).
+ *
+ * Threads: the network thread runs libmosquitto's loop: connect and
+ * disconnect, acknowledgements (completions) and inbound messages (queued
+ * for the inbound thread); the expiry thread completes publications whose
+ * time limit passed. Completions never run with a lock of this client held.
+ *
+ * The network thread is ours rather than mosquitto_loop_start's because
+ * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
+ * error, a failed name lookup, a protocol error), which on a gateway are
+ * often passing: we log them and connect again with back-off.
+ */
+#include <mosquitto.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+
+#include "../../cloud_defs/gw_intf.h"
+#include "../../services/mqtt_client.h"
+#include "../../smart_frame/smart_frame.h"
+#include "channel_log.h"
+#include "gw_registry.h"
+#include "mqtt_client_state.h"
+
+namespace sf_mqtt {
+
+std::shared_mutex g_life;
+Client *g_client = nullptr;
+std::atomic<bool> g_connected{false};
+std::atomic<bool> g_stopping{false};
+
+} // namespace sf_mqtt
+
+using namespace sf_mqtt; // this file is part of the client
+
+namespace {
+
+constexpr auto EXPIRY_TICK = std::chrono::milliseconds(100);
+
+constexpr char ONLINE_STATUS[] = "{\"online\":true}";
+constexpr char OFFLINE_STATUS[] = "{\"online\":false}";
+
+void on_connect(mosquitto *mosq, void *obj, int rc)
+{
+    auto *client = static_cast<Client *>(obj);
+    if (rc != 0) {
+        // 4 and 5 are the broker's answers to a wrong user name or password.
+        CH_LOG_ERR("MQTT broker %s:%d refused the connection: %s%s", client->host.c_str(), client->port,
+                   mosquitto_connack_string(rc),
+                   (rc == 4 || rc == 5) ? " (check the user name and password)" : "");
+        return;
+    }
+    int sub_rc = mosquitto_subscribe(mosq, nullptr, client->cmd_filter.c_str(), 1);
+    if (sub_rc != MOSQ_ERR_SUCCESS) {
+        CH_LOG_ERR("subscribe %s failed: %s", client->cmd_filter.c_str(), mosquitto_strerror(sub_rc));
+    }
+    mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
+                      true);
+    client->pending.open();
+    client->established = true;
+    g_connected = true;
+    gw_registry_set_nw_status(GW_NW_CLOUD);
+    CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
+    // Values whose publication failed while the cloud was away go out again.
+    sf_start_sync_obj_dp();
+}
+
+void on_disconnect(mosquitto *, void *obj, int rc)
+{
+    auto *client = static_cast<Client *>(obj);
+    const bool was_connected = g_connected.exchange(false);
+    if (!g_stopping) {
+        gw_registry_set_nw_status(GW_NW_LAN);
+    }
+    if (was_connected) {
+        if (rc != 0) {
+            CH_LOG_ERR("MQTT connection to %s:%d lost (%s), reconnecting", client->host.c_str(), client->port,
+                       mosquitto_strerror(rc));
+        } else {
+            CH_LOG_INFO("MQTT disconnected");
+        }
+    }
+    // libmosquitto will re-send these after a reconnect, but their callers
+    // are told now; the late acknowledgements then find no entry.
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
+}
+
+void on_publish(mosquitto *, void *obj, int mid)
+{
+    auto *client = static_cast<Client *>(obj);
+    Completion done;
+    if (client->pending.take(mid, &done)) {
+        PendingPublications::complete(done, RC_OK);
+    }
+}
+
+void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
+{
+    auto *client = static_cast<Client *>(obj);
+    if (msg->topic == nullptr || std::strncmp(msg->topic, client->cmd_prefix.c_str(), client->cmd_prefix.size()) != 0) {
+        return;
+    }
+    const char *name = msg->topic + client->cmd_prefix.size();
+    const sf_wire::CmdKind kind = sf_wire::cmd_kind_from_name(name);
+    if (kind == sf_wire::CmdKind::Unknown) {
+        CH_LOG_ERR("message on %s dropped: unknown command topic", msg->topic);
+        return;
+    }
+    client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen));
+}
+
+/* Sleep up to span unless the client stops; false when it stops. */
+bool wait_unless_stopped(Client *client, std::chrono::milliseconds span)
+{
+    std::unique_lock<std::mutex> hold(client->wait_mutex);
+    return !client->wake.wait_for(hold, span, [client] { return client->stop.load(); });
+}
+
+void run_expiry(Client *client)
+{
+    while (wait_unless_stopped(client, EXPIRY_TICK)) {
+        PendingPublications::complete(client->pending.take_expired(Clock::now()), MQC_RC_TIMEOUT);
+    }
+}
+
+void run_network(Client *client)
+{
+    bool first = true;
+    UINT_T delay_s = client->reconnect_min_s;
+    for (;;) {
+        int rc;
+        {
+            std::lock_guard<std::mutex> hold(client->connect_mutex);
+            if (client->stop) {
+                return;
+            }
+            rc = first ? mosquitto_connect(client->mosq, client->host.c_str(), client->port,
+                                           static_cast<int>(client->keepalive_s))
+                       : mosquitto_reconnect(client->mosq);
+        }
+        first = false;
+        if (rc == MOSQ_ERR_SUCCESS) {
+            // Returns on our disconnect or on an error libmosquitto does not retry.
+            rc = mosquitto_loop_forever(client->mosq, 1000, 1);
+        }
+        if (client->established.exchange(false)) {
+            // The broker did accept us: this is a new outage, not a persisting one.
+            delay_s = client->reconnect_min_s;
+        }
+        if (client->stop) {
+            return;
+        }
+        CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(), client->port,
+                   rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
+        if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
+            return;
+        }
+        delay_s = delay_s * 2 > client->reconnect_max_s ? client->reconnect_max_s : delay_s * 2;
+    }
+}
+
+void on_log(mosquitto *, void *, int level, const char *text)
+{
+    // libmosquitto says why TLS failed only here.
+    if (level == MOSQ_LOG_ERR) {
+        CH_LOG_ERR("libmosquitto: %s", text);
+    }
+}
+
+void stop_threads(Client *client)
+{
+    {
+        std::lock_guard<std::mutex> hold(client->connect_mutex);
+        client->stop = true;
+        mosquitto_disconnect(client->mosq);
+    }
+    {
+        std::lock_guard<std::mutex> hold(client->wait_mutex);
+    }
+    client->wake.notify_all();
+    if (client->network.joinable()) {
+        client->network.join();
+    }
+    if (client->expiry.joinable()) {
+        client->expiry.join();
+    }
+    client->inbound->stop();
+}
+
+bool set_up_mosquitto(Client *client)
+{
+    client->mosq = mosquitto_new(client->client_id.c_str(), true, client);
+    if (client->mosq == nullptr) {
+        CH_LOG_ERR("mosquitto_new failed");
+        return false;
+    }
+    mosquitto *mosq = client->mosq;
+    mosquitto_connect_callback_set(mosq, on_connect);
+    mosquitto_disconnect_callback_set(mosq, on_disconnect);
+    mosquitto_publish_callback_set(mosq, on_publish);
+    mosquitto_message_callback_set(mosq, on_message);
+    mosquitto_log_callback_set(mosq, on_log);
+    mosquitto_threaded_set(mosq, true);
+    mosquitto_reconnect_delay_set(mosq, client->reconnect_min_s, client->reconnect_max_s, true);
+    mosquitto_max_inflight_messages_set(mosq, client->max_inflight);
+    int rc = mosquitto_will_set(mosq, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1, OFFLINE_STATUS, 1,
+                                true);
+    if (rc == MOSQ_ERR_SUCCESS && !client->username.empty()) {
+        rc = mosquitto_username_pw_set(mosq, client->username.c_str(), sf_mqtt::c_or_null(client->password));
+    }
+    if (rc == MOSQ_ERR_SUCCESS && !client->ca_file.empty()) {
+        rc = mosquitto_tls_set(mosq, client->ca_file.c_str(), nullptr, sf_mqtt::c_or_null(client->cert_file),
+                               sf_mqtt::c_or_null(client->key_file), nullptr);
+        if (rc == MOSQ_ERR_SUCCESS && client->tls_insecure) {
+            rc = mosquitto_tls_insecure_set(mosq, true);
+        }
+    }
+    if (rc != MOSQ_ERR_SUCCESS) {
+        CH_LOG_ERR("MQTT client set-up failed: %s", mosquitto_strerror(rc));
+        return false;
+    }
+    return true;
+}
+
+void destroy(Client *client)
+{
+    if (client->mosq != nullptr) {
+        mosquitto_destroy(client->mosq);
+    }
+    delete client;
+}
+
+} // namespace
+
+extern "C" OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg)
+{
+    static std::once_flag lib_init;
+    std::call_once(lib_init, [] { mosquitto_lib_init(); });
+    if (cfg == nullptr) {
+        return RC_BAD_PARAM;
+    }
+    std::unique_lock<std::shared_mutex> life(g_life);
+    if (g_client != nullptr) {
+        CH_LOG_ERR("MQTT client already started");
+        return RC_BAD_PARAM;
+    }
+    auto *client = new Client;
+    if (!sf_mqtt::configure(client, cfg)) {
+        destroy(client);
+        return RC_BAD_PARAM;
+    }
+    if (!set_up_mosquitto(client)) {
+        destroy(client);
+        return MQC_RC_START_FAIL;
+    }
+    g_stopping = false;
+    g_connected = false;
+    gw_registry_set_nw_status(GW_NW_LAN);
+    client->inbound->start();
+    client->expiry = std::thread(run_expiry, client);
+    // The first connection is made on the network thread: an unreachable
+    // broker is not an error here, it is retried with back-off.
+    client->network = std::thread(run_network, client);
+    g_client = client;
+    return RC_OK;
+}
+
+extern "C" void mqc_stop(void)
+{
+    Client *client;
+    {
+        std::shared_lock<std::shared_mutex> life(g_life);
+        client = g_client;
+    }
+    if (client == nullptr || g_stopping.exchange(true)) {
+        return;
+    }
+    const bool was_connected = g_connected;
+    if (was_connected) {
+        // A clean disconnect does not fire the will: say it ourselves.
+        mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1,
+                          OFFLINE_STATUS, 1, true);
+    }
+    stop_threads(client);
+    g_connected = false;
+    {
+        std::unique_lock<std::shared_mutex> life(g_life);
+        g_client = nullptr;
+    }
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
+    destroy(client);
+    gw_registry_set_nw_status(GW_NW_LAN);
+    g_stopping = false;
+}
+
+extern "C" BOOL_T get_mqc_conn_stat(void) { return g_connected ? TRUE : FALSE; }
