@@ -2,8 +2,10 @@
  * The whole gateway under concurrent load on the POSIX runtime: four
  * application threads reporting, DP commands arriving from the cloud and
  * from a LAN client, heartbeats and presence changes, sub-devices added
- * and removed, completions on the MQTT client's thread, all at once and
- * for a bounded number of operations. Run under ThreadSanitizer (label
+ * and removed, completions on the MQTT client's thread, all at once: a
+ * bounded first round of each, then slower rounds until the heartbeat
+ * supervision pass (every 8 s) has run among them, at most 30 s. Run under
+ * ThreadSanitizer (label
  * "concurrency") and AddressSanitizer: no report, no deadlock, and in the
  * end every device's published value is the last value its application
  * thread reported, confirmed by the broker (pv_stat 3).
@@ -29,6 +31,9 @@ constexpr int LAN_COMMANDS = 100;
 constexpr int PRESENCE_CHANGES = 100;
 constexpr int CHURN_ROUNDS = 20;
 constexpr int COMMAND_BURST = 20;
+/* After their first bounded round, the reporting, presence and churn loops go on, slower, until a supervision pass ran. */
+constexpr auto PASS_DEADLINE = std::chrono::seconds(30);
+constexpr auto SLOW_STEP = std::chrono::milliseconds(5);
 
 std::string owned_id(int n) { return "own" + std::to_string(n); }
 
@@ -68,7 +73,21 @@ std::map<std::string, long long> last_published(const std::vector<Received> &all
     return last;
 }
 
-void probe_nothing(const CHAR_T *) {}
+/*
+ * Set once the supervision pass (every 8 s on the dispatch thread) probed
+ * the device that never sends a heartbeat: from then on a pass has run
+ * while everything else was going on. The probe runs with dos_mutex held,
+ * so it only records.
+ */
+std::atomic<bool> g_pass_ran{false};
+constexpr char SILENT_DEVICE[] = "silent";
+
+void record_probe(const CHAR_T *dev_id)
+{
+    if (std::string(dev_id) == SILENT_DEVICE) {
+        g_pass_ran = true;
+    }
+}
 
 /* Commands received for own<first> .. own<first + 3>. */
 int commands_to(const std::vector<ObjCmd> &all, int first)
@@ -90,13 +109,28 @@ TEST_F(GatewayStress, EveryThreadAtOnceEndsWithTheLastValuesPublishedAndConfirme
     for (int n = 0; n < APP_THREADS * DEVICES_PER_THREAD; ++n) {
         subs.push_back(DeviceShape{owned_id(n), 1, 2});
     }
-    start(subs);
+    std::vector<DeviceShape> all = subs;
+    all.push_back(DeviceShape{SILENT_DEVICE, 1, 1});
+    start(all);
     start_lan_client();
     gw_registry::set_grace_period(std::chrono::milliseconds(2000));
-    ASSERT_EQ(RC_OK, sf_sys_mag_hb_init(probe_nothing));
-    for (const DeviceShape &sub : subs) {
-        ASSERT_EQ(RC_OK, sf_set_dev_hb_timeout(sub.id.c_str(), 600, 2));
+    ASSERT_EQ(RC_OK, sf_sys_mag_hb_init(record_probe));
+    for (const DeviceShape &sub : all) {
+        /* the silent device's first probe falls 0 to 14 s after this, at the next pass */
+        ASSERT_EQ(RC_OK, sf_set_dev_hb_timeout(sub.id.c_str(), sub.id == SILENT_DEVICE ? 60 : 600, 2));
     }
+    const auto deadline = std::chrono::steady_clock::now() + PASS_DEADLINE;
+    /* whether a loop that has done `done` steps of its first `first` goes on */
+    const auto keep_going = [&](int done, int first) {
+        if (done < first) {
+            return true;
+        }
+        if (g_pass_ran.load() || std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(SLOW_STEP);
+        return true;
+    };
 
     std::atomic<bool> lan_done{false};
     std::atomic<int> lan_frames{0};
@@ -107,7 +141,7 @@ TEST_F(GatewayStress, EveryThreadAtOnceEndsWithTheLastValuesPublishedAndConfirme
     /* application threads: each owns its devices, so "last value" is well defined */
     for (int t = 0; t < APP_THREADS; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 1; i <= REPORTS_PER_DEVICE; ++i) {
+            for (int i = 1; keep_going(i - 1, REPORTS_PER_DEVICE); ++i) {
                 for (int k = 0; k < DEVICES_PER_THREAD; ++k) {
                     const int n = t * DEVICES_PER_THREAD + k;
                     const long long v = 1000 * n + i;
@@ -161,7 +195,7 @@ TEST_F(GatewayStress, EveryThreadAtOnceEndsWithTheLastValuesPublishedAndConfirme
     });
     /* heartbeats and presence changes */
     threads.emplace_back([&] {
-        for (int i = 0; i < PRESENCE_CHANGES; ++i) {
+        for (int i = 0; keep_going(i, PRESENCE_CHANGES); ++i) {
             const std::string id = owned_id(i % 8);
             sf_dev_online_stat_update(id.c_str(), i % 3 != 0 ? TRUE : FALSE);
             sf_refresh_dev_hb(id.c_str());
@@ -169,7 +203,7 @@ TEST_F(GatewayStress, EveryThreadAtOnceEndsWithTheLastValuesPublishedAndConfirme
     });
     /* sub-devices added, reported to, and removed */
     threads.emplace_back([&] {
-        for (int r = 0; r < CHURN_ROUNDS; ++r) {
+        for (int r = 0; keep_going(r, CHURN_ROUNDS); ++r) {
             const std::string id = "tmp" + std::to_string(r);
             gw_registry::LoadError error;
             if (gw_registry::add_device("{\"id\":\"" + id +
@@ -192,6 +226,7 @@ TEST_F(GatewayStress, EveryThreadAtOnceEndsWithTheLastValuesPublishedAndConfirme
         thread.join();
     }
 
+    EXPECT_TRUE(g_pass_ran.load()) << "no supervision pass ran within " << PASS_DEADLINE.count() << " s";
     EXPECT_EQ(0, refused_reports.load());
     /* the DP sync re-sends whatever was not confirmed, until the broker confirmed every DP */
     EXPECT_TRUE(eventually(
