@@ -4,10 +4,12 @@
 
 # A TCP port taken at random that no socket of this host uses, listening
 # or connected (bash and /proc only: a fresh machine may lack python).
+# Below Linux's ephemeral range (32768 up), so that a port the kernel hands
+# to another program at the same time never collides with it.
 free_port() {
   local port hex
   for _ in $(seq 200); do
-    port=$((20000 + RANDOM % 30000))
+    port=$((20000 + RANDOM % 12000))
     hex=$(printf ':%04X ' "$port")
     if ! cat /proc/net/tcp /proc/net/tcp6 2>/dev/null | grep -q "$hex"; then
       echo "$port"
