@@ -4,8 +4,10 @@
  * clients and to the cloud as a DP-query answer. Used as the echo of a
  * command that changes nothing.
  *
- * Runs on the dispatch thread; reads the DP table without dev_mutex (the
- * writers of the table take it, a stale read only answers an older value).
+ * Runs on the dispatch thread with no lock held on entry; reads the DP
+ * table under dev_mutex, the lock its writers (reporting threads) hold,
+ * only while building the answer object: a string value is copied whole,
+ * never while a report rewrites it. Nothing is sent with the lock held.
  */
 #include <cstdio>
 #include <cstring>
@@ -81,6 +83,7 @@ extern "C" OPERATE_RET __sf_response_query_obj_dp(DEV_CNTL_N_S *dev_cntl, const 
         SF_LOG_ERR("create json fails");
         return RC_JSON_FAIL;
     }
+    sf::ScopedLock table_lock(get_gw_cntl()->dev_mutex);
     for (BYTE_T i = 0; i < num; ++i) {
         const INT_T id = dpid[i];
         const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, id);
@@ -107,6 +110,8 @@ extern "C" OPERATE_RET __sf_response_query_obj_dp(DEV_CNTL_N_S *dev_cntl, const 
             return RC_NO_MEMORY;
         }
     }
+
+    table_lock.unlock();
 
     sf::TextPtr dps(cJSON_PrintUnformatted(answer.get()));
     answer.reset();

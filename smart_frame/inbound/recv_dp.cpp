@@ -5,9 +5,13 @@
  * whose object DPs all repeat the values already known is echoed back
  * through the query answer, since the application would report nothing.
  *
- * Runs on the dispatch thread. The DP table (passive flags, pv_stat and
- * values) is read and the passive flag written without dev_mutex: the
- * other writers take it, and a stale read only costs an echo.
+ * Runs on the dispatch thread, with no lock held on entry. The DP table
+ * (passive flags, pv_stat and values) is shared with reporting threads,
+ * which write it under dev_mutex; this side takes dev_mutex for its own
+ * short reads and writes of it (the first pass, each comparison), never
+ * across an application callback. A value reported meanwhile may or may
+ * not be seen, which only decides whether an echo is sent, but an
+ * unguarded read could see a string buffer half rewritten.
  */
 #include <cstdlib>
 #include <cstring>
@@ -122,6 +126,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
      * number of members can make the record smaller than what is written.
      */
     size_t obj_dp_cnt = 0;
+    sf::ScopedLock table_lock(get_gw_cntl()->dev_mutex); /* passive flags; no callback in this pass */
     for (cJSON *member = dps_js->child; member != nullptr;) {
         cJSON *next = member->next;
         DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, member_dp_id(member));
@@ -139,6 +144,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
         }
         member = next;
     }
+    table_lock.unlock();
 
     sf::MallocPtr<KL_RECV_OBJ_DP_S> obj_dps;
     if (obj_dp_cnt > 0) {
@@ -197,7 +203,10 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
             SF_LOG_ERR("dp enum value[%s] invalid", member->valuestring);
         }
         ++valid_num;
-        if (sf::dp_value_equal(dp, member)) {
+        sf::ScopedLock value_lock(get_gw_cntl()->dev_mutex); /* released before the next callback */
+        const bool unchanged = sf::dp_value_equal(dp, member);
+        value_lock.unlock();
+        if (unchanged) {
             /* beyond the capacity recording stops; equal_num then stays below valid_num: no echo */
             if (equal_num < QUERY_DP_CAP) {
                 query_dp_id.get()[equal_num++] = static_cast<BYTE_T>(member_dp_id(member));

@@ -7,6 +7,7 @@
  */
 #include "../../services/mqtt_client.h"
 #include "../../services/uni_memory.h"
+#include "../device_list.h"
 #include "../frame_cntl.h"
 #include "../report/report.h"
 #include "../sf_log.h"
@@ -44,7 +45,7 @@ extern "C" void __tmm_dp_sync_cb(TM_MSG_S *tm_msg)
         sf_start_sync_obj_dp();
         return;
     }
-    for (DEV_CNTL_N_S *dev = get_gw_cntl()->dev; dev != nullptr; dev = dev->next) {
+    for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
         BOOL_T all_packed = TRUE;
         SF_LOG_PROG("Start To Sync Dev:%s", dev->dev_if.id);
         CHAR_T *out = sf_pack_local_obj_dp_data(dev, SYNC_PACK_BUDGET, FALSE, &all_packed, TRUE);

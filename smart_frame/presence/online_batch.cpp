@@ -18,6 +18,7 @@
 
 #include "../../cloud_defs/gw_intf.h"
 #include "../../services/mqtt_client.h"
+#include "../device_list.h"
 #include "../frame_cntl.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
@@ -184,7 +185,7 @@ extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
     }
 
     sf::ScopedLock lock(sf_cntl.dos_mutex);
-    for (DEV_CNTL_N_S *dev = get_gw_cntl()->dev; dev != nullptr; dev = dev->next) {
+    for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
         if (online.full() || offline.full()) {
             break; /* the rest waits for a later batch */
         }
@@ -240,7 +241,7 @@ extern "C" void __mq_online_stat_async_ifm_cb(const OPERATE_RET op_ret, const vo
         SF_LOG_ERR("err:%d", op_ret);
     } else {
         sf::ScopedLock lock(sf_cntl.dos_mutex);
-        for (DEV_CNTL_N_S *dev = get_gw_cntl()->dev; dev != nullptr; dev = dev->next) {
+        for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
             /* devices re-marked PENDING meanwhile keep their mark */
             if (dev->attr.dosm == DOSM_SENDING) {
                 dev->attr.dosm = DOSM_REPORTED;

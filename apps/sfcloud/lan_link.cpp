@@ -1,0 +1,128 @@
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "link.h"
+
+namespace sfcloud {
+
+namespace {
+
+int millis_until(Deadline deadline)
+{
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    return left.count() < 0 ? 0 : static_cast<int>(left.count());
+}
+
+bool write_all(int fd, const std::string &text)
+{
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+} // namespace
+
+LanLink::~LanLink()
+{
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+bool LanLink::open(const std::string &host, int port, const std::string &key, Deadline deadline, std::string *why)
+{
+    const std::string where = host + ":" + std::to_string(port);
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo *found = nullptr;
+    if (::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0 || found == nullptr) {
+        *why = "cannot resolve the LAN address " + where;
+        return false;
+    }
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int rc = ::connect(fd_, found->ai_addr, found->ai_addrlen);
+    ::freeaddrinfo(found);
+    if (rc != 0) {
+        *why = "cannot connect to the gateway's LAN channel at " + where + ": " + std::strerror(errno);
+        return false;
+    }
+    if (!write_all(fd_, "{\"cmd\":\"auth\",\"key\":" + apps::json_quote(key) + "}\n")) {
+        *why = "the LAN channel at " + where + " closed the connection";
+        return false;
+    }
+    std::string line;
+    if (!read_line(&line, deadline) || line.find("\"type\":1") == std::string::npos) {
+        *why = "the LAN channel at " + where + " did not accept the local key";
+        return false;
+    }
+    return true;
+}
+
+bool LanLink::send(const std::string &kind, const std::string &document, std::string *why)
+{
+    if (kind == "sim") {
+        *why = "the simulator is not reachable over the LAN channel; use MQTT";
+        return false;
+    }
+    if (!write_all(fd_, "{\"cmd\":\"" + kind + "\",\"data\":" + document + "}\n")) {
+        *why = "the LAN channel closed the connection";
+        return false;
+    }
+    return true;
+}
+
+bool LanLink::read_line(std::string *line, Deadline deadline)
+{
+    for (;;) {
+        const size_t end = buffer_.find('\n');
+        if (end != std::string::npos) {
+            *line = buffer_.substr(0, end);
+            buffer_.erase(0, end + 1);
+            return true;
+        }
+        pollfd p{fd_, POLLIN, 0};
+        const int ready = ::poll(&p, 1, millis_until(deadline));
+        if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready <= 0) {
+            return false;
+        }
+        char chunk[4096];
+        const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+        if (n <= 0) {
+            return false;
+        }
+        buffer_.append(chunk, static_cast<size_t>(n));
+    }
+}
+
+bool LanLink::next(Message *out, Deadline deadline)
+{
+    std::string line;
+    while (read_line(&line, deadline)) {
+        *out = Message();
+        if (decode_lan(line, gateway_id_, out)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace sfcloud

@@ -1,0 +1,88 @@
+/*
+ * The console's ways to the gateway: MQTT through the broker (as the
+ * cloud), or the gateway's LAN channel (as a local app). Both send
+ * command documents and hand back what arrives, decoded, one at a time.
+ */
+#ifndef SFCLOUD_LINK_H
+#define SFCLOUD_LINK_H
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "common/topics.h"
+#include "uplink.h"
+
+struct mosquitto;
+struct mosquitto_message;
+
+namespace sfcloud {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+class Link {
+public:
+    virtual ~Link() = default;
+    /* kind: dp, group, scene, query (the gateway's command topics / LAN "cmd"), or sim (simulator control). */
+    virtual bool send(const std::string &kind, const std::string &document, std::string *why) = 0;
+    /* The next decoded message, waiting until deadline; false when none came. */
+    virtual bool next(Message *out, Deadline deadline) = 0;
+};
+
+struct MqttTarget {
+    std::string host = "127.0.0.1";
+    int port = 1883;
+    apps::Topics topics;
+    std::string username;
+    std::string password;
+    std::string ca_file;
+    std::string session; /* non-empty: persistent session "sfcloud-<session>" */
+};
+
+class MqttLink : public Link {
+public:
+    explicit MqttLink(std::string gateway_id) : gateway_id_(std::move(gateway_id)) {}
+    ~MqttLink() override;
+    /* Connect and subscribe to the uplink, status and simulator topics; waits for both answers. */
+    bool open(const MqttTarget &target, Deadline deadline, std::string *why);
+    bool send(const std::string &kind, const std::string &document, std::string *why) override;
+    bool next(Message *out, Deadline deadline) override;
+
+private:
+    static void on_connect(mosquitto *, void *self, int rc);
+    static void on_subscribe(mosquitto *, void *self, int, int, const int *);
+    static void on_message(mosquitto *, void *self, const mosquitto_message *msg);
+
+    std::string gateway_id_;
+    MqttTarget target_;
+    mosquitto *mosq_ = nullptr;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::pair<std::string, std::string>> inbox_;
+    int connect_rc_ = -1;
+    bool subscribed_ = false;
+};
+
+class LanLink : public Link {
+public:
+    explicit LanLink(std::string gateway_id) : gateway_id_(std::move(gateway_id)) {}
+    ~LanLink() override;
+    /* Connect to host:port and authenticate with key; waits for the gateway's welcome. */
+    bool open(const std::string &host, int port, const std::string &key, Deadline deadline, std::string *why);
+    bool send(const std::string &kind, const std::string &document, std::string *why) override;
+    bool next(Message *out, Deadline deadline) override;
+
+private:
+    bool read_line(std::string *line, Deadline deadline);
+
+    std::string gateway_id_;
+    int fd_ = -1;
+    std::string buffer_;
+};
+
+} // namespace sfcloud
+
+#endif /* SFCLOUD_LINK_H */

@@ -1,0 +1,105 @@
+#include "options.h"
+
+#include "common/json_reader.h"
+
+#include <cstdlib>
+#include <map>
+
+namespace sfcloud {
+
+const char *usage_text()
+{
+    return "Usage: sfcloud [options] COMMAND [ARGS]\n"
+           "\n"
+           "The cloud's side of a smart frame gateway, over MQTT (docs/wire-protocol.md).\n"
+           "DEV is a device id (the gateway's own id or \"gateway\" for the gateway), DP a\n"
+           "DP name or number from the description.\n"
+           "\n"
+           "Commands:\n"
+           "  watch                        show every uplink message decoded (--table: a live table,\n"
+           "                               filled at start by a query to every device)\n"
+           "  set DEV DP=VALUE...          command DPs; waits for the device's report or the echo\n"
+           "  query DEV [DP...]            ask the device for DP values (all when none given)\n"
+           "  group add|del GID DEV...     group operation; waits for the per-device results\n"
+           "  scene add|del GID SID DEV... scene operation; waits for the per-device results\n"
+           "  silence DEV | wake DEV       make a simulated sub-device silent, or wake it\n"
+           "  wait online|offline DEV...   wait for presence batches that list the devices so\n"
+           "  wait report DEV DP=VALUE... [DEV DP=VALUE...]   wait until these values are reported\n"
+           "  wait probe DEV               wait for a heartbeat probe of the device\n"
+           "  subscribe                    only open the --session (messages then wait for it)\n"
+           "\n"
+           "Options:\n"
+           "  --description FILE  gateway description for names and defaults\n"
+           "                      (default: $SF_DESCRIPTION, else examples/gateway.json)\n"
+           "  --host HOST --port PORT   MQTT broker (default: the description's connection)\n"
+           "  --gw ID --root ROOT       gateway id and topic root (default: from the description)\n"
+           "  --username U --password P --ca-file FILE   broker credentials and TLS\n"
+           "  --lan HOST:PORT     speak to the gateway's LAN channel instead (set, query, group)\n"
+           "  --key KEY           LAN key (default: the description's local_key)\n"
+           "  --session NAME      persistent MQTT session: what arrives while away is kept\n"
+           "  --expect report|echo|any   what set must see (default any)\n"
+           "  --timeout SEC       how long to wait for the answer (default 10)\n"
+           "  --count N --for SEC watch: stop after N messages or SEC seconds\n"
+           "  --table             watch: a live table of every device's values and presence\n"
+           "  --json              one JSON object per line, the last one the outcome\n"
+           "  -h, --help          this text\n"
+           "\n"
+           "Exit status: 0 the gateway answered as expected, 1 it answered otherwise,\n"
+           "2 bad command line, 3 no answer in time or no connection.\n";
+}
+
+bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why)
+{
+    const std::map<std::string, std::string *> texts = {
+        {"--description", &out->description}, {"--host", &out->host},         {"--gw", &out->gw},
+        {"--root", &out->root},               {"--username", &out->username}, {"--password", &out->password},
+        {"--ca-file", &out->ca_file},         {"--lan", &out->lan},           {"--key", &out->key},
+        {"--session", &out->session},         {"--expect", &out->expect}};
+    const std::map<std::string, std::pair<int *, std::pair<long, long>>> numbers = {
+        {"--port", {&out->port, {1, 65535}}},
+        {"--timeout", {&out->timeout_s, {1, 3600}}},
+        {"--count", {&out->count, {1, 1000000}}},
+        {"--for", {&out->for_s, {1, 86400}}}};
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &arg = args[i];
+        if (arg == "-h" || arg == "--help") {
+            out->help = true;
+        } else if (arg == "--json") {
+            out->json = true;
+        } else if (arg == "--table") {
+            out->table = true;
+        } else if (texts.count(arg) != 0 || numbers.count(arg) != 0) {
+            if (i + 1 >= args.size()) {
+                *why = arg + ": expected a value";
+                return false;
+            }
+            const std::string &value = args[++i];
+            if (texts.count(arg) != 0) {
+                *texts.at(arg) = value;
+            } else {
+                const auto &number = numbers.at(arg);
+                if (!apps::parse_int(value, number.second.first, number.second.second, number.first)) {
+                    *why = arg + ": expected a number from " + std::to_string(number.second.first) + " to " +
+                           std::to_string(number.second.second) + ", got " + value;
+                    return false;
+                }
+            }
+        } else if (arg.size() > 1 && arg[0] == '-' && arg[1] == '-') {
+            *why = "unknown option " + arg;
+            return false;
+        } else {
+            out->words.push_back(arg);
+        }
+    }
+    if (out->expect != "report" && out->expect != "echo" && out->expect != "any") {
+        *why = "--expect: expected report, echo or any, got " + out->expect;
+        return false;
+    }
+    if (!out->help && out->words.empty()) {
+        *why = "missing the command";
+        return false;
+    }
+    return true;
+}
+
+} // namespace sfcloud

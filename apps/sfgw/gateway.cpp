@@ -1,0 +1,152 @@
+#include "gateway.h"
+
+#include <ctime>
+
+#include "app_callbacks.h"
+#include "app_log.h"
+#include "port/posix/gw_registry.h"
+#include "port/posix/lan_config.h"
+#include "port/posix/mqtt_config.h"
+#include "port/posix/posix_runtime.h"
+#include "smart_frame/smart_frame.h"
+
+namespace sfgw {
+
+Gateway::Gateway(const Options &options, const apps::Description &description)
+    : options_(options), description_(description), mqtt_(description.mqtt)
+{
+    if (!options.mqtt_host.empty()) {
+        mqtt_.host = options.mqtt_host;
+    }
+    if (options.mqtt_port != 0) {
+        mqtt_.port = options.mqtt_port;
+    }
+}
+
+Gateway::~Gateway() { stop(); }
+
+int Gateway::lan_port() const { return lan_started_ ? lan_bound_port() : 0; }
+
+bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string *why)
+{
+    gw_registry::LoadError error;
+    if (!gw_registry::load_text(description_.registry_text, description_.file, &error)) {
+        *why = error.text();
+        return false;
+    }
+    registry_loaded_ = true;
+
+    const apps::Topics topics{mqtt_.topic_root, description_.gateway_id};
+    sim_ = std::make_unique<Simulator>(description_, [this](const std::string &json) { link_.publish(json); });
+    install_app_callbacks(sim_.get(), &description_);
+
+    OPERATE_RET rc = smart_frame_init();
+    if (rc != RC_OK) {
+        *why = "the smart frame did not start: " + std::to_string(rc);
+        return false;
+    }
+    frame_started_ = true;
+    rc = sf_sys_mag_hb_init(probe_callback);
+    if (rc != RC_OK) {
+        *why = "heartbeat supervision did not start: " + std::to_string(rc);
+        return false;
+    }
+
+    MQC_CONFIG_S cfg{};
+    cfg.host = mqtt_.host.c_str();
+    cfg.port = mqtt_.port;
+    cfg.topic_root = mqtt_.topic_root.c_str();
+    cfg.client_id = mqtt_.client_id.empty() ? nullptr : mqtt_.client_id.c_str();
+    cfg.username = mqtt_.username.empty() ? nullptr : mqtt_.username.c_str();
+    cfg.password = mqtt_.password.empty() ? nullptr : mqtt_.password.c_str();
+    cfg.ca_file = mqtt_.ca_file.empty() ? nullptr : mqtt_.ca_file.c_str();
+    cfg.cert_file = mqtt_.cert_file.empty() ? nullptr : mqtt_.cert_file.c_str();
+    cfg.key_file = mqtt_.key_file.empty() ? nullptr : mqtt_.key_file.c_str();
+    cfg.keepalive_s = static_cast<UINT_T>(mqtt_.keepalive_s);
+    cfg.reconnect_min_s = static_cast<UINT_T>(mqtt_.reconnect_min_s);
+    cfg.reconnect_max_s = static_cast<UINT_T>(mqtt_.reconnect_max_s);
+    rc = mqc_start(&cfg);
+    if (rc != RC_OK) {
+        *why = "the MQTT client did not start: " + std::to_string(rc);
+        return false;
+    }
+    mqtt_started_ = true;
+
+    const bool lan_wanted = description_.lan.enabled && !options_.no_lan;
+    if (lan_wanted && description_.local_key.empty()) {
+        APP_NOTICE("no gateway.local_key in the description: the LAN channel stays closed");
+    } else if (lan_wanted) {
+        LAN_CONFIG_S lan{};
+        lan.bind_addr = description_.lan.bind_addr.c_str();
+        lan.port = static_cast<USHORT_T>(options_.lan_port >= 0 ? options_.lan_port : description_.lan.port);
+        lan.local_key = description_.local_key.c_str();
+        rc = lan_start(&lan);
+        if (rc != RC_OK) {
+            *why = "the LAN channel cannot listen on " + description_.lan.bind_addr + ":" +
+                   std::to_string(lan.port) + " (" + std::to_string(rc) + ", see the log above)";
+            return false;
+        }
+        lan_started_ = true;
+    }
+
+    if (!link_.start(mqtt_, topics, [this](const std::string &payload) { sim_->control(payload); }, why)) {
+        return false;
+    }
+    if (!wait_for_broker(stop_signals, interrupted, why)) {
+        return false;
+    }
+    sim_->start();
+    return true;
+}
+
+bool Gateway::wait_for_broker(const sigset_t &stop_signals, bool *interrupted, std::string *why)
+{
+    const std::time_t deadline = std::time(nullptr) + options_.connect_timeout_s;
+    while (get_gw_nw_status() != GW_NW_CLOUD) {
+        if (std::time(nullptr) >= deadline) {
+            *why = "cannot reach the MQTT broker at " + mqtt_.host + ":" + std::to_string(mqtt_.port) + " within " +
+                   std::to_string(options_.connect_timeout_s) + " s (is it running? see the log above)";
+            return false;
+        }
+        const struct timespec tick = {0, 100 * 1000 * 1000};
+        if (sigtimedwait(&stop_signals, nullptr, &tick) > 0) {
+            *interrupted = true;
+            return false;
+        }
+    }
+    return true;
+}
+
+void Gateway::stop()
+{
+    /*
+     * The MQTT client goes first: it completes every pending publication,
+     * which releases a simulator job blocked in a synchronous report. Then
+     * no thread is left that could call into the channels or the module,
+     * and the dispatch thread can finish its queue before the registry
+     * frees the devices its handlers use.
+     */
+    if (mqtt_started_) {
+        mqc_stop();
+        mqtt_started_ = false;
+    }
+    if (sim_) {
+        sim_->stop();
+    }
+    link_.stop();
+    if (lan_started_) {
+        lan_stop();
+        lan_started_ = false;
+    }
+    if (frame_started_) {
+        cmmod_stop();
+        frame_started_ = false;
+    }
+    if (registry_loaded_) {
+        install_app_callbacks(nullptr, nullptr);
+        gw_registry::unload();
+        registry_loaded_ = false;
+    }
+}
+
+} // namespace sfgw

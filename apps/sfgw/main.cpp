@@ -1,0 +1,99 @@
+/*
+ * sfgw: the smart frame running as a gateway against a real broker, with
+ * simulated sub-devices behind it. See usage_text() and README.md.
+ */
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "common/description.h"
+#include "gateway.h"
+#include "options.h"
+#include "port/posix/gw_registry.h"
+#include "port/posix/posix_runtime.h"
+
+namespace {
+
+/*
+ * The whole description checked in the order a reader fixes it: JSON
+ * first, then the registry's part (worded by the registry's loader), then
+ * the apps' own sections.
+ */
+bool check_description(const std::string &file, apps::Description *out, std::string *why)
+{
+    std::string text;
+    std::string registry_text;
+    if (!apps::read_file(file, &text, why) || !apps::registry_text_of(text, file, &registry_text, why)) {
+        return false;
+    }
+    gw_registry::LoadError error;
+    if (!gw_registry::load_text(registry_text, file, &error)) {
+        *why = error.text();
+        return false;
+    }
+    gw_registry::unload();
+    return apps::read_description_text(text, file, out, why);
+}
+
+size_t sub_device_count(const apps::Description &description) { return description.devices.size() - 1; }
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    sfgw::Options options;
+    std::string why;
+    if (!sfgw::parse_options(std::vector<std::string>(argv + 1, argv + argc), &options, &why)) {
+        std::fprintf(stderr, "sfgw: %s\n%s", why.c_str(), "Try 'sfgw --help'.\n");
+        return sfgw::EXIT_USAGE;
+    }
+    if (options.help) {
+        std::fputs(sfgw::usage_text(), stdout);
+        return 0;
+    }
+    if (options.log_level >= 0) {
+        uni_log_set_level(options.log_level);
+    }
+    apps::Description description;
+    if (!check_description(options.description, &description, &why)) {
+        std::fprintf(stderr, "sfgw: %s\n", why.c_str());
+        return sfgw::EXIT_USAGE;
+    }
+    if (options.check_only) {
+        const size_t subs = sub_device_count(description);
+        std::printf("%s: gateway %s with %zu sub-device%s: OK\n", options.description.c_str(),
+                    description.gateway_id.c_str(), subs, subs == 1 ? "" : "s");
+        return 0;
+    }
+
+    /* every thread started from here on inherits the blocked signals; only sigwait takes them */
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    sfgw::Gateway gateway(options, description);
+    bool interrupted = false;
+    if (!gateway.start(stop_signals, &interrupted, &why)) {
+        gateway.stop();
+        if (interrupted) {
+            return 0;
+        }
+        std::fprintf(stderr, "sfgw: %s\n", why.c_str());
+        return sfgw::EXIT_RUNTIME;
+    }
+    std::printf("sfgw: gateway %s is up with %zu sub-devices; LAN port %d; stop with Ctrl-C\n",
+                description.gateway_id.c_str(), sub_device_count(description), gateway.lan_port());
+    std::fflush(stdout);
+
+    int signal_number = 0;
+    sigwait(&stop_signals, &signal_number);
+    std::printf("sfgw: %s received, stopping\n", signal_number == SIGINT ? "SIGINT" : "SIGTERM");
+    std::fflush(stdout);
+    gateway.stop();
+    std::printf("sfgw: stopped\n");
+    return 0;
+}

@@ -1,0 +1,113 @@
+#include "options.h"
+
+#include "common/json_reader.h"
+
+#include <cstdlib>
+
+namespace sfgw {
+
+int parse_log_level(const std::string &text)
+{
+    static const char *const names[] = {"error", "warn", "notice", "info", "progress", "detail"};
+    for (int i = 0; i < 6; ++i) {
+        if (text == names[i]) {
+            return i;
+        }
+    }
+    int level = -1;
+    return apps::parse_int(text, 0, 5, &level) ? level : -1;
+}
+
+const char *usage_text()
+{
+    return "Usage: sfgw [options] DESCRIPTION.json\n"
+           "\n"
+           "Runs a smart frame gateway against an MQTT broker, with the simulated\n"
+           "sub-devices of the description behind it (see README.md, \"Writing a\n"
+           "gateway description\"). Stops cleanly on SIGINT or SIGTERM.\n"
+           "\n"
+           "Options:\n"
+           "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
+           "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883)\n"
+           "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"
+           "  --no-lan                do not open the LAN channel\n"
+           "  --log-level LEVEL       0..5 or error, warn, notice, info, progress, detail\n"
+           "                          (default: $SF_LOG_LEVEL, else progress)\n"
+           "  --connect-timeout SEC   give up when the broker is not reached in time (default 10)\n"
+           "  --check                 check the description and exit\n"
+           "  -h, --help              this text\n"
+           "\n"
+           "Exit status: 0 after a clean shutdown, 1 when the gateway could not run\n"
+           "(broker unreachable, port taken), 2 for a bad command line or description.\n";
+}
+
+bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why)
+{
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string &arg = args[i];
+        const bool has_value = i + 1 < args.size();
+        const std::string value = has_value ? args[i + 1] : "";
+        auto need_value = [&](const char *what) {
+            if (!has_value) {
+                *why = arg + ": expected " + what;
+                return false;
+            }
+            ++i;
+            return true;
+        };
+        if (arg == "-h" || arg == "--help") {
+            out->help = true;
+        } else if (arg == "--check") {
+            out->check_only = true;
+        } else if (arg == "--no-lan") {
+            out->no_lan = true;
+        } else if (arg == "--mqtt-host") {
+            if (!need_value("a host name")) {
+                return false;
+            }
+            out->mqtt_host = value;
+        } else if (arg == "--mqtt-port" || arg == "--lan-port") {
+            if (!need_value("a port number")) {
+                return false;
+            }
+            int port = 0;
+            if (!apps::parse_int(value, arg == "--lan-port" ? 0 : 1, 65535, &port)) {
+                *why = arg + ": expected a port number, got " + value;
+                return false;
+            }
+            (arg == "--mqtt-port" ? out->mqtt_port : out->lan_port) = port;
+        } else if (arg == "--log-level") {
+            if (!need_value("a level")) {
+                return false;
+            }
+            out->log_level = parse_log_level(value);
+            if (out->log_level < 0) {
+                *why = arg + ": expected 0..5 or error, warn, notice, info, progress, detail, got " + value;
+                return false;
+            }
+        } else if (arg == "--connect-timeout") {
+            if (!need_value("seconds")) {
+                return false;
+            }
+            if (!apps::parse_int(value, 1, 3600, &out->connect_timeout_s)) {
+                *why = arg + ": expected seconds (1..3600), got " + value;
+                return false;
+            }
+        } else if (!arg.empty() && arg[0] == '-') {
+            *why = "unknown option " + arg;
+            return false;
+        } else if (out->description.empty()) {
+            out->description = arg;
+        } else {
+            *why = "one description only (got " + out->description + " and " + arg + ")";
+            return false;
+        }
+    }
+    if (!out->help && out->description.empty()) {
+        *why = "missing the gateway description (a .json file)";
+        return false;
+    }
+    return true;
+}
+
+} // namespace sfgw

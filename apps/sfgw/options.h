@@ -1,0 +1,36 @@
+/* Command line of the gateway daemon. */
+#ifndef SFGW_OPTIONS_H
+#define SFGW_OPTIONS_H
+
+#include <string>
+#include <vector>
+
+namespace sfgw {
+
+struct Options {
+    std::string description;
+    std::string mqtt_host; /* empty: from the description */
+    int mqtt_port = 0;     /* 0: from the description */
+    int lan_port = -1;     /* -1: from the description; 0: any free port */
+    bool no_lan = false;
+    int log_level = -1;    /* -1: SF_LOG_LEVEL or the runtime's default */
+    int connect_timeout_s = 10;
+    bool check_only = false;
+    bool help = false;
+};
+
+/* Exit codes: 0 clean shutdown or --help, 1 the gateway could not run, 2 bad command line or description. */
+constexpr int EXIT_RUNTIME = 1;
+constexpr int EXIT_USAGE = 2;
+
+/* false with *why ("--mqtt-port: expected a port number, got x") on a bad command line. */
+bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why);
+
+/* 0..5 from a number or a name (error, warn, notice, info, progress, detail); -1 when neither. */
+int parse_log_level(const std::string &text);
+
+const char *usage_text();
+
+} // namespace sfgw
+
+#endif /* SFGW_OPTIONS_H */

@@ -1,0 +1,213 @@
+/*
+ * End to end: confirmed (QoS 1) object DP reports per second and their
+ * latency, from sf_obj_dp_report_async to the completion that the MQTT
+ * client runs when the broker acknowledged the publication.
+ *
+ * Backend: the production POSIX backend (sf_posix: libmosquitto client,
+ * registry, message module, heap) against a private mosquitto broker on a
+ * free loopback port, started and killed by this program (the integration
+ * tests' broker helper, reconfigured as below: no packet log, TCP_NODELAY).
+ * The LAN channel is not started (no LAN client).
+ *
+ * The completion is observed by a linker wrap of mqc_dp_report_async
+ * (--wrap): the wrapper hands the real client its own completion, which
+ * first runs the module's completion (publish state and flow control) and
+ * then takes the time. Reports rotate over 64 sub-devices with a fresh
+ * value every time, 4 value DPs each, so nothing is dropped as unchanged.
+ */
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "port/posix/mqtt_config.h"
+#include "services/mqtt_client.h"
+#include "smart_frame/smart_frame.h"
+#include "support/bench_gateway.h"
+#include "support/broker.h"
+
+extern "C" OPERATE_RET __real_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
+                                                  void *prv_data);
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int DEVICES = 64;
+constexpr size_t MAX_WINDOW = 256;
+
+/* One report in flight: its start, and the module's own completion to run first. */
+struct InFlight {
+    Clock::time_point start;
+    MQ_PUB_ASYNC_IFM_CB module_cb = nullptr;
+    const void *module_prv = nullptr;
+};
+
+InFlight g_slots[MAX_WINDOW];
+thread_local size_t t_slot = 0; /* the slot of the report the calling thread is making */
+
+std::mutex g_lock;
+std::condition_variable g_done;
+std::vector<size_t> g_free_slots;
+std::vector<double> g_latency_us;
+uint64_t g_completed = 0;
+uint64_t g_failed = 0;
+
+void completion(OPERATE_RET op_ret, const void *prv_data)
+{
+    InFlight *slot = static_cast<InFlight *>(const_cast<void *>(prv_data));
+    slot->module_cb(op_ret, slot->module_prv);
+    const double us = std::chrono::duration<double, std::micro>(Clock::now() - slot->start).count();
+    std::lock_guard<std::mutex> hold(g_lock);
+    g_latency_us.push_back(us);
+    ++g_completed;
+    g_failed += op_ret != RC_OK ? 1 : 0;
+    g_free_slots.push_back(static_cast<size_t>(slot - g_slots));
+    g_done.notify_all();
+}
+
+std::unique_ptr<it::Broker> g_broker;
+
+bool start_once(std::string *why)
+{
+    static bool started = false;
+    static bool ok = false;
+    if (started) {
+        return ok;
+    }
+    started = true;
+    g_broker = std::make_unique<it::Broker>();
+    if (!g_broker->start(why)) {
+        return false;
+    }
+    /*
+     * Restart it on the same port with a broker configured for service
+     * rather than for debugging: the test helper logs every packet to a
+     * file ("log_type all"), and without set_tcp_nodelay the broker's
+     * acknowledgements wait for Nagle's algorithm (40 ms tails).
+     */
+    g_broker->stop();
+    {
+        std::ofstream conf(g_broker->dir() + "/mosquitto.conf", std::ios::trunc);
+        conf << "listener " << g_broker->port() << " 127.0.0.1\n"
+             << "allow_anonymous true\npersistence false\nlog_dest none\nset_tcp_nodelay true\n";
+    }
+    if (!g_broker->start(why)) {
+        return false;
+    }
+    std::atexit([] {
+        mqc_stop();
+        g_broker.reset();
+    });
+    bench::start_gateway(DEVICES);
+    MQC_CONFIG_S cfg{};
+    cfg.port = g_broker->port();
+    cfg.max_inflight = MAX_WINDOW;
+    if (mqc_start(&cfg) != RC_OK) {
+        *why = "mqc_start";
+        return false;
+    }
+    const auto deadline = Clock::now() + std::chrono::seconds(10);
+    while (get_mqc_conn_stat() != 1) {
+        if (Clock::now() > deadline) {
+            *why = "no MQTT connection";
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    bench::start_gateway(DEVICES); /* the client set the network state: back to "cloud" for sure */
+    ok = true;
+    return true;
+}
+
+std::string report_text(uint64_t n)
+{
+    const long long v = static_cast<long long>(n % 900000);
+    char text[96];
+    std::snprintf(text, sizeof text, "{\"2\":%lld,\"5\":%lld,\"6\":%lld,\"7\":%lld}", v, v + 1, v + 2, v + 3);
+    return text;
+}
+
+/* range(0): reports in flight at most. Each iteration is 2,000 reports, all completed. */
+void BM_ConfirmedReports(benchmark::State &state)
+{
+    std::string why;
+    if (!start_once(&why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    const size_t window = static_cast<size_t>(state.range(0));
+    constexpr uint64_t PER_ITERATION = 2000;
+    static uint64_t next_value = 1;
+    {
+        std::lock_guard<std::mutex> hold(g_lock);
+        g_free_slots.clear();
+        for (size_t i = 0; i < window; ++i) {
+            g_free_slots.push_back(i);
+        }
+        g_latency_us.clear();
+        g_failed = 0;
+    }
+    uint64_t reports = 0;
+    for (auto _ : state) {
+        const uint64_t target = g_completed + PER_ITERATION;
+        const auto start = Clock::now();
+        for (uint64_t i = 0; i < PER_ITERATION; ++i) {
+            {
+                std::unique_lock<std::mutex> hold(g_lock);
+                g_done.wait(hold, [] { return !g_free_slots.empty(); });
+                t_slot = g_free_slots.back();
+                g_free_slots.pop_back();
+            }
+            const uint64_t n = next_value++;
+            const std::string id = bench::sub_id(static_cast<int>(n % DEVICES));
+            const std::string text = report_text(n / DEVICES);
+            g_slots[t_slot].start = Clock::now();
+            if (sf_obj_dp_report_async(id.c_str(), text.c_str(), FALSE) != RC_OK) {
+                state.SkipWithError("a report was refused");
+                return;
+            }
+        }
+        {
+            std::unique_lock<std::mutex> hold(g_lock);
+            if (!g_done.wait_for(hold, std::chrono::seconds(30), [&] { return g_completed >= target; })) {
+                state.SkipWithError("completions missing after 30 s");
+                return;
+            }
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        reports += PER_ITERATION;
+    }
+    std::lock_guard<std::mutex> hold(g_lock);
+    const bench::Percentiles p = bench::percentiles(g_latency_us);
+    state.counters["reports_per_s"] = benchmark::Counter(static_cast<double>(reports), benchmark::Counter::kIsRate);
+    state.counters["p50_us"] = p.p50;
+    state.counters["p99_us"] = p.p99;
+    if (g_failed != 0) {
+        state.SkipWithError("a publication was not acknowledged");
+    }
+}
+
+} // namespace
+
+extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
+                                                  void *prv_data)
+{
+    InFlight &slot = g_slots[t_slot];
+    slot.module_cb = cb;
+    slot.module_prv = prv_data;
+    return __real_mqc_dp_report_async(rfc_data, to_lmt_s, completion, &slot);
+}
+
+BENCHMARK(BM_ConfirmedReports)->ArgName("window")->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+BENCHMARK_MAIN();

@@ -1,0 +1,39 @@
+#!/usr/bin/env bash
+# Run every benchmark of a Release build and the footprint measurement.
+#   scripts/bench.sh build/release      (what `make bench` calls)
+# Results: <build>/bench-results/*.txt (console) and *.json (Google
+# Benchmark JSON, medians among the aggregates). docs/benchmarks.md quotes them.
+# BENCH_REPETITIONS (default 5) and BENCH_MIN_TIME (seconds, default 0.3)
+# trade precision for time; the whole run takes a few minutes on 2 cores.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build=${1:-build/release}
+out="$build/bench-results"
+mkdir -p "$out"
+reps=${BENCH_REPETITIONS:-5}
+min_time=${BENCH_MIN_TIME:-0.3}
+
+echo "machine: $(nproc) cores, $(lscpu | sed -n 's/^Model name: *//p' | head -1)" | tee "$out/machine.txt"
+
+run() { # executable, extra flags...
+  local exe=$1; shift
+  echo "== $exe" >&2
+  "$build/bench/$exe" --benchmark_repetitions="$reps" --benchmark_report_aggregates_only=true \
+    --benchmark_min_time="$min_time" --benchmark_out="$out/$exe.json" --benchmark_out_format=json "$@" \
+    | tee "$out/$exe.txt"
+}
+
+run sf_bench_report
+run sf_bench_command
+run sf_bench_passes
+if [ -x "$build/bench/sf_bench_e2e" ]; then
+  run sf_bench_e2e
+fi
+scripts/footprint.sh "$build" | tee "$out/footprint.txt"
+echo "results in $out" >&2
+# the goals, and the guards of the figures that miss theirs: a regression fails the run
+if command -v python3 >/dev/null; then
+  scripts/bench_goals.py "$out"
+else
+  echo "python3 not found: goals not checked (scripts/bench_goals.py)" >&2
+fi

@@ -1,0 +1,130 @@
+#!/usr/bin/env bash
+# The demo scenario: a private mosquitto, the gateway daemon with
+# examples/gateway.json, and the cloud console driving it step by step.
+# sfcloud does the checking: a step passes when it exits 0 (and, with
+# --json, its last line is an "ok" outcome). Exits 0 only when every step
+# passed; stops everything it started.
+#
+#   scripts/demo_scenario.sh BIN_DIR [--json]
+#
+# BIN_DIR holds sfgw and sfcloud (e.g. build/release/apps).
+set -uo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+# shellcheck source=lib/demo_lib.sh
+. "$here/lib/demo_lib.sh"
+
+if [ $# -lt 1 ] || [ ! -x "$1/sfgw" ] || [ ! -x "$1/sfcloud" ]; then
+  echo "usage: $0 BIN_DIR [--json]   (BIN_DIR with sfgw and sfcloud)" >&2
+  exit 2
+fi
+bin=$(cd "$1" && pwd)
+json=0
+if [ "${2:-}" = "--json" ]; then json=1; fi
+description=$root/examples/gateway.json
+
+work=$(mktemp -d /tmp/sf_demo.XXXXXX)
+cleanup() {
+  gateway_stop "$work" >/dev/null 2>&1 || true
+  broker_stop "$work"
+  if [ "${SF_DEMO_KEEP:-0}" = 1 ]; then echo "files kept in $work"; else rm -rf "$work"; fi
+}
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+mqtt_port=$(free_port)
+lan_port=$(free_port)
+while [ "$lan_port" = "$mqtt_port" ]; do lan_port=$(free_port); done
+started=$SECONDS
+failures=()
+step_no=0
+
+heading() {
+  step_no=$((step_no + 1))
+  printf '\n== %d. %s  [%ds]\n' "$step_no" "$1" $((SECONDS - started))
+}
+
+cloud() { "$bin/sfcloud" --description "$description" --port "$mqtt_port" "$@"; }
+
+# expect_ok ARGS...: run sfcloud, show what it saw, record a failure unless it answered as expected.
+expect_ok() {
+  local out rc
+  if ((json)); then out=$(cloud --json "$@" 2>&1); else out=$(cloud "$@" 2>&1); fi
+  rc=$?
+  printf '%s\n' "$out" | sed 's/^/   /'
+  if ((rc == 0)) && ((json)) && ! printf '%s\n' "$out" | tail -n 1 | grep -q '"outcome":"ok"'; then rc=1; fi
+  if ((rc != 0)); then
+    echo "   FAILED (sfcloud exit $rc): sfcloud $*"
+    failures+=("step $step_no: sfcloud $*")
+    return 1
+  fi
+}
+
+heading "Start: mosquitto on 127.0.0.1:$mqtt_port, then sfgw with examples/gateway.json (LAN port $lan_port)"
+broker_start "$work" "$mqtt_port" || exit 1
+# sessions that keep what the gateway says from its first message on
+expect_ok --session demo-reports subscribe
+expect_ok --session demo-presence subscribe
+gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info || exit 1
+sed 's/^/   /' "$work/sfgw.out"
+
+heading "Initial reports: every device reports its start-up values, then comes online in one batch"
+expect_ok --session demo-reports --timeout 20 wait report gateway alarm_volume=30 plug01 switch=off \
+  bulb01 bright_value=500 thermo01 temp_set=21.0 sensor01 temp_current=21.5
+expect_ok --session demo-presence --timeout 25 wait online plug01 bulb01 thermo01 sensor01
+
+heading "A command: switch plug01 on; the plug reports its new state (and a raw command comes back as raw)"
+expect_ok --expect report set plug01 switch=on
+expect_ok --expect report set bulb01 raw_cmd=AQIDBA==
+
+heading "A command that changes nothing: switch plug01 on again; the gateway echoes the current value"
+expect_ok --expect echo set plug01 switch=on
+
+heading "A query: the thermostat answers with its values"
+expect_ok query thermo01
+
+heading "A group add and a scene add, answered per device"
+expect_ok group add 5 plug01 bulb01 thermo01
+expect_ok scene add 5 01 plug01 bulb01
+
+heading "sensor01 goes silent: no heartbeats, no answers"
+expect_ok silence sensor01
+heading "The gateway probes it before its 60 s time-out runs out (the probe goes unanswered)"
+expect_ok --timeout 80 wait probe sensor01
+heading "It goes offline in a presence batch"
+expect_ok --timeout 45 wait offline sensor01
+heading "It wakes up, sends a heartbeat and comes back online"
+expect_ok wake sensor01
+expect_ok --timeout 25 wait online sensor01
+
+heading "Broker outage: mosquitto stops while values change on the LAN"
+expect_ok --session outage subscribe
+broker_stop "$work"
+echo "   mosquitto stopped"
+expect_ok --lan "127.0.0.1:$lan_port" set plug01 switch=off
+expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300 work_mode=scene
+sleep 2
+heading "The broker returns: the gateway re-sends every value the cloud did not confirm"
+broker_start "$work" "$mqtt_port" || exit 1
+echo "   mosquitto started again on the same port"
+expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300 work_mode=scene
+
+heading "Clean shutdown of the gateway (SIGTERM)"
+if gateway_stop "$work"; then
+  tail -n 2 "$work/sfgw.out" | sed 's/^/   /'
+else
+  echo "   FAILED: sfgw did not stop cleanly"
+  tail -n 20 "$work/sfgw.log" | sed 's/^/   /'
+  failures+=("step $step_no: clean shutdown")
+fi
+
+echo
+if [ ${#failures[@]} -eq 0 ]; then
+  echo "demo passed: $step_no steps in $((SECONDS - started)) s"
+  exit 0
+fi
+echo "demo FAILED in $((SECONDS - started)) s:"
+printf '  %s\n' "${failures[@]}"
+echo "(run with SF_DEMO_KEEP=1 to keep the broker and gateway logs)"
+exit 1

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# make run: start mosquitto and the gateway daemon with examples/gateway.json
+# and leave them running, then say how to drive them with sfcloud.
+#   scripts/run.sh          start (MQTT on 1883 and LAN on 6668 when free)
+#   scripts/run.sh stop     stop what the last start started
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+# shellcheck source=lib/demo_lib.sh
+. "$here/lib/demo_lib.sh"
+state=$root/build/run
+
+if [ "${1:-}" = "stop" ]; then
+  if [ -d "$state" ]; then
+    gateway_stop "$state" || true
+    broker_stop "$state"
+    echo "stopped the gateway and the broker"
+  fi
+  exit 0
+fi
+if [ -f "$state/sfgw.pid" ] && kill -0 "$(cat "$state/sfgw.pid")" 2>/dev/null; then
+  echo "already running (scripts/run.sh stop to stop it)"
+  exit 1
+fi
+
+"$here/install_deps.sh"
+echo "building sfgw and sfcloud (Release) ..."
+bin=$("$here/build_apps.sh")
+rm -rf "$state"
+mkdir -p "$state"
+port_or_free() { if (exec 3<>/dev/tcp/127.0.0.1/"$1") 2>/dev/null; then free_port; else echo "$1"; fi; }
+mqtt_port=$(port_or_free 1883)
+lan_port=$(port_or_free 6668)
+broker_start "$state" "$mqtt_port"
+gateway_start "$state" "$bin/sfgw" "$root/examples/gateway.json" "$mqtt_port" "$lan_port" info
+
+rel=${bin#"$root"/}
+cloud="$rel/sfcloud --port $mqtt_port"
+cat <<EOT
+
+The broker listens on 127.0.0.1:$mqtt_port, the gateway gw0001 runs with
+four simulated sub-devices (log: build/run/sfgw.log), its LAN channel on
+127.0.0.1:$lan_port. From the top of the clone:
+
+  $cloud watch --table                 # live table of values and presence
+  $cloud set plug01 switch=on          # a command; the plug reports back
+  $cloud set thermo01 temp_set=19.5    # the room temperature drifts towards it
+  $cloud query bulb01
+  $cloud group add 5 plug01 bulb01
+  $cloud scene add 5 01 plug01 bulb01
+  $cloud silence sensor01              # offline about a minute later
+  $cloud wake sensor01
+  $rel/sfcloud --lan 127.0.0.1:$lan_port set bulb01 work_mode=colour
+
+  scripts/run.sh stop                  # stop the gateway and the broker
+EOT

@@ -1,0 +1,131 @@
+#include "common/description.h"
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+namespace {
+
+const char *const SAMPLE = R"({
+  "connection": { "mqtt": { "host": "broker", "port": 1884, "reconnect_max_s": 2 }, "lan": { "port": 0 } },
+  "gateway": { "id": "gw1", "local_key": "k1", "dps": [ { "id": 1, "prop": "bool" } ] },
+  "devices": [
+    { "id": "t1",
+      "dps": [ { "id": 2, "name": "set", "prop": "value", "min": 0, "max": 300, "scale": 1 },
+               { "id": 3, "name": "now", "mode": "ro", "prop": "value", "min": 0, "max": 300 } ],
+      "sim": { "kind": "thermostat", "heartbeat_s": 5, "hb_timeout_s": 90, "probe_limit": 3,
+               "initial": { "set": 200 }, "drift": { "dp": "now", "toward": "set", "step": 2, "every_s": 4 } } }
+  ]
+})";
+
+TEST(Description, ReadsConnectionAndSimulationAndKeepsTheRestForTheRegistry)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(SAMPLE, "gw.json", &d, &why)) << why;
+    EXPECT_EQ("gw1", d.gateway_id);
+    EXPECT_EQ("k1", d.local_key);
+    EXPECT_EQ("broker", d.mqtt.host);
+    EXPECT_EQ(1884, d.mqtt.port);
+    EXPECT_EQ(2, d.mqtt.reconnect_max_s);
+    EXPECT_EQ(0, d.lan.port);
+    ASSERT_EQ(2u, d.devices.size());
+    const apps::DeviceDescription *t1 = d.find("t1");
+    ASSERT_NE(nullptr, t1);
+    EXPECT_TRUE(t1->has_sim);
+    EXPECT_EQ("thermostat", t1->sim.kind);
+    EXPECT_EQ(5, t1->sim.heartbeat_s);
+    EXPECT_EQ(90, t1->sim.hb_timeout_s);
+    EXPECT_EQ(3, t1->sim.probe_limit);
+    ASSERT_EQ(1u, t1->sim.initial.size());
+    EXPECT_EQ(2, t1->sim.initial[0].first);
+    EXPECT_EQ("200", t1->sim.initial[0].second);
+    EXPECT_TRUE(t1->sim.has_drift);
+    EXPECT_EQ(3, t1->sim.drift.dp);
+    EXPECT_EQ(2, t1->sim.drift.toward);
+    EXPECT_EQ(2, t1->sim.drift.step);
+    EXPECT_EQ(4, t1->sim.drift.every_s);
+    EXPECT_EQ(std::string::npos, d.registry_text.find("connection"));
+    EXPECT_EQ(std::string::npos, d.registry_text.find("sim"));
+    EXPECT_NE(std::string::npos, d.registry_text.find("\"local_key\":\"k1\""));
+}
+
+TEST(Description, DefaultsApplyWithoutTheAppsSections)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(R"({"gateway":{"id":"g"},"devices":[{"id":"a"}]})", "f", &d, &why));
+    EXPECT_EQ("127.0.0.1", d.mqtt.host);
+    EXPECT_EQ(1883, d.mqtt.port);
+    EXPECT_EQ("sf", d.mqtt.topic_root);
+    EXPECT_EQ(6668, d.lan.port);
+    EXPECT_FALSE(d.devices[1].has_sim);
+    EXPECT_EQ(10, d.devices[1].sim.heartbeat_s);
+    EXPECT_EQ(60, d.devices[1].sim.hb_timeout_s);
+}
+
+std::string error_of(const std::string &text)
+{
+    apps::Description d;
+    std::string why;
+    EXPECT_FALSE(apps::read_description_text(text, "gw.json", &d, &why));
+    return why;
+}
+
+TEST(Description, ErrorsNameTheFileTheKeyPathAndWhy)
+{
+    EXPECT_EQ("gw.json: not valid JSON (near line 2, column 2)", error_of("{\n]"));
+    EXPECT_EQ("gw.json: document: expected an object", error_of("[]"));
+    EXPECT_EQ("gw.json: connection.lan.port: out of range (0..65535): 70000",
+              error_of(R"({"connection":{"lan":{"port":70000}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.tls: unknown key", error_of(R"({"connection":{"tls":{}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: devices[0].sim.heartbeat_s: not below hb_timeout_s: the device would look silent",
+              error_of(R"({"gateway":{"id":"g"},"devices":[{"id":"a","sim":{"heartbeat_s":60}}]})"));
+    EXPECT_EQ("gw.json: devices[0].sim.raw_sample.dp: a raw sample needs a raw DP",
+              error_of(R"({"gateway":{"id":"g"},"devices":[{"id":"a","dps":[{"id":1,"prop":"bool"}],
+                          "sim":{"raw_sample":{"dp":1}}}]})"));
+    EXPECT_EQ("gw.json: gateway.sim.heartbeat_s: unknown key",
+              error_of(R"({"gateway":{"id":"g","sim":{"heartbeat_s":5}}})"));
+}
+
+TEST(Description, RegistryTextOfTakesOutOnlyTheAppsSections)
+{
+    std::string out;
+    std::string why;
+    ASSERT_TRUE(apps::registry_text_of(SAMPLE, "gw.json", &out, &why));
+    EXPECT_EQ(0u, out.find("{\"gateway\":{\"id\":\"gw1\""));
+    EXPECT_EQ(std::string::npos, out.find("\"sim\""));
+    EXPECT_FALSE(apps::registry_text_of("{", "gw.json", &out, &why));
+    EXPECT_EQ("gw.json: not valid JSON (near line 1, column 2)", why);
+}
+
+TEST(Description, AMissingFileSaysWhy)
+{
+    apps::Description d;
+    std::string why;
+    EXPECT_FALSE(apps::read_description("/nonexistent/gw.json", &d, &why));
+    EXPECT_EQ("/nonexistent/gw.json: cannot read the file: No such file or directory", why);
+}
+
+TEST(Description, TheExampleDescriptionCoversEveryDpKind)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description(SF_SOURCE_DIR "/examples/gateway.json", &d, &why)) << why;
+    std::set<std::string> kinds;
+    bool passive = false;
+    bool flow = false;
+    for (const apps::DeviceDescription &device : d.devices) {
+        for (const apps::DpSchema &dp : device.schema.dps) {
+            kinds.insert(dp.type == "obj" ? dp.prop : dp.type);
+            passive = passive || dp.passive;
+            flow = flow || dp.has_flow;
+        }
+    }
+    EXPECT_EQ((std::set<std::string>{"bool", "value", "str", "enum", "bitmap", "raw", "file"}), kinds);
+    EXPECT_TRUE(passive);
+    EXPECT_TRUE(flow);
+    EXPECT_GE(d.devices.size(), 5u);
+}
+
+} // namespace

@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+
+#include "sfcloud/options.h"
+#include "sfgw/options.h"
+
+namespace {
+
+TEST(GatewayOptions, OverridesAndTheDescriptionAreRead)
+{
+    sfgw::Options o;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"--mqtt-port", "1884", "gw.json", "--lan-port", "0", "--log-level", "detail"}, &o, &why))
+        << why;
+    EXPECT_EQ("gw.json", o.description);
+    EXPECT_EQ(1884, o.mqtt_port);
+    EXPECT_EQ(0, o.lan_port);
+    EXPECT_EQ(5, o.log_level);
+}
+
+TEST(GatewayOptions, BadCommandLinesAreRefusedWithAReason)
+{
+    sfgw::Options o;
+    std::string why;
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-port", "0", "gw.json"}, &o, &why));
+    EXPECT_EQ("--mqtt-port: expected a port number, got 0", why);
+    sfgw::Options o2;
+    EXPECT_FALSE(sfgw::parse_options({"a.json", "b.json"}, &o2, &why));
+    EXPECT_EQ("one description only (got a.json and b.json)", why);
+    sfgw::Options o3;
+    EXPECT_FALSE(sfgw::parse_options({"gw.json", "--connect-timeout"}, &o3, &why));
+    EXPECT_EQ("--connect-timeout: expected seconds", why);
+}
+
+TEST(GatewayOptions, LogLevelsAreNumbersOrNames)
+{
+    EXPECT_EQ(0, sfgw::parse_log_level("error"));
+    EXPECT_EQ(4, sfgw::parse_log_level("progress"));
+    EXPECT_EQ(3, sfgw::parse_log_level("3"));
+    EXPECT_EQ(-1, sfgw::parse_log_level("6"));
+    EXPECT_EQ(-1, sfgw::parse_log_level("loud"));
+}
+
+TEST(ConsoleOptions, OptionsMayStandAnywhereAroundTheCommand)
+{
+    sfcloud::Options o;
+    std::string why;
+    ASSERT_TRUE(sfcloud::parse_options({"set", "--json", "plug01", "switch=on", "--timeout", "3"}, &o, &why)) << why;
+    EXPECT_TRUE(o.json);
+    EXPECT_EQ(3, o.timeout_s);
+    EXPECT_EQ((std::vector<std::string>{"set", "plug01", "switch=on"}), o.words);
+}
+
+TEST(ConsoleOptions, BadCommandLinesAreRefusedWithAReason)
+{
+    sfcloud::Options o;
+    std::string why;
+    EXPECT_FALSE(sfcloud::parse_options({"watch", "--count"}, &o, &why));
+    EXPECT_EQ("--count: expected a value", why);
+    sfcloud::Options o2;
+    EXPECT_FALSE(sfcloud::parse_options({"--timeout", "0", "watch"}, &o2, &why));
+    EXPECT_EQ("--timeout: expected a number from 1 to 3600, got 0", why);
+    sfcloud::Options o3;
+    EXPECT_FALSE(sfcloud::parse_options({"--json"}, &o3, &why));
+    EXPECT_EQ("missing the command", why);
+}
+
+} // namespace

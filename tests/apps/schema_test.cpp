@@ -1,0 +1,124 @@
+#include "common/schema.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+apps::DpSchema dp(const char *prop)
+{
+    apps::DpSchema d;
+    d.id = 7;
+    d.name = "thing";
+    d.prop = prop;
+    return d;
+}
+
+std::string json_of(const apps::DpSchema &d, const std::string &text, std::string *why = nullptr)
+{
+    std::string json;
+    std::string reason;
+    const bool ok = apps::value_json_from_text(d, text, &json, &reason);
+    if (why != nullptr) {
+        *why = reason;
+    }
+    return ok ? json : "REFUSED";
+}
+
+TEST(SchemaValueText, BooleansTakeTrueFalseOnOffAndDigits)
+{
+    const apps::DpSchema b = dp("bool");
+    EXPECT_EQ("true", json_of(b, "on"));
+    EXPECT_EQ("true", json_of(b, "1"));
+    EXPECT_EQ("false", json_of(b, "off"));
+    EXPECT_EQ("false", json_of(b, "false"));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(b, "yes", &why));
+    EXPECT_EQ("expected true/false (or on/off, 1/0): yes", why);
+}
+
+TEST(SchemaValueText, ScaledValuesCountInTenthsAndKeepTheirRange)
+{
+    apps::DpSchema v = dp("value");
+    v.min = 50;
+    v.max = 350;
+    v.scale = 1;
+    EXPECT_EQ("215", json_of(v, "21.5"));
+    EXPECT_EQ("50", json_of(v, "5"));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(v, "35.1", &why));
+    EXPECT_EQ("out of range (50..350): 351", why);
+    EXPECT_EQ("REFUSED", json_of(v, "21.25", &why));
+    EXPECT_EQ("more decimals than the DP has: 21.25", why);
+    EXPECT_EQ("REFUSED", json_of(v, "warm", &why));
+    EXPECT_EQ("expected a number: warm", why);
+}
+
+TEST(SchemaValueText, EnumsTakeANameOrItsIndex)
+{
+    apps::DpSchema e = dp("enum");
+    e.range = {"white", "colour"};
+    EXPECT_EQ("\"colour\"", json_of(e, "colour"));
+    EXPECT_EQ("\"colour\"", json_of(e, "1"));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(e, "2", &why));
+    EXPECT_EQ("unknown value \"2\" (one of white, colour)", why);
+}
+
+TEST(SchemaValueText, TextsAreQuotedAndBoundedByMaxLen)
+{
+    apps::DpSchema s = dp("str");
+    s.max_len = 3;
+    EXPECT_EQ("\"a\\\"b\"", json_of(s, "a\"b"));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(s, "abcd", &why));
+    EXPECT_EQ("longer than 3 characters", why);
+}
+
+TEST(SchemaValueText, BitmapsStayWithinTheirBits)
+{
+    apps::DpSchema m = dp("bitmap");
+    m.max_len = 8;
+    EXPECT_EQ("255", json_of(m, "255"));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(m, "256", &why));
+    EXPECT_EQ("out of range (0..255): 256", why);
+}
+
+TEST(SchemaValueText, RawDpsTakeBase64Text)
+{
+    apps::DpSchema r = dp("");
+    r.type = "raw";
+    EXPECT_EQ("\"AQID\"", json_of(r, "AQID"));
+    EXPECT_EQ("\"AQI=\"", json_of(r, "AQI="));
+    EXPECT_EQ("\"AQ==\"", json_of(r, "AQ=="));
+    std::string why;
+    EXPECT_EQ("REFUSED", json_of(r, "AQI", &why));
+    EXPECT_EQ("expected base64 text", why);
+    EXPECT_EQ("REFUSED", json_of(r, "A=QI"));
+    EXPECT_EQ("REFUSED", json_of(r, "not base64!!"));
+}
+
+TEST(SchemaDisplay, ScaledValuesShowTheirDecimalsAndSign)
+{
+    apps::DpSchema v = dp("value");
+    v.scale = 1;
+    cJSON *number = cJSON_CreateNumber(-45);
+    EXPECT_EQ("-4.5", apps::display_value(&v, number));
+    cJSON_SetNumberValue(number, 5);
+    EXPECT_EQ("0.5", apps::display_value(&v, number));
+    EXPECT_EQ("5", apps::display_value(nullptr, number));
+    cJSON_Delete(number);
+}
+
+TEST(SchemaLookup, DpsAreFoundByNameOrNumber)
+{
+    apps::DeviceSchema device;
+    device.dps = {dp("bool")};
+    EXPECT_EQ(7, device.find("thing")->id);
+    EXPECT_EQ(7, device.find("7")->id);
+    EXPECT_EQ(nullptr, device.find("8"));
+    EXPECT_EQ(nullptr, device.find("7x"));
+    EXPECT_EQ("thing (7)", device.dps[0].label());
+}
+
+} // namespace

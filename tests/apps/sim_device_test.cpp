@@ -1,0 +1,90 @@
+#include "sfgw/sim_device.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+apps::DeviceDescription thermostat()
+{
+    apps::Description d;
+    std::string why;
+    const bool ok = apps::read_description_text(R"({"gateway":{"id":"gw"},"devices":[{"id":"t1","dps":[
+        {"id":2,"name":"set","prop":"value","min":50,"max":350},
+        {"id":3,"name":"now","mode":"ro","prop":"value","min":-400,"max":1000},
+        {"id":4,"name":"mode","prop":"enum","range":["auto","eco"]},
+        {"id":5,"name":"lock","mode":"wr","prop":"bool"},
+        {"id":6,"name":"blob","type":"raw"}],
+        "sim":{"initial":{"set":210,"now":180},"drift":{"dp":"now","toward":"set","step":20,"every_s":3}}}]})",
+                                                "gw.json", &d, &why);
+    EXPECT_TRUE(ok) << why;
+    return d.devices.at(1);
+}
+
+TEST(SimDevice, StartsFromDefaultsAndReportsItsInitialValues)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    EXPECT_EQ("50", device.value_of(2)); /* 0 is below min: the default is clamped into the range */
+    EXPECT_EQ("\"auto\"", device.value_of(4));
+    EXPECT_EQ("{\"2\":210,\"3\":180}", device.initial_report());
+    EXPECT_EQ("210", device.value_of(2));
+}
+
+TEST(SimDevice, ACommandChangesTheDeviceWhichReportsWhatItReports)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    std::vector<std::string> refused;
+    /* read-only DP 3 and a value out of range are refused; write-only DP 5 is applied, never reported */
+    EXPECT_EQ("{\"2\":195,\"4\":\"eco\"}",
+              device.apply({{2, "195"}, {3, "0"}, {4, "\"eco\""}, {5, "true"}, {2, "999"}}, &refused));
+    EXPECT_EQ((std::vector<std::string>{"3", "2"}), refused);
+    EXPECT_EQ("195", device.value_of(2));
+    EXPECT_EQ("true", device.value_of(5));
+    EXPECT_EQ("", device.apply({{3, "1"}}, &refused));
+}
+
+TEST(SimDevice, AQueryReportsTheAskedDpsOrAllReportableOnes)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    device.initial_report();
+    EXPECT_EQ("{\"3\":180}", device.report_of({3}));
+    EXPECT_EQ("{\"2\":210,\"3\":180,\"4\":\"auto\"}", device.report_of({}));
+    EXPECT_EQ("", device.report_of({5, 6}));
+}
+
+TEST(SimDevice, TheTemperatureDriftsTowardsTheSetPointAndStops)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    device.initial_report();
+    EXPECT_EQ("{\"3\":200}", device.drift_step());
+    EXPECT_EQ("{\"3\":210}", device.drift_step()); /* the last step stops at the set point */
+    EXPECT_EQ("", device.drift_step());
+    std::vector<std::string> refused;
+    device.apply({{2, "190"}}, &refused);
+    EXPECT_EQ("{\"3\":190}", device.drift_step());
+}
+
+TEST(SimDevice, WithoutASetPointTheValueSwingsBetweenItsLimits)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(R"({"gateway":{"id":"gw"},"devices":[{"id":"p","dps":[
+        {"id":4,"name":"ma","mode":"ro","prop":"value","min":0,"max":250}],
+        "sim":{"drift":{"dp":"ma","step":100}}}]})", "gw.json", &d, &why)) << why;
+    sfgw::SimDevice device(d.devices.at(1), false);
+    EXPECT_EQ("{\"4\":100}", device.drift_step());
+    EXPECT_EQ("{\"4\":200}", device.drift_step());
+    EXPECT_EQ("{\"4\":100}", device.drift_step()); /* 300 would pass the maximum: it turns */
+    EXPECT_EQ("{\"4\":0}", device.drift_step());
+    EXPECT_EQ("{\"4\":100}", device.drift_step());
+}
+
+TEST(SimDevice, TheGatewayItselfIsNeverSupervised)
+{
+    sfgw::SimDevice gateway(thermostat(), true);
+    EXPECT_FALSE(gateway.supervised());
+    EXPECT_EQ(0, gateway.settings().heartbeat_s);
+    sfgw::SimDevice sub(thermostat(), false);
+    EXPECT_TRUE(sub.supervised());
+}
+
+} // namespace
