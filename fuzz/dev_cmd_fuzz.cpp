@@ -9,7 +9,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     sf_fuzz::begin_run(sf_fuzz::channels_from(static_cast<uint8_t>(size >> 1)));
-    SF_GW_DEV_CMD_S cmd{static_cast<DP_CMD_TYPE_E>((size & 1) != 0 ? DP_CMD_LAN : DP_CMD_MQ), sf_fuzz::parse(data, size)};
+    const DP_CMD_TYPE_E tp = static_cast<DP_CMD_TYPE_E>((size & 1) != 0 ? DP_CMD_LAN : DP_CMD_MQ);
+    SF_GW_DEV_CMD_S cmd{tp, sf_fuzz::parse(data, size)};
     if (cmd.cmd_js != nullptr && sf_send_gw_dev_cmd(&cmd) != RC_OK) {
         cJSON_Delete(cmd.cmd_js); /* a refused post leaves the tree with the sender */
     }
