@@ -2,7 +2,9 @@
 #ifndef SF_TEST_FAKE_INTERNAL_H
 #define SF_TEST_FAKE_INTERNAL_H
 
+#include <deque>
 #include <mutex>
+#include <utility>
 
 #include "../../smart_frame/smart_frame.h"
 #include "fakes.h"
@@ -29,6 +31,12 @@ void forget_msgq_history();
 void forget_mqtt_history();
 void forget_lan_history();
 void forget_registry_history();
+
+/* Injected failures: (countdown, code) pairs; "the nth next call fails with code". */
+using FailureQueue = std::deque<std::pair<int, OPERATE_RET>>;
+
+/* Count one call against every queued failure; true (and the code) when one falls due now. */
+bool take_failure(FailureQueue &failures, OPERATE_RET &code);
 
 /* Objects of an earlier scenario that the module may still point at: kept, never freed. */
 void keep_reachable(void *object);

@@ -23,7 +23,7 @@ struct TimedMessage {
 };
 
 struct MsgqState {
-    std::map<Call, std::deque<std::pair<int, OPERATE_RET>>> failures;
+    std::map<Call, fake::detail::FailureQueue> failures;
     std::map<Call, int> calls;
     MSG_ID next_id = 1;
     std::vector<std::pair<MSG_ID, MSG_CALLBACK>> handlers;
@@ -49,15 +49,7 @@ bool injected(Call call, OPERATE_RET &code)
 {
     std::lock_guard<std::recursive_mutex> guard(fake::detail::records_lock());
     ++state().calls[call];
-    auto &failures = state().failures[call];
-    for (auto it = failures.begin(); it != failures.end(); ++it) {
-        if (--it->first == 0) {
-            code = it->second;
-            failures.erase(it);
-            return true;
-        }
-    }
-    return false;
+    return fake::detail::take_failure(state().failures[call], code);
 }
 
 MSG_CALLBACK find_handler(MSG_ID mid)

@@ -23,7 +23,7 @@ struct FakeMutex {
 };
 
 struct MutexState {
-    std::deque<std::pair<int, OPERATE_RET>> create_failures; /* countdown, code */
+    fake::detail::FailureQueue create_failures;
     size_t created = 0;
     size_t released = 0;
     std::vector<FakeMutex *> all;
@@ -39,18 +39,6 @@ MutexState &state()
 
 thread_local std::vector<FakeMutex *> held_here;
 
-bool take_failure(std::deque<std::pair<int, OPERATE_RET>> &failures, OPERATE_RET &code)
-{
-    for (auto it = failures.begin(); it != failures.end(); ++it) {
-        if (--it->first == 0) {
-            code = it->second;
-            failures.erase(it);
-            return true;
-        }
-    }
-    return false;
-}
-
 } // namespace
 
 extern "C" OPERATE_RET CreateMutexAndInit(MUTEX_HANDLE *handle)
@@ -60,7 +48,7 @@ extern "C" OPERATE_RET CreateMutexAndInit(MUTEX_HANDLE *handle)
     }
     std::lock_guard<std::recursive_mutex> guard(fake::detail::records_lock());
     OPERATE_RET code = RC_OK;
-    if (take_failure(state().create_failures, code)) {
+    if (fake::detail::take_failure(state().create_failures, code)) {
         return code;
     }
     *handle = fake::mutex::make("module mutex " + std::to_string(state().created));

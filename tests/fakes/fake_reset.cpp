@@ -3,6 +3,18 @@
 namespace fake {
 
 namespace detail {
+bool take_failure(FailureQueue &failures, OPERATE_RET &code)
+{
+    for (auto it = failures.begin(); it != failures.end(); ++it) {
+        if (--it->first == 0) {
+            code = it->second;
+            failures.erase(it);
+            return true;
+        }
+    }
+    return false;
+}
+
 void keep_reachable(void *object)
 {
     static std::vector<void *> &graveyard = *new std::vector<void *>();

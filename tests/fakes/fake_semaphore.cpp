@@ -20,7 +20,7 @@ struct FakeSem {
 };
 
 struct SemState {
-    std::deque<std::pair<int, OPERATE_RET>> create_failures;
+    fake::detail::FailureQueue create_failures;
     int interruptions = 0;
     bool fail_next_wait = false;
     OPERATE_RET wait_code = RC_OK;
@@ -44,13 +44,9 @@ extern "C" OPERATE_RET CreateAndInitSemaphore(SEM_HANDLE *handle, UINT_T init_co
     }
     {
         std::lock_guard<std::recursive_mutex> guard(fake::detail::records_lock());
-        auto &failures = state().create_failures;
-        for (auto it = failures.begin(); it != failures.end(); ++it) {
-            if (--it->first == 0) {
-                const OPERATE_RET code = it->second;
-                failures.erase(it);
-                return code;
-            }
+        OPERATE_RET code = RC_OK;
+        if (fake::detail::take_failure(state().create_failures, code)) {
+            return code;
         }
         ++state().live;
     }
