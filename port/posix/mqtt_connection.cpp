@@ -11,6 +11,14 @@
  * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
  * error, a failed name lookup, a protocol error), which on a gateway are
  * often passing: we log them and connect again with back-off.
+ *
+ * Every connect and reconnect is ours too (mosquitto_loop, never
+ * mosquitto_loop_forever): loop_forever reconnects by itself, and a
+ * mosquitto_disconnect that lands while that internal reconnect is under
+ * way is lost (the reconnect sets the state again when connect() fails), so
+ * loop_forever retried a dead broker for ever and mqc_stop never joined the
+ * thread. Our reconnects run under connect_mutex after checking stop, so
+ * once mqc_stop has set stop none begins.
  */
 #include <mosquitto.h>
 
@@ -44,6 +52,11 @@ using namespace sf_mqtt; // this file is part of the client
 namespace {
 
 constexpr auto EXPIRY_TICK = std::chrono::milliseconds(100);
+// mosquitto_loop's wait for the socket; a publication or a disconnect wakes it sooner.
+constexpr int LOOP_WAIT_MS = 1000;
+// After stop, how long the session may still run to get the offline status
+// and the DISCONNECT out to a broker that reads slowly.
+constexpr auto STOP_GRACE = std::chrono::seconds(2);
 
 constexpr char ONLINE_STATUS[] = "{\"online\":true}";
 constexpr char OFFLINE_STATUS[] = "{\"online\":false}";
@@ -131,6 +144,31 @@ void run_expiry(Client *client)
     }
 }
 
+/*
+ * Serve one connection until it ends; returns why (never MOSQ_ERR_SUCCESS
+ * unless stop's grace ran out). After stop it runs on only until our
+ * DISCONNECT is written (libmosquitto then closes the socket and the next
+ * mosquitto_loop says so), and at most STOP_GRACE. Network thread.
+ */
+int run_session(Client *client)
+{
+    Clock::time_point give_up{};
+    for (;;) {
+        const int rc = mosquitto_loop(client->mosq, LOOP_WAIT_MS, 1);
+        if (rc != MOSQ_ERR_SUCCESS) {
+            return rc;
+        }
+        if (client->stop) {
+            const Clock::time_point now = Clock::now();
+            if (give_up == Clock::time_point{}) {
+                give_up = now + STOP_GRACE;
+            } else if (now >= give_up) {
+                return MOSQ_ERR_SUCCESS;
+            }
+        }
+    }
+}
+
 void run_network(Client *client)
 {
     bool first = true;
@@ -148,18 +186,21 @@ void run_network(Client *client)
         }
         first = false;
         if (rc == MOSQ_ERR_SUCCESS) {
-            // Returns on our disconnect or on an error libmosquitto does not retry.
-            rc = mosquitto_loop_forever(client->mosq, 1000, 1);
+            rc = run_session(client);
         }
-        if (client->established.exchange(false)) {
+        const bool was_established = client->established.exchange(false);
+        if (was_established) {
             // The broker did accept us: this is a new outage, not a persisting one.
             delay_s = client->reconnect_min_s;
         }
         if (client->stop) {
             return;
         }
-        CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(), client->port,
-                   rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
+        if (!was_established) {
+            // The loss of an accepted session is logged by on_disconnect already.
+            CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
+                       client->port, rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
+        }
         if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
             return;
         }
@@ -209,7 +250,6 @@ bool set_up_mosquitto(Client *client)
     mosquitto_message_callback_set(mosq, on_message);
     mosquitto_log_callback_set(mosq, on_log);
     mosquitto_threaded_set(mosq, true);
-    mosquitto_reconnect_delay_set(mosq, client->reconnect_min_s, client->reconnect_max_s, true);
     mosquitto_max_inflight_messages_set(mosq, client->max_inflight);
     int rc = mosquitto_will_set(mosq, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1, OFFLINE_STATUS, 1,
                                 true);
