@@ -41,6 +41,7 @@ struct Client {
     // would then run on for ever.
     std::atomic<bool> stop{false};
     std::atomic<bool> established{false}; // a session was accepted since the last back-off
+    std::atomic<bool> settled{false};     // the pending table settled publications: complete them now
     std::mutex wait_mutex;
     std::condition_variable wake;
     std::mutex connect_mutex;

@@ -5,7 +5,8 @@
  * Threads: the network thread runs libmosquitto's loop: connect and
  * disconnect, acknowledgements (completions) and inbound messages (queued
  * for the inbound thread); the expiry thread completes publications whose
- * time limit passed. Completions never run with a lock of this client held.
+ * time limit passed and those settled while being recorded (mqtt_pending.h).
+ * Completions never run with a lock of this client held.
  *
  * The network thread is ours rather than mosquitto_loop_start's because
  * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
@@ -137,9 +138,29 @@ bool wait_unless_stopped(Client *client, std::chrono::milliseconds span)
     return !client->wake.wait_for(hold, span, [client] { return client->stop.load(); });
 }
 
+/* Tell the expiry thread that publications were settled. Any thread, no lock held. */
+void wake_for_settled(Client *client)
+{
+    {
+        std::lock_guard<std::mutex> hold(client->wait_mutex);
+        client->settled = true;
+    }
+    client->wake.notify_all();
+}
+
 void run_expiry(Client *client)
 {
-    while (wait_unless_stopped(client, EXPIRY_TICK)) {
+    for (;;) {
+        {
+            std::unique_lock<std::mutex> hold(client->wait_mutex);
+            client->wake.wait_for(hold, EXPIRY_TICK,
+                                  [client] { return client->stop.load() || client->settled.load(); });
+            if (client->stop) {
+                return;
+            }
+            client->settled = false;
+        }
+        PendingPublications::complete(client->pending.take_settled());
         PendingPublications::complete(client->pending.take_expired(Clock::now()), MQC_RC_TIMEOUT);
     }
 }
@@ -304,6 +325,7 @@ extern "C" OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg)
     g_stopping = false;
     g_connected = false;
     gw_registry_set_nw_status(GW_NW_LAN);
+    client->pending.on_settled([client] { wake_for_settled(client); });
     client->inbound->start();
     client->expiry = std::thread(run_expiry, client);
     // The first connection is made on the network thread: an unreachable
@@ -335,6 +357,8 @@ extern "C" void mqc_stop(void)
         std::unique_lock<std::shared_mutex> life(g_life);
         g_client = nullptr;
     }
+    // No publisher is left (g_life was taken exclusively): nothing settles after this.
+    PendingPublications::complete(client->pending.take_settled());
     PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
     destroy(client);
     gw_registry_set_nw_status(GW_NW_LAN);

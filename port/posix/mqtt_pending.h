@@ -8,6 +8,20 @@
  * callback, so each callback runs exactly once. libmosquitto re-sends
  * unacknowledged QoS 1 messages after a reconnect; their late
  * acknowledgements find no entry and are ignored.
+ *
+ * The table's lock is never held across a libmosquitto call: libmosquitto
+ * runs our callbacks with its own mutexes held, and those callbacks take
+ * this lock, so holding it across mosquitto_publish would make the pair a
+ * lock-order deadlock waiting for libmosquitto's locking to change. A
+ * publication is therefore recorded only after mosquitto_publish has
+ * returned its id, and two things can happen in between: the
+ * acknowledgement arrives first (it is parked as an "early ack" and the
+ * recorder finds it), or the connection is lost (the recorder sees that a
+ * close came after it began). Either way the publication is settled with
+ * its result and completed by the client's expiry thread, woken at once
+ * (a late "done" would mark values reported after it as confirmed: the
+ * smart frame matches completions to DPs by id, not by value), never on
+ * the publisher's thread.
  */
 #ifndef SF_POSIX_MQTT_PENDING_H
 #define SF_POSIX_MQTT_PENDING_H
@@ -16,6 +30,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "../../services/mqtt_client.h"
@@ -31,20 +46,32 @@ struct Completion {
     Clock::time_point deadline;
 };
 
+/* A publication whose result is known but whose callback has not run yet. */
+struct Settled {
+    Completion done;
+    OPERATE_RET op_ret;
+};
+
 class PendingPublications {
 public:
     /* publish_and_record's result while the table is closed (no connection). */
     static constexpr int CLOSED = -100000;
 
     /*
-     * Runs publish(&mid) with the table locked and records c under mid when
-     * it returns 0. The lock spans the call because libmosquitto's network
-     * thread can acknowledge the message before publish returns its id:
-     * the acknowledgement then waits here and finds the entry. publish must
-     * not call back into this table. Returns publish's result, or CLOSED
-     * without calling publish while the table is closed.
+     * Runs publish(&mid), without the table's lock, and records c under mid
+     * when it returns 0; if the acknowledgement or the loss of the
+     * connection came first, c is settled instead (take_settled). Returns
+     * publish's result, or CLOSED without calling publish while the table
+     * is closed.
      */
     int publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c);
+
+    /*
+     * Called, without the table's lock, whenever a publication is settled:
+     * the client wakes its expiry thread so that the callback runs at once
+     * (a late "done" would confirm values reported after it). Set before use.
+     */
+    void on_settled(std::function<void()> wake) { on_settled_ = std::move(wake); }
 
     /* Accept publications from now on (the connection is up). */
     void open();
@@ -56,8 +83,15 @@ public:
      */
     std::vector<Completion> close_and_take_all();
 
-    /* The entry of an acknowledged message id, if there is one. */
+    /*
+     * The entry of an acknowledged message id, if there is one. Without
+     * one while a publication is being recorded, the id is parked for that
+     * recorder (it may be its own acknowledgement, come early).
+     */
     bool take(int mid, Completion *out);
+
+    /* Publications settled while being recorded; the expiry thread and the stop complete them. */
+    std::vector<Settled> take_settled();
 
     /* Entries whose deadline is not after now. */
     std::vector<Completion> take_expired(Clock::time_point now);
@@ -73,11 +107,31 @@ public:
      */
     static void complete(const std::vector<Completion> &done, OPERATE_RET op_ret);
     static void complete(const Completion &done, OPERATE_RET op_ret);
+    static void complete(const std::vector<Settled> &settled);
 
 private:
+    /*
+     * Early acks are parked only while someone records, and dropped when
+     * nobody does; acknowledgements of messages nobody waits for (status,
+     * query answers, re-sent ones) are parked too, so past this many the
+     * oldest go. A recorder whose early ack was dropped keeps its entry and
+     * is completed by its time limit: still exactly once.
+     */
+    static constexpr size_t EARLY_ACK_LIMIT = 256;
+
+    void park_early_ack(int mid);
+    /* The second half of publish_and_record, lock held; true when c was settled. */
+    bool record_locked(int rc, int mid, const Completion &c, unsigned long closes_before, unsigned long parked_before);
+
     std::mutex mutex_;
     bool open_ = false;
+    unsigned long closes_ = 0;  // a recorder that began before a close missed it
+    int recording_ = 0;         // publications between publish and record
+    unsigned long parked_ = 0;  // early acks parked so far: their order
+    std::map<int, unsigned long> early_acks_; // message id -> order parked
     std::map<int, Completion> by_mid_;
+    std::vector<Settled> settled_;
+    std::function<void()> on_settled_;
 };
 
 } // namespace sf_mqtt

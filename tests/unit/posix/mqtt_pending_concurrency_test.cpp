@@ -51,6 +51,32 @@ int record(PendingPublications *table, int mid, const Completion &c)
         c);
 }
 
+/* Publish as mid while the acknowledgements of acks (in order) arrive before publish returns the id. */
+int record_after_acks(PendingPublications *table, int mid, const std::vector<int> &acks, const Completion &c)
+{
+    return table->publish_and_record(
+        [&](int *out) {
+            for (int ack : acks) {
+                Completion none;
+                EXPECT_FALSE(table->take(ack, &none));
+            }
+            *out = mid;
+            return 0;
+        },
+        c);
+}
+
+/* The table holds no entry, and its settled publications complete counter once with op_ret. */
+void expect_settled_once(PendingPublications *table, Counter *counter, OPERATE_RET op_ret)
+{
+    EXPECT_EQ(0u, table->size());
+    EXPECT_EQ(0, counter->calls.load()); // not on the publisher's thread
+    PendingPublications::complete(table->take_settled());
+    EXPECT_EQ(1, counter->calls.load());
+    EXPECT_EQ(op_ret, counter->last.load());
+    EXPECT_TRUE(table->take_settled().empty());
+}
+
 TEST(MqttPending, ClosedTableRefusesWithoutPublishing)
 {
     PendingPublications table;
@@ -98,6 +124,84 @@ TEST(MqttPending, AcknowledgementTakesTheEntryOnce)
     PendingPublications::complete(done, RC_OK);
     EXPECT_EQ(1, counter.calls.load());
     EXPECT_EQ(RC_OK, counter.last.load());
+}
+
+TEST(MqttPending, AcknowledgementBeforeTheIdIsRecordedSettlesThePublicationAsDone)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    int wakes = 0;
+    table.on_settled([&] { ++wakes; });
+    // The network thread acknowledges while publish has not returned the id yet.
+    ASSERT_EQ(0, record_after_acks(&table, 11, {11}, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    EXPECT_EQ(1, wakes); // the client's expiry thread is woken to complete it at once
+    expect_settled_once(&table, &counter, RC_OK);
+}
+
+TEST(MqttPending, ConnectionLostBeforeTheIdIsRecordedSettlesThePublicationAsLost)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    ASSERT_EQ(0, table.publish_and_record(
+                     [&](int *mid) {
+                         EXPECT_TRUE(table.close_and_take_all().empty());
+                         table.open(); // and even reconnected at once
+                         *mid = 12;
+                         return 0;
+                     },
+                     completion(&counter, Clock::now() + std::chrono::hours(1))));
+    expect_settled_once(&table, &counter, -1104);
+}
+
+TEST(MqttPending, AcknowledgementParkedBeforeAPublicationBeganIsNotItsOwn)
+{
+    PendingPublications table;
+    table.open();
+    Counter outer;
+    Counter inner;
+    const Clock::time_point later = Clock::now() + std::chrono::hours(1);
+    ASSERT_EQ(0, table.publish_and_record(
+                     [&](int *mid) {
+                         Completion none;
+                         EXPECT_FALSE(table.take(9, &none)); // a stale message's ack, parked
+                         EXPECT_EQ(0, record(&table, 9, completion(&inner, later)));
+                         *mid = 10;
+                         return 0;
+                     },
+                     completion(&outer, later)));
+    EXPECT_TRUE(table.take_settled().empty());
+    EXPECT_EQ(2u, table.size());
+    Completion done;
+    EXPECT_TRUE(table.take(9, &done));
+    EXPECT_EQ(&inner, done.prv_data);
+}
+
+TEST(MqttPending, AcknowledgementWithNobodyRecordingIsNotKept)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    Completion none;
+    EXPECT_FALSE(table.take(4, &none));
+    ASSERT_EQ(0, record(&table, 4, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    EXPECT_TRUE(table.take_settled().empty());
+    EXPECT_EQ(1u, table.size());
+}
+
+TEST(MqttPending, OwnEarlyAcknowledgementSurvivesAFloodOfUnrelatedOnes)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    std::vector<int> acks;
+    for (int other = 1000; other < 1600; ++other) {
+        acks.push_back(other);
+    }
+    acks.push_back(13);
+    ASSERT_EQ(0, record_after_acks(&table, 13, acks, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    expect_settled_once(&table, &counter, RC_OK);
 }
 
 TEST(MqttPending, OnlyExpiredEntriesAreTaken)
@@ -174,6 +278,8 @@ TEST(MqttPending, RacingAcknowledgementsExpiriesAndLossCompleteEachEntryExactlyO
     acker.join();
     expirer.join();
     loser.join();
+    // Acknowledged or lost between publish and record: settled, not recorded.
+    PendingPublications::complete(table.take_settled());
     PendingPublications::complete(table.close_and_take_all(), -1104);
 
     int refused = 0;
