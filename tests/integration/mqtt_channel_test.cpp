@@ -3,6 +3,8 @@
  * commands, presence, publication completions and the network status.
  */
 #include <atomic>
+#include <chrono>
+#include <thread>
 #include <mutex>
 
 #include "support/blocks.h"
@@ -268,13 +270,22 @@ TEST_F(MqttChannel, InboundCommandsBeyondTheQueueBoundAreDroppedWithALogLine)
     StderrCapture log;
     start({{"sub01", 1, 1}});
     std::mutex gate;
+    std::atomic<bool> holding{false};
     gate.lock(); // the first query holds the inbound thread until released
     set_query_hook([&](const std::string &) {
+        holding = true;
         gate.lock();
         gate.unlock();
     });
 
-    for (int i = 0; i < 80; ++i) {
+    /* the first query is in the application before the others arrive, so exactly 64 can wait behind it */
+    ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\"],\"dpids\":[1]}"));
+    const auto until = std::chrono::steady_clock::now() + seconds(10);
+    while (!holding && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    ASSERT_TRUE(holding) << "the first query never reached the application";
+    for (int i = 1; i < 80; ++i) {
         ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\"],\"dpids\":[1]}"));
     }
     EXPECT_TRUE(log.wait_for("query command dropped: 64 commands already waiting", seconds(10))) << log.text();
