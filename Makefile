@@ -23,13 +23,13 @@ $(SAN_BUILD)/CMakeCache.txt: | deps
 build: deps $(SAN_BUILD)/CMakeCache.txt
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 
-# Every test under AddressSanitizer and UndefinedBehaviorSanitizer, then the
-# concurrency tests (label "concurrency") again under ThreadSanitizer, then
-# each fuzz target for a few seconds.
+# Every test under AddressSanitizer and UndefinedBehaviorSanitizer, each fuzz
+# target for a few seconds, then the concurrency tests (label "concurrency")
+# again under ThreadSanitizer.
 test: build
 	cd $(SAN_BUILD) && ctest -j $(JOBS) --output-on-failure --timeout 300
-	@$(MAKE) --no-print-directory test-tsan
 	@if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --smoke; fi
+	@$(MAKE) --no-print-directory test-tsan
 
 test-tsan: deps
 	@if grep -rqs --include=CMakeLists.txt 'concurrency' tests; then \
