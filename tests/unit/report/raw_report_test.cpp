@@ -7,6 +7,7 @@
 using namespace fake::registry;
 using fake::mqtt::AutoComplete;
 using report_test::pv;
+using report_test::sweep_sync_report;
 using report_test::sync_starts;
 
 namespace {
@@ -168,25 +169,7 @@ TEST_F(RawReport, AllocationFailureSweep)
 {
     fake::lan::set_result(RC_OK);
     const BYTE_T bytes[] = {1, 2, 3, 4};
-    for (size_t nth = 1;; ++nth) {
-        dp("a1b2c3", 101)->pv_stat = PV_STAT_INVALID;
-        fake::mem::fail_nth(nth);
-        const OPERATE_RET code = sf_raw_dp_report_sync_with_time("a1b2c3", 101, bytes, 4, 5, FALSE, "17");
-        const bool fired = fake::mem::failure_fired();
-        fake::mem::fail_nth(0);
-        EXPECT_TRUE(code == RC_OK || code == RC_JSON_FAIL || code == RC_FAIL || code == RC_NO_MEMORY)
-            << nth << ": " << code;
-        fake::lan::release_held();
-        EXPECT_EQ(0u, fake::rfc::live()) << nth;
-        EXPECT_EQ(0u, fake::sem::live()) << nth;
-        EXPECT_EQ(0u, fake::mem::live_blocks()) << nth << "\n" << fake::mem::leak_report();
-        if (!fired) {
-            EXPECT_EQ(RC_OK, code);
-            EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", 101));
-            EXPECT_GT(nth, 5u);
-            break;
-        }
-    }
+    sweep_sync_report(101, [&] { return sf_raw_dp_report_sync_with_time("a1b2c3", 101, bytes, 4, 5, FALSE, "17"); });
 }
 
 } // namespace

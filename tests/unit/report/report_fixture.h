@@ -78,6 +78,36 @@ inline size_t sync_starts()
     return starts.size();
 }
 
+/*
+ * Allocation-failure sweep of a synchronous report of DP dpid of "a1b2c3":
+ * fail the 1st, 2nd, ... Malloc of report() until it runs through. Every
+ * run returns an allowed code and leaves no block, semaphore or message
+ * behind; the run that hits no failure succeeds and confirms the DP.
+ */
+template <typename Report>
+void sweep_sync_report(BYTE_T dpid, Report report)
+{
+    for (size_t nth = 1;; ++nth) {
+        fake::registry::dp("a1b2c3", dpid)->pv_stat = PV_STAT_INVALID;
+        fake::mem::fail_nth(nth);
+        const OPERATE_RET code = report();
+        const bool fired = fake::mem::failure_fired();
+        fake::mem::fail_nth(0);
+        EXPECT_TRUE(code == RC_OK || code == RC_JSON_FAIL || code == RC_FAIL || code == RC_NO_MEMORY)
+            << nth << ": " << code;
+        fake::lan::release_held();
+        EXPECT_EQ(0u, fake::rfc::live()) << nth;
+        EXPECT_EQ(0u, fake::sem::live()) << nth;
+        EXPECT_EQ(0u, fake::mem::live_blocks()) << nth << "\n" << fake::mem::leak_report();
+        if (!fired) {
+            EXPECT_EQ(RC_OK, code);
+            EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", dpid));
+            EXPECT_GT(nth, 5u);
+            break;
+        }
+    }
+}
+
 } // namespace report_test
 
 #endif /* SF_TEST_REPORT_FIXTURE_H */

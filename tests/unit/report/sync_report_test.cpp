@@ -8,6 +8,7 @@
 using namespace fake::registry;
 using fake::mqtt::AutoComplete;
 using report_test::pv;
+using report_test::sweep_sync_report;
 using report_test::sync_starts;
 
 namespace {
@@ -208,25 +209,7 @@ TEST_F(SyncReport, AllocationFailureSweep)
 {
     fake::lan::set_result(RC_OK);
     fake::mqtt::set_auto_complete(AutoComplete::Inline, RC_OK);
-    for (size_t nth = 1;; ++nth) {
-        dp("a1b2c3", 1)->pv_stat = PV_STAT_INVALID;
-        fake::mem::fail_nth(nth);
-        const OPERATE_RET code = sf_stat_dp_report_sync("a1b2c3", "{\"1\":true}", "17", 5, TRUE);
-        const bool fired = fake::mem::failure_fired();
-        fake::mem::fail_nth(0);
-        EXPECT_TRUE(code == RC_OK || code == RC_JSON_FAIL || code == RC_FAIL || code == RC_NO_MEMORY)
-            << nth << ": " << code;
-        fake::lan::release_held();
-        EXPECT_EQ(0u, fake::rfc::live()) << nth;
-        EXPECT_EQ(0u, fake::sem::live()) << nth;
-        EXPECT_EQ(0u, fake::mem::live_blocks()) << nth << "\n" << fake::mem::leak_report();
-        if (!fired) {
-            EXPECT_EQ(RC_OK, code);
-            EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", 1));
-            EXPECT_GT(nth, 5u);
-            break;
-        }
-    }
+    sweep_sync_report(1, [&] { return sf_stat_dp_report_sync("a1b2c3", "{\"1\":true}", "17", 5, TRUE); });
 }
 
 } // namespace
