@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "../dp_lookup.h"
+#include "../json_helpers.h"
 #include "../json_type.h"
 #include "../sf_log.h"
 #include "../smart_frame.h"
@@ -34,7 +35,7 @@ extern "C" BOOL_T sf_dp_data_is_equl(cJSON *dp_cmd)
         SF_LOG_ERR("can't find dps or child");
         return FALSE;
     }
-    const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev, std::atoi(member->string));
+    const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev, sf::member_dp_id(member));
     if (dp == nullptr) {
         SF_LOG_PROG("don't find dp:%s.", member->string);
         return FALSE;

@@ -14,6 +14,7 @@
 
 #include "../../services/mqtt_client.h"
 #include "../dp_lookup.h"
+#include "../json_helpers.h"
 #include "../report/block_send.h"
 #include "../report/report.h"
 #include "../sf_log.h"
@@ -104,8 +105,7 @@ extern "C" OPERATE_RET __sf_response_query_obj_dp(DEV_CNTL_N_S *dev_cntl, const 
         }
         char key[10];
         std::snprintf(key, sizeof key, "%d", id);
-        if (value == nullptr || !cJSON_AddItemToObject(answer.get(), key, value)) {
-            cJSON_Delete(value);
+        if (!sf::add_member(answer.get(), key, value)) {
             SF_LOG_ERR("add dp %d to answer fails", id);
             return RC_NO_MEMORY;
         }

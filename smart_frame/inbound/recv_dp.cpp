@@ -21,6 +21,7 @@
 #include "../../services/uni_memory.h"
 #include "../../services/uni_time.h"
 #include "../dp_lookup.h"
+#include "../json_helpers.h"
 #include "../json_type.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
@@ -30,11 +31,6 @@ namespace {
 
 /* Capacity of the list of unchanged DPs; a command with more equal DPs gets no echo. */
 constexpr size_t QUERY_DP_CAP = 64;
-
-INT_T member_dp_id(const cJSON *member)
-{
-    return member->string != nullptr ? std::atoi(member->string) : 0;
-}
 
 bool is_raw_text(const DP_CNTL_S *dp, const cJSON *member)
 {
@@ -129,9 +125,9 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
     sf::ScopedLock table_lock(get_gw_cntl()->dev_mutex); /* passive flags; no callback in this pass */
     for (cJSON *member = dps_js->child; member != nullptr;) {
         cJSON *next = member->next;
-        DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, member_dp_id(member));
+        DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, sf::member_dp_id(member));
         if (dp == nullptr) {
-            SF_LOG_ERR("DP ID %d Invalid", member_dp_id(member));
+            SF_LOG_ERR("DP ID %d Invalid", sf::member_dp_id(member));
             cJSON_Delete(cJSON_DetachItemViaPointer(dps_js, member));
             member = next;
             continue;
@@ -166,7 +162,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
     size_t valid_num = 0; /* object slots filled, also the next slot's index */
     size_t equal_num = 0;
     for (const cJSON *member = dps_js->child; member != nullptr; member = member->next) {
-        const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, member_dp_id(member));
+        const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, sf::member_dp_id(member));
         if (dp == nullptr) {
             continue; /* removed above; cannot happen */
         }
@@ -209,7 +205,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
         if (unchanged) {
             /* beyond the capacity recording stops; equal_num then stays below valid_num: no echo */
             if (equal_num < QUERY_DP_CAP) {
-                query_dp_id.get()[equal_num++] = static_cast<BYTE_T>(member_dp_id(member));
+                query_dp_id.get()[equal_num++] = static_cast<BYTE_T>(sf::member_dp_id(member));
             }
         }
     }

@@ -16,6 +16,7 @@
 #include "../../cloud_defs/gw_intf.h"
 #include "../../services/uni_time.h"
 #include "../frame_cntl.h"
+#include "../json_helpers.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "presence.h"
@@ -117,7 +118,7 @@ extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S 
 {
     /* 60 itself is accepted, although the message says "must >" */
     if (dev_id == nullptr || hb_timeout_time < MIN_HB_TIMEOUT_S) {
-        SF_LOG_ERR("dev_id is %s or hb_timeout_time[%d] must > %d", dev_id != nullptr ? dev_id : "(null)",
+        SF_LOG_ERR("dev_id is %s or hb_timeout_time[%d] must > %d", sf::log_text(dev_id),
                    static_cast<INT_T>(hb_timeout_time), static_cast<INT_T>(MIN_HB_TIMEOUT_S));
         return RC_BAD_PARAM;
     }

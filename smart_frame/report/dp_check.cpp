@@ -11,7 +11,7 @@
 #include "../json_type.h"
 #include "../sf_log.h"
 #include "report.h"
-#include "report_helpers.h"
+#include "../json_helpers.h"
 
 extern "C" OPERATE_RET __check_dp_type(DP_CNTL_S *dp_cntl, cJSON *p_dp_json, DEV_CNTL_N_S *dev_cntl,
                                        INT_T filter_type)

@@ -21,7 +21,7 @@
 #include "../sf_raii.h"
 #include "block_send.h"
 #include "report.h"
-#include "report_helpers.h"
+#include "../json_helpers.h"
 
 namespace {
 

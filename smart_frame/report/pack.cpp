@@ -13,7 +13,7 @@
 
 #include "../sf_log.h"
 #include "../sf_raii.h"
-#include "report_helpers.h"
+#include "../json_helpers.h"
 #include "report.h"
 
 namespace {

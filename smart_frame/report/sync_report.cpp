@@ -19,7 +19,7 @@
 #include "../../services/uni_semaphore.h"
 #include "../sf_log.h"
 #include "report.h"
-#include "report_helpers.h"
+#include "../json_helpers.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "../json_type.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
-#include "report_helpers.h"
+#include "../json_helpers.h"
 #include "report.h"
 
 namespace {

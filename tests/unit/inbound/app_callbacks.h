@@ -114,35 +114,31 @@ inline void install()
 }
 
 /* ---- values a DP is known to hold (pv_stat defaults to confirmed) ---- */
-inline void known_bool(const std::string &dev, BYTE_T id, BOOL_T v, DP_PV_STAT_E st = PV_STAT_CLOUD)
+inline DP_CNTL_S *known(const std::string &dev, BYTE_T id, DP_PV_STAT_E st)
 {
     DP_CNTL_S *dp = fake::registry::dp(dev, id);
-    dp->prop.prop_bool.value = v;
     dp->pv_stat = st;
+    return dp;
+}
+inline void known_bool(const std::string &dev, BYTE_T id, BOOL_T v, DP_PV_STAT_E st = PV_STAT_CLOUD)
+{
+    known(dev, id, st)->prop.prop_bool.value = v;
 }
 inline void known_value(const std::string &dev, BYTE_T id, INT_T v, DP_PV_STAT_E st = PV_STAT_CLOUD)
 {
-    DP_CNTL_S *dp = fake::registry::dp(dev, id);
-    dp->prop.prop_value.value = v;
-    dp->pv_stat = st;
+    known(dev, id, st)->prop.prop_value.value = v;
 }
 inline void known_str(const std::string &dev, BYTE_T id, const char *v, DP_PV_STAT_E st = PV_STAT_CLOUD)
 {
-    DP_CNTL_S *dp = fake::registry::dp(dev, id);
-    std::strcpy(dp->prop.prop_str.value, v);
-    dp->pv_stat = st;
+    std::strcpy(known(dev, id, st)->prop.prop_str.value, v);
 }
 inline void known_enum(const std::string &dev, BYTE_T id, INT_T v, DP_PV_STAT_E st = PV_STAT_CLOUD)
 {
-    DP_CNTL_S *dp = fake::registry::dp(dev, id);
-    dp->prop.prop_enum.value = v;
-    dp->pv_stat = st;
+    known(dev, id, st)->prop.prop_enum.value = v;
 }
 inline void known_bitmap(const std::string &dev, BYTE_T id, UINT_T v, DP_PV_STAT_E st = PV_STAT_CLOUD)
 {
-    DP_CNTL_S *dp = fake::registry::dp(dev, id);
-    dp->prop.prop_bitmap.value = v;
-    dp->pv_stat = st;
+    known(dev, id, st)->prop.prop_bitmap.value = v;
 }
 
 } // namespace app

@@ -1,15 +1,15 @@
 /*
- * Small helpers of the report road: DP object members (named by DP number
- * in decimal text) and texts that may be null in log lines.
+ * Small helpers shared by the module's areas: DP object members (named by
+ * DP number in decimal text) and texts that may be null in log lines.
  */
-#ifndef SF_REPORT_HELPERS_H
-#define SF_REPORT_HELPERS_H
+#ifndef SF_JSON_HELPERS_H
+#define SF_JSON_HELPERS_H
 
 #include <cjson/cJSON.h>
 
 #include <cstdlib>
 
-#include "../../cloud_defs/kelo_cloud_types.h"
+#include "../cloud_defs/kelo_cloud_types.h"
 
 namespace sf {
 
@@ -47,4 +47,4 @@ inline const char *log_text(const char *text)
 
 } // namespace sf
 
-#endif /* SF_REPORT_HELPERS_H */
+#endif /* SF_JSON_HELPERS_H */
