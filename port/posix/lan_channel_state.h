@@ -13,17 +13,18 @@
 #include <vector>
 
 #include "lan_session.h"
+#include "posix_tunables.h"
 
 namespace sf_lan {
 
 struct Settings {
     std::string bind_addr = "127.0.0.1";
     std::string local_key;
-    size_t max_clients = 8;
-    size_t max_queue_frames = 256;
-    size_t max_frame_bytes = 65536;
-    size_t max_frame_depth = 32;
-    std::chrono::milliseconds auth_timeout{5000};
+    size_t max_clients = SF_LAN_MAX_CLIENTS;
+    size_t max_queue_frames = SF_LAN_MAX_QUEUE_FRAMES;
+    size_t max_frame_bytes = SF_LAN_MAX_FRAME_BYTES;
+    size_t max_frame_depth = SF_LAN_MAX_FRAME_DEPTH;
+    std::chrono::milliseconds auth_timeout{SF_LAN_AUTH_TIMEOUT_MS};
 };
 
 // g_mutex guards g_sessions, each session's state and g_settings (set by

@@ -30,6 +30,7 @@
 #include "gw_registry.h"
 #include "lan_config.h"
 #include "lan_channel_state.h"
+#include "posix_tunables.h"
 
 namespace sf_lan {
 
@@ -43,8 +44,8 @@ using namespace sf_lan; // this file is part of the channel
 
 namespace {
 
-constexpr int POLL_TICK_MS = 100;
-constexpr size_t READ_CHUNK = 4096;
+constexpr int POLL_TICK_MS = SF_LAN_POLL_TICK_MS;
+constexpr size_t READ_CHUNK = SF_LAN_READ_CHUNK;
 
 struct Command {
     std::string peer;

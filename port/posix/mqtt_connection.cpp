@@ -38,6 +38,7 @@
 #include "channel_log.h"
 #include "gw_registry.h"
 #include "mqtt_client_state.h"
+#include "posix_tunables.h"
 
 namespace sf_mqtt {
 
@@ -52,12 +53,9 @@ using namespace sf_mqtt; // this file is part of the client
 
 namespace {
 
-constexpr auto EXPIRY_TICK = std::chrono::milliseconds(100);
-// mosquitto_loop's wait for the socket; a publication or a disconnect wakes it sooner.
-constexpr int LOOP_WAIT_MS = 1000;
-// After stop, how long the session may still run to get the offline status
-// and the DISCONNECT out to a broker that reads slowly.
-constexpr auto STOP_GRACE = std::chrono::seconds(2);
+constexpr auto EXPIRY_TICK = std::chrono::milliseconds(SF_MQTT_EXPIRY_TICK_MS);
+constexpr int LOOP_WAIT_MS = SF_MQTT_LOOP_WAIT_MS;
+constexpr auto STOP_GRACE = std::chrono::seconds(SF_MQTT_STOP_GRACE_S);
 
 constexpr char ONLINE_STATUS[] = "{\"online\":true}";
 constexpr char OFFLINE_STATUS[] = "{\"online\":false}";

@@ -5,12 +5,13 @@
 #include "../../cloud_defs/gw_intf.h"
 #include "channel_log.h"
 #include "mqtt_client_state.h"
+#include "posix_tunables.h"
 
 namespace sf_mqtt {
 
 namespace {
 
-constexpr size_t INBOUND_QUEUE_LIMIT = 64;
+constexpr size_t INBOUND_QUEUE_LIMIT = SF_MQTT_INBOUND_QUEUE_LIMIT;
 
 std::string or_default(const CHAR_T *text, const char *fallback)
 {
@@ -41,21 +42,21 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     client->cert_file = or_default(cfg->cert_file, "");
     client->key_file = or_default(cfg->key_file, "");
     client->tls_insecure = cfg->tls_insecure == TRUE;
-    client->keepalive_s = or_default(cfg->keepalive_s, 60);
-    client->reconnect_min_s = or_default(cfg->reconnect_min_s, 1);
-    client->reconnect_max_s = or_default(cfg->reconnect_max_s, 30);
+    client->keepalive_s = or_default(cfg->keepalive_s, SF_MQTT_KEEPALIVE_S);
+    client->reconnect_min_s = or_default(cfg->reconnect_min_s, SF_MQTT_RECONNECT_MIN_S);
+    client->reconnect_max_s = or_default(cfg->reconnect_max_s, SF_MQTT_RECONNECT_MAX_S);
     if (client->reconnect_max_s < client->reconnect_min_s) {
         client->reconnect_max_s = client->reconnect_min_s;
     }
-    client->default_timeout_s = or_default(cfg->default_timeout_s, 30);
-    client->max_inflight = or_default(cfg->max_inflight, 20);
+    client->default_timeout_s = or_default(cfg->default_timeout_s, SF_MQTT_PUBLISH_TIMEOUT_S);
+    client->max_inflight = or_default(cfg->max_inflight, SF_MQTT_MAX_INFLIGHT);
     const std::string base = or_default(cfg->topic_root, "sf") + "/" + client->gw_id + "/";
     client->up_topic = base + "up";
     client->cmd_prefix = base + "cmd/";
     client->cmd_filter = client->cmd_prefix + "+";
     client->status_topic = base + "status";
-    client->inbound = std::make_unique<InboundWorker>(or_default(cfg->max_inbound_bytes, 65536),
-                                                               or_default(cfg->max_inbound_depth, 32),
+    client->inbound = std::make_unique<InboundWorker>(or_default(cfg->max_inbound_bytes, SF_MQTT_MAX_INBOUND_BYTES),
+                                                               or_default(cfg->max_inbound_depth, SF_MQTT_MAX_INBOUND_DEPTH),
                                                                INBOUND_QUEUE_LIMIT);
     return true;
 }

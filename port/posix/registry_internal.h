@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "gw_registry.h"
+#include "posix_tunables.h"
 
 namespace gw_registry {
 namespace detail {
@@ -78,7 +79,7 @@ struct Store {
     DEV_CNTL_N_S *tail = nullptr; /* last node of the list; under dev_mutex */
     std::string local_key;
     bool loaded = false;
-    std::chrono::milliseconds grace{60000};
+    std::chrono::milliseconds grace{SF_REGISTRY_RETIRE_GRACE_MS};
 };
 
 /* The one store, its dev_mutex created on first use; never destroyed. */
