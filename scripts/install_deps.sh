@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   libmosquitto-dev mosquitto
+  libsqlite3-dev sqlite3
   clang libclang-rt-14-dev
 )
 

@@ -8,6 +8,7 @@
 #include "port/posix/lan_config.h"
 #include "port/posix/mqtt_config.h"
 #include "port/posix/posix_runtime.h"
+#include "port/posix/state_store.h"
 #include "smart_frame/smart_frame.h"
 
 namespace sfgw {
@@ -35,6 +36,10 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
         return false;
     }
     registry_loaded_ = true;
+    if (!options_.no_state) {
+        /* the stored values before anything reports; a bad store is logged there and the gateway runs on */
+        sf_state::start({options_.state_file, std::chrono::milliseconds(options_.state_interval_ms)});
+    }
 
     const apps::Topics topics{mqtt_.topic_root, description_.gateway_id};
     sim_ = std::make_unique<Simulator>(description_, [this](const std::string &json) { link_.publish(json); });
@@ -92,7 +97,7 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     if (!link_.start(mqtt_, topics, [this](const std::string &payload) { sim_->control(payload); }, why)) {
         return false;
     }
-    if (!wait_for_broker(stop_signals, interrupted, why)) {
+    if (options_.connect_timeout_s > 0 && !wait_for_broker(stop_signals, interrupted, why)) {
         return false;
     }
     sim_->start();
@@ -143,6 +148,7 @@ void Gateway::stop()
         frame_started_ = false;
     }
     if (registry_loaded_) {
+        sf_state::stop(); /* nothing reports any more: the last values are written */
         install_app_callbacks(nullptr, nullptr);
         gw_registry::unload();
         registry_loaded_ = false;

@@ -24,9 +24,10 @@ public:
     ~Gateway();
 
     /*
-     * Start everything and wait until the broker accepted the gateway.
-     * false with *why when a part cannot start or the broker is not reached
-     * within the connect time-out; what was started is stopped again.
+     * Start everything. The broker is not waited for (the MQTT client keeps
+     * trying it) unless a connect time-out is set: then false when it is not
+     * reached in time. false with *why when a part cannot start; what was
+     * started is stopped again.
      * stop_signals: the signals to watch while waiting (blocked in every thread).
      */
     bool start(const sigset_t &stop_signals, bool *interrupted, std::string *why);

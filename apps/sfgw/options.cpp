@@ -33,12 +33,17 @@ const char *usage_text()
            "  --no-lan                do not open the LAN channel\n"
            "  --log-level LEVEL       0..5 or error, warn, notice, info, progress, detail\n"
            "                          (default: $SF_LOG_LEVEL, else progress)\n"
-           "  --connect-timeout SEC   give up when the broker is not reached in time (default 10)\n"
+           "  --connect-timeout SEC   exit 1 when the broker is not reached in SEC seconds at start\n"
+           "                          (default: start without it and keep trying, with back-off)\n"
+           "  --state FILE            DP values and publish states kept across restarts\n"
+           "                          (default /var/lib/sfgw/state.db; see docs/state.md)\n"
+           "  --no-state              keep no state: start from the description every time\n"
+           "  --state-interval MS     milliseconds between two writes of the state file (default 200)\n"
            "  --check                 check the description and exit\n"
            "  -h, --help              this text\n"
            "\n"
            "Exit status: 0 after a clean shutdown, 1 when the gateway could not run\n"
-           "(broker unreachable, port taken), 2 for a bad command line or description.\n";
+           "(broker unreachable within --connect-timeout, port taken), 2 for a bad command line or description.\n";
 }
 
 bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why)
@@ -57,6 +62,21 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
         };
         if (arg == "-h" || arg == "--help") {
             out->help = true;
+        } else if (arg == "--no-state") {
+            out->no_state = true;
+        } else if (arg == "--state") {
+            if (!need_value("a file name")) {
+                return false;
+            }
+            out->state_file = value;
+        } else if (arg == "--state-interval") {
+            if (!need_value("milliseconds")) {
+                return false;
+            }
+            if (!apps::parse_int(value, 20, 60000, &out->state_interval_ms)) {
+                *why = arg + ": expected milliseconds (20..60000), got " + value;
+                return false;
+            }
         } else if (arg == "--check") {
             out->check_only = true;
         } else if (arg == "--no-lan") {

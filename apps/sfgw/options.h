@@ -14,7 +14,10 @@ struct Options {
     int lan_port = -1;     /* -1: from the description; 0: any free port */
     bool no_lan = false;
     int log_level = -1;    /* -1: SF_LOG_LEVEL or the runtime's default */
-    int connect_timeout_s = 10;
+    int connect_timeout_s = 0; /* 0: start without waiting for the broker, keep trying it */
+    std::string state_file = "/var/lib/sfgw/state.db";
+    bool no_state = false;
+    int state_interval_ms = 200; /* SF_STATE_WRITE_INTERVAL_MS */
     bool check_only = false;
     bool help = false;
 };

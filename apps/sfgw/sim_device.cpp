@@ -89,14 +89,22 @@ std::string SimDevice::report_of(const std::vector<int> &dpids) const
     return values.empty() ? "" : report_text(values);
 }
 
+void SimDevice::restore(const DpValues &values)
+{
+    for (const auto &value : values) {
+        values_[value.first] = value.second;
+        restored_.push_back(value.first);
+    }
+}
+
 std::string SimDevice::initial_report()
 {
+    std::vector<int> dpids = restored_;
     for (const auto &value : sim_.initial) {
-        values_[value.first] = value.second;
-    }
-    std::vector<int> dpids;
-    for (const auto &value : sim_.initial) {
-        dpids.push_back(value.first);
+        if (std::find(restored_.begin(), restored_.end(), value.first) == restored_.end()) {
+            values_[value.first] = value.second;
+            dpids.push_back(value.first);
+        }
     }
     return dpids.empty() ? "" : report_of(dpids);
 }

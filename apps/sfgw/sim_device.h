@@ -43,7 +43,16 @@ public:
     /* The report text of the given DPs, or of every reportable object DP when dpids is empty. */
     std::string report_of(const std::vector<int> &dpids) const;
 
-    /* The start-up values as a report text ("" when the device has none). */
+    /*
+     * The state the device kept while the gateway was down (restored
+     * values, JSON): it wins over the description's start-up values.
+     */
+    void restore(const DpValues &values);
+
+    /*
+     * The start-up report: the description's start-up values and the
+     * restored ones, "" when the device has neither.
+     */
     std::string initial_report();
 
     /* One drift step of the drifting DP; its report text, "" when it did not move. */
@@ -67,6 +76,7 @@ private:
     int drift_direction_ = 1;
     std::map<int, std::string> values_;
     std::map<int, std::vector<unsigned char>> raw_;
+    std::vector<int> restored_;
 };
 
 /* {"1":true,"21":"colour"} from pairs, in the order given. */

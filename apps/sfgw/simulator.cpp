@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "app_log.h"
+#include "restored_state.h"
 #include "smart_frame/smart_frame.h"
 
 namespace sfgw {
@@ -53,6 +54,7 @@ void Simulator::start()
         if (sim.has_raw_sample) {
             timers_.push_back({now + std::chrono::seconds(sim.raw_sample.every_s), i, Timer::RAW_SAMPLE});
         }
+        device.restore(restored_values(device.schema()));
         const std::string initial = device.initial_report();
         if (!initial.empty()) {
             report(device, initial, true);

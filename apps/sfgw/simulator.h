@@ -33,7 +33,11 @@ public:
     Simulator(const Simulator &) = delete;
     Simulator &operator=(const Simulator &) = delete;
 
-    /* Set heartbeat time-outs, send the first heartbeats and the initial reports, start the thread. */
+    /*
+     * Set heartbeat time-outs, send the first heartbeats and the start-up
+     * reports (of the restored state where the store kept one, else of the
+     * description's start-up values), start the thread.
+     */
     void start();
     /* Stop and join the thread; queued work is dropped. Idempotent. */
     void stop();

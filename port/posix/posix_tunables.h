@@ -118,4 +118,31 @@
 #define SF_REGISTRY_RETIRE_GRACE_MS 60000
 #endif
 
+/* ---- DP state store (state_*.cpp) ---- */
+
+/*
+ * Milliseconds between two writes of the changed DP values to the state
+ * file [20..60000]. A process crash loses at most the changes of the last
+ * interval; a shorter interval writes more, smaller transactions (each one
+ * costs an fsync and at least one page of WAL).
+ */
+#ifndef SF_STATE_WRITE_INTERVAL_MS
+#define SF_STATE_WRITE_INTERVAL_MS 200
+#endif
+
+/*
+ * Page size in bytes of a new state file [512..65536, a power of two]. A
+ * transaction writes every page it touched once more to the WAL: small
+ * pages keep the bytes written per change small (one row is about 60
+ * bytes), at the price of a deeper tree for very large gateways.
+ */
+#ifndef SF_STATE_PAGE_SIZE
+#define SF_STATE_PAGE_SIZE 1024
+#endif
+
+/* Milliseconds a write waits for another connection holding the file (a reader such as the sqlite3 shell). */
+#ifndef SF_STATE_BUSY_TIMEOUT_MS
+#define SF_STATE_BUSY_TIMEOUT_MS 1000
+#endif
+
 #endif /* SF_POSIX_TUNABLES_H */

@@ -8,6 +8,7 @@
 #include "../../services/uni_mutex.h"
 #include "../../smart_frame/dp_lookup.h" /* the one DP search, shared with the module */
 #include "registry_internal.h"
+#include "state_hook.h"
 
 using gw_registry::detail::Store;
 
@@ -36,13 +37,16 @@ extern "C" DEV_CNTL_N_S *get_dev_cntl_unlock(const CHAR_T *id)
 {
     Store &s = gw_registry::detail::store();
     std::lock_guard<std::mutex> guard(s.index_lock);
-    return gw_registry::detail::find_locked(s, id);
+    DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, id);
+    sf_state_touch(node); /* the module may change its DP table now: the state writer looks at it */
+    return node;
 }
 
 extern "C" DEV_CNTL_N_S *get_gw_dev_cntl(void)
 {
     Store &s = gw_registry::detail::store();
     std::lock_guard<std::mutex> guard(s.index_lock);
+    sf_state_touch(s.own_node);
     return s.own_node;
 }
 

@@ -1,0 +1,155 @@
+/*
+ * The state store's writer thread and the marks it works from
+ * (state_writer.h, state_hook.h).
+ */
+#include "state_writer.h"
+
+#include <vector>
+
+#include "state_hook.h"
+#include "state_log.h"
+
+namespace sf_state {
+
+namespace {
+
+std::atomic<bool> g_marking{false};
+std::mutex g_marks_mutex; /* a leaf lock: nothing is called while it is held */
+Marks g_marks;
+
+long long now_ms()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+Marks take_marks()
+{
+    Marks taken;
+    std::lock_guard<std::mutex> hold(g_marks_mutex);
+    taken.swap(g_marks);
+    return taken;
+}
+
+} // namespace
+
+Writer::Writer(std::unique_ptr<Db> db, std::chrono::milliseconds interval) : db_(std::move(db)), interval_(interval) {}
+
+Writer::~Writer() { stop(); }
+
+void Writer::start()
+{
+    std::vector<Row> rows;
+    copy_rows(nullptr, now_ms(), &rows);
+    for (Row &row : rows) {
+        Key key(row.dev, row.dpid);
+        written_[key] = std::move(row);
+    }
+    g_marking = true;
+    thread_ = std::thread([this] { run(); });
+}
+
+void Writer::stop()
+{
+    if (!thread_.joinable()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(wait_mutex_);
+        stopping_ = true;
+    }
+    wake_.notify_all();
+    thread_.join();
+    g_marking = false;
+    take_marks();
+    pass(true);
+    if (!pending_.empty()) {
+        ST_LOG_ERR("state: %zu changed values could not be written to %s before the stop", pending_.size(),
+                   db_->path().c_str());
+    }
+    std::lock_guard<std::mutex> hold(db_mutex_);
+    db_->close();
+}
+
+int Writer::exec(const std::string &sql)
+{
+    std::lock_guard<std::mutex> hold(db_mutex_);
+    return db_->is_open() ? db_->exec(sql) : -1;
+}
+
+void Writer::run()
+{
+    std::unique_lock<std::mutex> hold(wait_mutex_);
+    while (!wake_.wait_for(hold, interval_, [this] { return stopping_; })) {
+        hold.unlock();
+        pass(false);
+        hold.lock();
+    }
+}
+
+void Writer::pass(bool everything)
+{
+    Marks current = everything ? Marks() : take_marks();
+    Marks both = current;
+    both.insert(previous_.begin(), previous_.end());
+    previous_ = std::move(current);
+    if (everything || !both.empty()) {
+        std::vector<Row> rows;
+        copy_rows(everything ? nullptr : &both, now_ms(), &rows);
+        for (Row &row : rows) {
+            Key key(row.dev, row.dpid);
+            const auto known = written_.find(key);
+            if (known != written_.end() && known->second.same_as(row)) {
+                pending_.erase(key);
+            } else {
+                pending_[key] = std::move(row);
+            }
+        }
+    }
+    if (!pending_.empty()) {
+        write_pending();
+    }
+    passes_.fetch_add(1);
+}
+
+void Writer::write_pending()
+{
+    std::vector<Row> rows;
+    rows.reserve(pending_.size());
+    for (const auto &entry : pending_) {
+        rows.push_back(entry.second);
+    }
+    std::string why;
+    int rc;
+    {
+        std::lock_guard<std::mutex> hold(db_mutex_);
+        rc = db_->write(rows, {}, &why);
+    }
+    if (rc != 0) {
+        if (!failing_) {
+            ST_LOG_ERR("state: writing %s failed (%s): the values stay in memory, retried every %lld ms",
+                       db_->path().c_str(), why.c_str(), static_cast<long long>(interval_.count()));
+            failing_ = true;
+        }
+        return;
+    }
+    if (failing_) {
+        ST_LOG_NOTICE("state: writing %s works again (%zu values written)", db_->path().c_str(), rows.size());
+        failing_ = false;
+    }
+    for (auto &entry : pending_) {
+        written_[entry.first] = std::move(entry.second);
+    }
+    pending_.clear();
+}
+
+} // namespace sf_state
+
+extern "C" void sf_state_touch(const DEV_CNTL_N_S *node)
+{
+    if (node == nullptr || !sf_state::g_marking.load(std::memory_order_relaxed)) {
+        return;
+    }
+    std::lock_guard<std::mutex> hold(sf_state::g_marks_mutex);
+    sf_state::g_marks.insert(node);
+}
