@@ -64,11 +64,13 @@ broker_stop() {
 }
 
 # gateway_start DIR SFGW DESCRIPTION MQTT_PORT LAN_PORT [LEVEL]: the daemon in
-# the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log; waits until it is up.
+# the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log (appended: a
+# restart keeps the story); waits until it is up. Its state file is
+# $SFGW_STATE, else DIR/state.db.
 gateway_start() {
   local dir=$1 sfgw=$2 description=$3 mqtt_port=$4 lan_port=$5 level=${6:-info}
   "$sfgw" "$description" --mqtt-port "$mqtt_port" --lan-port "$lan_port" --log-level "$level" \
-    >"$dir/sfgw.out" 2>"$dir/sfgw.log" &
+    --state "${SFGW_STATE:-$dir/state.db}" >"$dir/sfgw.out" 2>>"$dir/sfgw.log" &
   echo $! >"$dir/sfgw.pid"
   local deadline=$((SECONDS + 30))
   while ((SECONDS < deadline)); do
@@ -82,6 +84,15 @@ gateway_start() {
   done
   echo "sfgw did not come up within 30 s (see $dir/sfgw.log)" >&2
   return 1
+}
+
+# gateway_kill DIR: SIGKILL, as a crash or a watchdog would; waits until it is gone.
+gateway_kill() {
+  local dir=$1 pid
+  pid=$(cat "$dir/sfgw.pid" 2>/dev/null) || return 0
+  kill -KILL "$pid" 2>/dev/null || true
+  wait "$pid" 2>/dev/null || true
+  rm -f "$dir/sfgw.pid"
 }
 
 # gateway_stop DIR: SIGTERM; returns the daemon's exit status (0 after a clean shutdown).
