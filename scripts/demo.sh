@@ -6,4 +6,6 @@ here=$(cd "$(dirname "$0")" && pwd)
 "$here/install_deps.sh"
 echo "building sfgw and sfcloud (Release) ..."
 bin=$("$here/build_apps.sh")
+# the gateway's state file under the build tree; the scenario starts it afresh
+export SFGW_STATE="$(dirname "$bin")/demo-state.db"
 exec "$here/demo_scenario.sh" "$bin" "$@"

@@ -32,6 +32,9 @@ port_or_free() { if (exec 3<>/dev/tcp/127.0.0.1/"$1") 2>/dev/null; then free_por
 mqtt_port=$(port_or_free 1883)
 lan_port=$(port_or_free 6668)
 broker_start "$state" "$mqtt_port"
+# kept across runs (build/state): the devices come back as they were left
+mkdir -p "$root/build/state"
+export SFGW_STATE="$root/build/state/sfgw.db"
 gateway_start "$state" "$bin/sfgw" "$root/examples/gateway.json" "$mqtt_port" "$lan_port" info
 
 rel=${bin#"$root"/}
@@ -39,8 +42,9 @@ cloud="$rel/sfcloud --port $mqtt_port"
 cat <<EOT
 
 The broker listens on 127.0.0.1:$mqtt_port, the gateway gw0001 runs with
-four simulated sub-devices (log: build/run/sfgw.log), its LAN channel on
-127.0.0.1:$lan_port. From the top of the clone:
+four simulated sub-devices (log: build/run/sfgw.log, state file
+build/state/sfgw.db), its LAN channel on 127.0.0.1:$lan_port. From the top
+of the clone:
 
   $cloud watch --table                 # live table of values and presence
   $cloud set plug01 switch=on          # a command; the plug reports back

@@ -86,6 +86,17 @@ gateway_start() {
   return 1
 }
 
+# state_holds FILE SQL VALUE [SECONDS]: wait up to SECONDS (10) until the
+# gateway's state file answers SQL with VALUE (the writer writes every 200 ms).
+state_holds() {
+  local file=$1 sql=$2 want=$3 deadline=$((SECONDS + ${4:-10}))
+  while ((SECONDS < deadline)); do
+    if [ "$(sqlite3 -batch "$file" "$sql" 2>/dev/null)" = "$want" ]; then return 0; fi
+    sleep 0.2
+  done
+  return 1
+}
+
 # gateway_kill DIR: SIGKILL, as a crash or a watchdog would; waits until it is gone.
 gateway_kill() {
   local dir=$1 pid

@@ -31,6 +31,31 @@ TEST(GatewayOptions, BadCommandLinesAreRefusedWithAReason)
     EXPECT_EQ("--connect-timeout: expected seconds", why);
 }
 
+TEST(GatewayOptions, TheStateFileHasAGatewayDefaultAndCanBeChangedOrLeftOut)
+{
+    sfgw::Options o;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"gw.json"}, &o, &why)) << why;
+    EXPECT_EQ("/var/lib/sfgw/state.db", o.state_file);
+    EXPECT_FALSE(o.no_state);
+    EXPECT_EQ(200, o.state_interval_ms);
+    EXPECT_EQ(0, o.connect_timeout_s); /* no waiting for the broker unless asked */
+    EXPECT_NE(std::string::npos, std::string(sfgw::usage_text()).find("(default /var/lib/sfgw/state.db;"));
+    sfgw::Options o2;
+    ASSERT_TRUE(sfgw::parse_options({"--state", "/tmp/s.db", "--state-interval", "50", "gw.json", "--no-state"}, &o2,
+                                    &why))
+        << why;
+    EXPECT_EQ("/tmp/s.db", o2.state_file);
+    EXPECT_EQ(50, o2.state_interval_ms);
+    EXPECT_TRUE(o2.no_state);
+    sfgw::Options o3;
+    EXPECT_FALSE(sfgw::parse_options({"--state-interval", "5", "gw.json"}, &o3, &why));
+    EXPECT_EQ("--state-interval: expected milliseconds (20..60000), got 5", why);
+    sfgw::Options o4;
+    EXPECT_FALSE(sfgw::parse_options({"gw.json", "--state"}, &o4, &why));
+    EXPECT_EQ("--state: expected a file name", why);
+}
+
 TEST(GatewayOptions, LogLevelsAreNumbersOrNames)
 {
     EXPECT_EQ(0, sfgw::parse_log_level("error"));

@@ -29,6 +29,16 @@ TEST(SimDevice, StartsFromDefaultsAndReportsItsInitialValues)
     EXPECT_EQ("210", device.value_of(2));
 }
 
+TEST(SimDevice, RestoredStateWinsOverTheStartUpValuesAndIsReportedAtStart)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    device.restore({{2, "300"}, {4, "\"eco\""}});
+    /* the set point kept while the gateway was down, not the description's 210; "now" has no stored value */
+    EXPECT_EQ("{\"2\":300,\"3\":180,\"4\":\"eco\"}", device.initial_report());
+    EXPECT_EQ("300", device.value_of(2));
+    EXPECT_EQ("\"eco\"", device.value_of(4));
+}
+
 TEST(SimDevice, ACommandChangesTheDeviceWhichReportsWhatItReports)
 {
     sfgw::SimDevice device(thermostat(), false);
