@@ -14,6 +14,11 @@
  * first runs the module's completion (publish state and flow control) and
  * then takes the time. Reports rotate over 64 sub-devices with a fresh
  * value every time, 4 value DPs each, so nothing is dropped as unchanged.
+ *
+ * Each window runs with the DP state store off and on (store:0/1, a
+ * state file next to this program, docs/state.md), so the store's cost
+ * reads side by side. BM_StateWriteVolume reports at a steady rate and
+ * counts what the process wrote (/proc/self/io) per report.
  */
 #include <benchmark/benchmark.h>
 
@@ -21,6 +26,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <unistd.h>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -30,6 +36,7 @@
 #include <vector>
 
 #include "port/posix/mqtt_config.h"
+#include "port/posix/state_store.h"
 #include "services/mqtt_client.h"
 #include "smart_frame/smart_frame.h"
 #include "support/bench_gateway.h"
@@ -129,12 +136,78 @@ bool start_once(std::string *why)
     return true;
 }
 
+/* The state file next to this program, started afresh by the first benchmark that uses it. */
+std::string state_file()
+{
+    static const std::string file = [] {
+        char exe[4096] = {};
+        const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+        std::string dir = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string("./x");
+        dir = dir.substr(0, dir.rfind('/'));
+        const std::string path = dir + "/bench-state.db";
+        for (const char *suffix : {"", "-wal", "-shm"}) {
+            std::remove((path + suffix).c_str());
+        }
+        return path;
+    }();
+    return file;
+}
+
+/* A counter of /proc/self/io ("wchar": bytes handed to write(); "write_bytes": bytes sent to the disk). */
+long long proc_io(const std::string &name)
+{
+    std::ifstream io("/proc/self/io");
+    std::string key;
+    long long value = 0;
+    while (io >> key >> value) {
+        if (key == name + ":") {
+            return value;
+        }
+    }
+    return -1;
+}
+
+/* The store on for one benchmark run, off again at its end. */
+class StoreFor {
+public:
+    explicit StoreFor(bool on) : on_(on)
+    {
+        if (on_) {
+            on_ = sf_state::start({state_file(), std::chrono::milliseconds(SF_STATE_WRITE_INTERVAL_MS)});
+        }
+    }
+    ~StoreFor()
+    {
+        if (on_) {
+            sf_state::stop();
+        }
+    }
+    bool on() const { return on_; }
+
+private:
+    bool on_;
+};
+
 std::string report_text(uint64_t n)
 {
     const long long v = static_cast<long long>(n % 900000);
     char text[96];
     std::snprintf(text, sizeof text, "{\"2\":%lld,\"5\":%lld,\"6\":%lld,\"7\":%lld}", v, v + 1, v + 2, v + 3);
     return text;
+}
+
+/* Take a free slot (waiting while the window is full) and report text for the n-th sub-device. */
+bool report_in_slot(uint64_t n, const std::string &text)
+{
+    {
+        std::unique_lock<std::mutex> hold(g_lock);
+        g_done.wait(hold, [] { return !g_free_slots.empty(); });
+        t_slot = g_free_slots.back();
+        g_free_slots.pop_back();
+    }
+    const std::string id = bench::sub_id(static_cast<int>(n % DEVICES));
+    g_slots[t_slot].start = Clock::now();
+    return sf_obj_dp_report_async(id.c_str(), text.c_str(), FALSE) == RC_OK;
 }
 
 /* range(0): reports in flight at most. Each iteration is 2,000 reports, all completed. */
@@ -146,6 +219,11 @@ void BM_ConfirmedReports(benchmark::State &state)
         return;
     }
     const size_t window = static_cast<size_t>(state.range(0));
+    const StoreFor store(state.range(1) != 0);
+    if (state.range(1) != 0 && !store.on()) {
+        state.SkipWithError("the state store did not start");
+        return;
+    }
     constexpr uint64_t PER_ITERATION = 2000;
     static uint64_t next_value = 1;
     {
@@ -162,17 +240,8 @@ void BM_ConfirmedReports(benchmark::State &state)
         const uint64_t target = g_completed + PER_ITERATION;
         const auto start = Clock::now();
         for (uint64_t i = 0; i < PER_ITERATION; ++i) {
-            {
-                std::unique_lock<std::mutex> hold(g_lock);
-                g_done.wait(hold, [] { return !g_free_slots.empty(); });
-                t_slot = g_free_slots.back();
-                g_free_slots.pop_back();
-            }
             const uint64_t n = next_value++;
-            const std::string id = bench::sub_id(static_cast<int>(n % DEVICES));
-            const std::string text = report_text(n / DEVICES);
-            g_slots[t_slot].start = Clock::now();
-            if (sf_obj_dp_report_async(id.c_str(), text.c_str(), FALSE) != RC_OK) {
+            if (!report_in_slot(n, report_text(n / DEVICES))) {
                 state.SkipWithError("a report was refused");
                 return;
             }
@@ -197,6 +266,58 @@ void BM_ConfirmedReports(benchmark::State &state)
     }
 }
 
+/*
+ * A steady rate as a gateway sees it: range(0) reports per second, each of
+ * one DP of the next sub-device, for 10 s, with the store on. Counters:
+ * bytes handed to write() and bytes sent to the disk, per report.
+ */
+void BM_StateWriteVolume(benchmark::State &state)
+{
+    std::string why;
+    if (!start_once(&why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(g_lock);
+        g_free_slots.clear();
+        for (size_t i = 0; i < MAX_WINDOW; ++i) {
+            g_free_slots.push_back(i);
+        }
+    }
+    const StoreFor store(true);
+    if (!store.on()) {
+        state.SkipWithError("the state store did not start");
+        return;
+    }
+    const int rate = static_cast<int>(state.range(0));
+    constexpr int SECONDS = 10;
+    static uint64_t next_value = 1000000;
+    long long wchar = 0;
+    long long disk = 0;
+    int reports = 0;
+    for (auto _ : state) {
+        const long long wchar_before = proc_io("wchar");
+        const long long disk_before = proc_io("write_bytes");
+        const auto start = Clock::now();
+        for (int i = 0; i < rate * SECONDS; ++i) {
+            std::this_thread::sleep_until(start + std::chrono::microseconds(1000000LL * i / rate));
+            const uint64_t n = next_value++;
+            if (!report_in_slot(n, "{\"2\":" + std::to_string(n % 900000) + "}")) {
+                state.SkipWithError("a report was refused");
+                return;
+            }
+            ++reports;
+        }
+        /* one interval more, so the last reports' rows are counted too */
+        std::this_thread::sleep_for(std::chrono::milliseconds(2 * SF_STATE_WRITE_INTERVAL_MS));
+        wchar += proc_io("wchar") - wchar_before;
+        disk += proc_io("write_bytes") - disk_before;
+    }
+    state.counters["write_bytes_per_report"] = static_cast<double>(wchar) / reports;
+    state.counters["disk_bytes_per_report"] = static_cast<double>(disk) / reports;
+}
+
 } // namespace
 
 extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
@@ -208,6 +329,11 @@ extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T t
     return __real_mqc_dp_report_async(rfc_data, to_lmt_s, completion, &slot);
 }
 
-BENCHMARK(BM_ConfirmedReports)->ArgName("window")->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ConfirmedReports)
+    ->ArgNames({"window", "store"})
+    ->ArgsProduct({{1, 8, 64}, {0, 1}})
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StateWriteVolume)->ArgName("reports_per_s")->Arg(50)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

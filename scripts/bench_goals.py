@@ -63,5 +63,16 @@ e2e = medians("sf_bench_e2e")
 if e2e:
     best = max(b["reports_per_s"] for b in e2e.values())
     check("confirmed reports per second (best window)", best, 20000, at_most=False)
+    # the DP state store on against off, best window of each, in the same run
+    best_of = lambda store: max(b["reports_per_s"] for name, b in e2e.items() if f"/store:{store}/" in name)
+    if any("/store:1/" in name for name in e2e):
+        check("throughput lost to the state store (best window)", 100.0 * (1 - best_of(1) / best_of(0)), 10,
+              unit=" %")
+    with open(os.path.join(results, "sf_bench_e2e.json")) as f:
+        for b in json.load(f)["benchmarks"]:
+            if b["name"].startswith("BM_StateWriteVolume"):
+                print(f"info state file at {b['name'].split(':')[1].split('/')[0]} reports/s: "
+                      f"{b['write_bytes_per_report']:,.0f} bytes written, "
+                      f"{b['disk_bytes_per_report']:,.0f} bytes to the disk per report")
 
 sys.exit(1 if failures else 0)
