@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev
   libmosquitto-dev mosquitto
+  python3 python3-paho-mqtt
   clang libclang-rt-14-dev
 )
 

@@ -35,6 +35,8 @@ const char *usage_text()
            "                          (default: $SF_LOG_LEVEL, else progress)\n"
            "  --connect-timeout SEC   give up when the broker is not reached in time (default 10)\n"
            "  --check                 check the description and exit\n"
+           "  --lenient-commands      hand commands to the smart frame unchecked (no refusal answers,\n"
+           "                          see docs/wire-protocol.md, \"Refused commands\")\n"
            "  -h, --help              this text\n"
            "\n"
            "Exit status: 0 after a clean shutdown, 1 when the gateway could not run\n"
@@ -59,6 +61,8 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             out->help = true;
         } else if (arg == "--check") {
             out->check_only = true;
+        } else if (arg == "--lenient-commands") {
+            out->lenient_commands = true;
         } else if (arg == "--no-lan") {
             out->no_lan = true;
         } else if (arg == "--mqtt-host") {

@@ -16,6 +16,7 @@ struct Options {
     int log_level = -1;    /* -1: SF_LOG_LEVEL or the runtime's default */
     int connect_timeout_s = 10;
     bool check_only = false;
+    bool lenient_commands = false; /* --lenient-commands: no edge check of inbound commands */
     bool help = false;
 };
 
