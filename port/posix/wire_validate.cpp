@@ -9,6 +9,7 @@
 
 #include <strings.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <vector>
@@ -19,6 +20,16 @@
 #include "../../smart_frame/inbound/member_oper.h"
 #include "../../cloud_defs/gw_intf.h"
 #include "wire_json.h"
+
+namespace {
+
+std::atomic<bool> g_checks{true};
+
+} // namespace
+
+extern "C" void wire_set_command_checks(BOOL_T on) { g_checks.store(on != FALSE); }
+
+extern "C" BOOL_T wire_command_checks(void) { return g_checks.load() ? TRUE : FALSE; }
 
 namespace sf_wire {
 
@@ -381,7 +392,42 @@ bool check_query(const cJSON *doc, Refusal *why)
     return true;
 }
 
+std::string quoted(const std::string &text) { return sf_wire::quote(text.data(), text.size()); }
+
+/* The command's own "sn" (a number or a string) or "mbid" (a string), printed; "" when absent. */
+std::string echoed(const cJSON *doc, const char *key, bool numbers_too)
+{
+    const cJSON *item = cJSON_IsObject(doc) ? cJSON_GetObjectItemCaseSensitive(doc, key) : nullptr;
+    if (!cJSON_IsString(item) && !(numbers_too && cJSON_IsNumber(item))) {
+        return "";
+    }
+    char *text = cJSON_PrintUnformatted(item);
+    std::string out = text != nullptr ? text : "";
+    cJSON_free(text);
+    return out;
+}
+
 } // namespace
+
+std::string refusal_text(CmdKind kind, const cJSON *doc, const Refusal &why)
+{
+    std::string out = std::string("{\"cmd\":") + quoted(cmd_kind_name(kind));
+    const std::string sn = echoed(doc, "sn", true);
+    const std::string mbid = echoed(doc, "mbid", false);
+    if (!sn.empty()) {
+        out += ",\"sn\":" + sn;
+    }
+    if (!mbid.empty()) {
+        out += ",\"mbid\":" + mbid;
+    }
+    if (!why.dev_json.empty()) {
+        out += ",\"devId\":" + why.dev_json;
+    }
+    if (!why.dp.empty()) {
+        out += ",\"dp\":" + quoted(why.dp);
+    }
+    return out + ",\"code\":" + quoted(why.code) + ",\"reason\":" + quoted(why.text) + "}";
+}
 
 bool validate_command(CmdKind kind, const cJSON *doc, Refusal *why)
 {
