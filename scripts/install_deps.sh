@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev
   libmosquitto-dev mosquitto
   libsqlite3-dev sqlite3
+  python3 python3-paho-mqtt
   clang libclang-rt-14-dev
 )
 
@@ -27,5 +28,7 @@ fi
 echo "installing: ${missing[*]}"
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-$SUDO apt-get update -qq
+# A mirror that is mid-sync can fail one index (often a foreign architecture's);
+# the install below still finds what it needs in the rest, and fails loudly if not.
+$SUDO apt-get update -qq || echo "apt-get update reported errors; trying the install anyway" >&2
 DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -71,14 +71,34 @@ void on_query(const KL_DP_QUERY_S *query)
     }
 }
 
+/*
+ * Whether dev_id names a device behind this gateway. A group or scene step
+ * for any other id fails with RC_DEV_NOT_FOUND, so the per-device results
+ * of the answer tell the cloud which ids took part.
+ */
+bool known_device(const CHAR_T *dev_id, const char *what)
+{
+    if (dev_id != nullptr && g_description != nullptr && g_description->find(dev_id) != nullptr) {
+        return true;
+    }
+    APP_NOTICE("%s: no device %s behind this gateway", what, dev_id != nullptr ? dev_id : "(null)");
+    return false;
+}
+
 OPERATE_RET on_group(const GRP_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id)
 {
+    if (!known_device(dev_id, "group")) {
+        return RC_DEV_NOT_FOUND;
+    }
     APP_INFO("%s %s group %s", dev_id, action == GRP_ADD ? "joins" : "leaves", grp_id);
     return RC_OK;
 }
 
 OPERATE_RET on_scene(const SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id, const CHAR_T *sce_id)
 {
+    if (!known_device(dev_id, "scene")) {
+        return RC_DEV_NOT_FOUND;
+    }
     APP_INFO("%s: scene %s of group %s, action %d", dev_id, sce_id, grp_id, action);
     return RC_OK;
 }

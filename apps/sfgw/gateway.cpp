@@ -9,6 +9,7 @@
 #include "port/posix/mqtt_config.h"
 #include "port/posix/posix_runtime.h"
 #include "port/posix/state_store.h"
+#include "port/posix/wire_validate.h"
 #include "smart_frame/smart_frame.h"
 
 namespace sfgw {
@@ -57,6 +58,7 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
         return false;
     }
 
+    wire_set_command_checks(options_.lenient_commands ? FALSE : TRUE);
     MQC_CONFIG_S cfg{};
     cfg.host = mqtt_.host.c_str();
     cfg.port = mqtt_.port;

@@ -40,6 +40,8 @@ const char *usage_text()
            "  --no-state              keep no state: start from the description every time\n"
            "  --state-interval MS     milliseconds between two writes of the state file (default 200)\n"
            "  --check                 check the description and exit\n"
+           "  --lenient-commands      hand commands to the smart frame unchecked (no refusal answers,\n"
+           "                          see docs/wire-protocol.md, \"Refused commands\")\n"
            "  -h, --help              this text\n"
            "\n"
            "Exit status: 0 after a clean shutdown, 1 when the gateway could not run\n"
@@ -79,6 +81,8 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             }
         } else if (arg == "--check") {
             out->check_only = true;
+        } else if (arg == "--lenient-commands") {
+            out->lenient_commands = true;
         } else if (arg == "--no-lan") {
             out->no_lan = true;
         } else if (arg == "--mqtt-host") {

@@ -19,6 +19,7 @@ struct Options {
     bool no_state = false;
     int state_interval_ms = 200; /* SF_STATE_WRITE_INTERVAL_MS */
     bool check_only = false;
+    bool lenient_commands = false; /* --lenient-commands: no edge check of inbound commands */
     bool help = false;
 };
 

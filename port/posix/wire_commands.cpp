@@ -7,6 +7,7 @@
 
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
+#include "wire_validate.h"
 
 namespace sf_wire {
 
@@ -99,6 +100,10 @@ const char *cmd_kind_name(CmdKind kind)
 OPERATE_RET dispatch_command(CmdKind kind, cJSON *doc, DP_CMD_TYPE_E tp)
 {
     if (doc == nullptr) {
+        return RC_BAD_PARAM;
+    }
+    if (!admit_command(kind, doc, tp)) {
+        cJSON_Delete(doc); // refused at the edge: logged and answered, nothing reaches the smart frame
         return RC_BAD_PARAM;
     }
     if (!cJSON_IsObject(doc) || kind == CmdKind::Unknown) {

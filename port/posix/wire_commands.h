@@ -26,8 +26,10 @@ const char *cmd_kind_name(CmdKind kind);
  *   Query: {"cids":[ids] (absent or null: the gateway), "dpids":[numbers]};
  *     sf_respone_obj_dp_query runs the application's query callback on
  *     this thread.
- * Returns RC_OK, RC_BAD_PARAM (wrong shape, logged) or the smart frame's code
- * (logged).
+ * First the edge check (wire_validate.h): a command that does not fit the
+ * registry's schemas is logged, answered on its channel and deleted.
+ * Returns RC_OK, RC_BAD_PARAM (refused or wrong shape, logged) or the smart
+ * frame's code (logged).
  */
 OPERATE_RET dispatch_command(CmdKind kind, cJSON *doc, DP_CMD_TYPE_E tp);
 

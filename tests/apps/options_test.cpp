@@ -17,6 +17,17 @@ TEST(GatewayOptions, OverridesAndTheDescriptionAreRead)
     EXPECT_EQ(5, o.log_level);
 }
 
+TEST(GatewayOptions, CommandsAreCheckedAtTheEdgeUnlessLenientIsAsked)
+{
+    sfgw::Options checked;
+    sfgw::Options lenient;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"gw.json"}, &checked, &why)) << why;
+    ASSERT_TRUE(sfgw::parse_options({"--lenient-commands", "gw.json"}, &lenient, &why)) << why;
+    EXPECT_FALSE(checked.lenient_commands);
+    EXPECT_TRUE(lenient.lenient_commands);
+}
+
 TEST(GatewayOptions, BadCommandLinesAreRefusedWithAReason)
 {
     sfgw::Options o;

@@ -2,6 +2,7 @@
  * Group, scene, query, echo and multi-DP commands from the cloud and from
  * LAN clients, and the answers each channel carries back.
  */
+#include "port/posix/wire_validate.h"
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
 
@@ -53,6 +54,8 @@ TEST_F(ChannelCommands, LanGroupCommandIsAnsweredOnTheLanWithFrame208)
 
 TEST_F(ChannelCommands, MalformedLanGroupCommandGetsTheFailureFrame)
 {
+    // The module's own answer, behind the edge check (which would refuse this first: wire_validation_test).
+    wire_set_command_checks(FALSE);
     start({{"sub01", 1, 1}});
     start_lan_client();
 

@@ -56,6 +56,12 @@ void record_query(const KL_DP_QUERY_S *query)
     record_app_call(call);
 }
 
+void record_raw_cmd(const KL_RECV_RAW_DP_S *cmd)
+{
+    record_app_call(std::string("raw ") + (cmd->cid != nullptr ? cmd->cid : "(null)") + " " +
+                    std::to_string(cmd->dpid) + " " + std::to_string(cmd->len));
+}
+
 void record_obj_cmd(const KL_RECV_OBJ_DP_S *cmd)
 {
     ObjCmd copy;
@@ -101,6 +107,7 @@ bool start_gateway(const std::vector<DeviceShape> &subs, std::string *why)
     }
     get_gw_cntl()->cbs.dev_obj_dp_cb = record_obj_cmd;
     get_gw_cntl()->cbs.dev_dp_query_cb = record_query;
+    get_gw_cntl()->cbs.dev_raw_dp_cb = record_raw_cmd;
     get_gw_cntl()->gw_cbs.gw_dev_grp_cb = record_group;
     get_gw_cntl()->gw_cbs.gw_dev_scene_cb = record_scene;
     const OPERATE_RET rc = smart_frame_init();

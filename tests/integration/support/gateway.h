@@ -56,7 +56,13 @@ struct ObjCmd {
 bool wait_obj_cmds(const std::function<bool(const std::vector<ObjCmd> &)> &pred, std::chrono::milliseconds timeout);
 std::vector<ObjCmd> obj_cmds();
 
-/* Group, scene and query callbacks as the application received them, one text each. */
+/*
+ * More DPs for the device id of the next start_gateway, after those of its
+ * DeviceShape: DP objects of the gateway description, comma-separated.
+ */
+void add_device_dps(const std::string &id, const std::string &dp_objects);
+
+/* Group, scene, query and raw DP callbacks as the application received them, one text each. */
 std::vector<std::string> app_calls();
 bool wait_app_calls(size_t count, std::chrono::milliseconds timeout);
 

@@ -4,11 +4,15 @@
  */
 #include "gateway_loader.h"
 
+#include <map>
+
 #include "port/posix/gw_registry.h"
 
 namespace it {
 
 namespace {
+
+std::map<std::string, std::string> g_extra_dps;
 
 std::string dps_of(const DeviceShape &device)
 {
@@ -19,10 +23,16 @@ std::string dps_of(const DeviceShape &device)
                (i <= device.bool_dps ? ",\"prop\":\"bool\"}" : ",\"prop\":\"value\",\"min\":0,\"max\":100000}");
         dps += i < total ? "," : "";
     }
+    const auto extra = g_extra_dps.find(device.id);
+    if (extra != g_extra_dps.end()) {
+        dps += (total > 0 ? "," : "") + extra->second;
+    }
     return dps + "]";
 }
 
 } // namespace
+
+void add_device_dps(const std::string &id, const std::string &dp_objects) { g_extra_dps[id] = dp_objects; }
 
 bool load_gateway(const GatewayDescription &gw, std::string *why)
 {

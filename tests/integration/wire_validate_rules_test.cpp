@@ -1,0 +1,133 @@
+/*
+ * The edge check's rules held against a loaded registry, without broker
+ * or sockets: the corners the channel tests (wire_validation_test.cpp) do
+ * not reach, and the refusal's text. Here rather than in tests/unit/posix
+ * because the check reads the module's DP model, and only this executable
+ * links the module whole.
+ */
+#include <gtest/gtest.h>
+
+#include <cjson/cJSON.h>
+
+#include <string>
+
+#include "port/posix/gw_registry.h"
+#include "port/posix/wire_validate.h"
+
+namespace {
+
+using sf_wire::CmdKind;
+
+class WireValidate : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        gw_registry::LoadError error;
+        ASSERT_TRUE(gw_registry::load_text(
+            R"({"gateway":{"id":"gw01","dps":[{"id":1,"prop":"bool"}]},)"
+            R"("devices":[{"id":"d1","dps":[{"id":6,"prop":"bitmap"},{"id":7,"prop":"value","min":-10,"max":10,"step":4},)"
+            R"({"id":8,"prop":"str","max_len":0},{"id":9,"mode":"wr","prop":"bool"}]}]})",
+            "gw.json", &error))
+            << error.text();
+    }
+    void TearDown() override
+    {
+        wire_set_command_checks(TRUE);
+        gw_registry::unload();
+    }
+
+    /* "" when doc passes, else "<code>: <text>". */
+    static std::string verdict(CmdKind kind, const std::string &doc)
+    {
+        cJSON *parsed = cJSON_Parse(doc.c_str());
+        sf_wire::Refusal why;
+        const bool ok = sf_wire::validate_command(kind, parsed, &why);
+        cJSON_Delete(parsed);
+        return ok ? "" : std::string(why.code) + ": " + why.text;
+    }
+};
+
+TEST_F(WireValidate, TheGatewayIsNamedByNoIdANullIdOrItsOwnIdInAnyCase)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"dps":{"1":true}})"));
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":null,"dps":{"1":true}})"));
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"GW01","dps":{"1":true}})"));
+    EXPECT_EQ("unknown_dp: device gw01 has no DP 6", verdict(CmdKind::Dp, R"({"dps":{"6":1}})"));
+}
+
+TEST_F(WireValidate, DevIdIsTheTargetButAnUnknownCidBesideItIsStillRefused)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","cid":"d1","dps":{"6":1}})"));
+    EXPECT_EQ("unknown_device: unknown device \"zz\"", verdict(CmdKind::Dp, R"({"devId":"d1","cid":"zz","dps":{"6":1}})"));
+    EXPECT_EQ("unknown_dp: device d1 has no DP 1", verdict(CmdKind::Dp, R"({"DEVID":"d1","dps":{"1":true}})"));
+}
+
+TEST_F(WireValidate, ABitmapWithoutMaxLenTakesAll32Bits)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":4294967295}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: 4294967296 outside 0..4294967295",
+              verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":4294967296}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: -1 outside 0..4294967295", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":-1}})"));
+}
+
+TEST_F(WireValidate, TheStepCountsFromANegativeMinimum)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":-2}})"));
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":10}})"));
+    EXPECT_EQ("off_step: DP 7 of d1: 0 not on the step 4 from -10", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":0}})"));
+}
+
+TEST_F(WireValidate, AnEmptyStringFitsAStringDpOfLengthZeroAndWriteOnlyDpsAreCommanded)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"8":"","9":true}})"));
+    EXPECT_EQ("too_long: DP 8 of d1: 1 bytes, at most 0", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"8":"a"}})"));
+}
+
+TEST_F(WireValidate, MultiDpCommandsNeedAnMbidAndCtypeIsZeroToThree)
+{
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","ctype":2,"mbid":"m1","dps":{"6":1}})"));
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","ctype":3,"dps":{"6":1}})"));
+    EXPECT_EQ("bad_shape: \"ctype\" must be 0, 1, 2 or 3, got \"2\"",
+              verdict(CmdKind::Dp, R"({"devId":"d1","ctype":"2","dps":{"6":1}})"));
+    EXPECT_EQ("bad_shape: \"mbid\" must be a string (required with \"ctype\" 2)",
+              verdict(CmdKind::Dp, R"({"devId":"d1","mbid":5,"dps":{"6":1}})"));
+}
+
+TEST_F(WireValidate, GroupAndSceneIdsAreNotCheckedAgainstTheRegistry)
+{
+    EXPECT_EQ("", verdict(CmdKind::Group, R"({"action":1,"cids":["nobody"],"gid":"12345"})"));
+    EXPECT_EQ("", verdict(CmdKind::Scene, R"({"action":0,"cids":["nobody"],"sid":"123","gid":"1"})"));
+}
+
+TEST_F(WireValidate, QueryKeysAreReadInExactCaseAndEveryDpMustExistInEveryDevice)
+{
+    EXPECT_EQ("", verdict(CmdKind::Query, R"({"cids":["d1","gw01"],"dpids":[]})"));
+    EXPECT_EQ("bad_shape: \"dpids\" must be an array and \"cids\" an array or null",
+              verdict(CmdKind::Query, R"({"DPIDS":[1]})"));
+    EXPECT_EQ("unknown_dp: device gw01 has no DP 6", verdict(CmdKind::Query, R"({"cids":["d1","gw01"],"dpids":[6]})"));
+    EXPECT_EQ("bad_dp_key: every \"dpids\" entry must be a number from 1 to 255, got 1.5",
+              verdict(CmdKind::Query, R"({"dpids":[1.5]})"));
+}
+
+TEST_F(WireValidate, TheRefusalCarriesSnAndMbidAsSentThenDeviceDpCodeAndReason)
+{
+    cJSON *doc = cJSON_Parse(R"({"mbid":"m-9","sn":"x-1","devId":"d1","ctype":2,"dps":{"6":true}})");
+    sf_wire::Refusal why;
+    ASSERT_FALSE(sf_wire::validate_command(CmdKind::Dp, doc, &why));
+    EXPECT_EQ("{\"cmd\":\"dp\",\"sn\":\"x-1\",\"mbid\":\"m-9\",\"devId\":\"d1\",\"dp\":\"6\",\"code\":\"bad_type\","
+              "\"reason\":\"DP 6 of d1: expected an integer, got a boolean\"}",
+              sf_wire::refusal_text(CmdKind::Dp, doc, why));
+    cJSON_Delete(doc);
+}
+
+TEST_F(WireValidate, WithTheChecksOffEveryCommandIsAdmitted)
+{
+    cJSON *doc = cJSON_Parse(R"({"devId":"nobody","dps":{"x":1}})");
+    EXPECT_EQ(TRUE, wire_command_checks());
+    wire_set_command_checks(FALSE);
+    EXPECT_EQ(FALSE, wire_command_checks());
+    EXPECT_TRUE(sf_wire::admit_command(CmdKind::Dp, doc, DP_CMD_MQ));
+    cJSON_Delete(doc);
+}
+
+} // namespace
