@@ -28,7 +28,21 @@ typedef struct {
     UINT_T        max_frame_bytes; /* longest inbound line; longer closes the client [65536] */
     UINT_T        max_frame_depth; /* deepest nesting of an inbound frame [32] */
     UINT_T        auth_timeout_ms; /* time a new client has to authenticate [5000] */
+    UINT_T        max_client_commands; /* commands of one client waiting for the application; the
+                                          channel stops reading that client at this many [32] */
+    UINT_T        max_lines_per_turn; /* lines taken from one client per turn of the channel's loop [16] */
 } LAN_CONFIG_S;
+
+/* What the channel has done since lan_start (counters) and holds now. */
+typedef struct {
+    UINT_T clients;              /* authenticated clients connected now */
+    UINT_T queued_commands;      /* commands handed to the smart frame, not yet handled by it */
+    UINT_T queued_commands_peak; /* the most queued_commands has been */
+    UINT_T clients_accepted;     /* connections accepted */
+    UINT_T auth_refused;         /* wrong key, other first frame, or no key in time */
+    UINT_T dropped_slow;         /* clients closed because their frame queue was full */
+    UINT_T poll_wakeups;         /* turns of the channel's loop */
+} LAN_STATS_S;
 
 /*
  * Bind, listen and start the channel's thread. RC_OK, RC_BAD_PARAM (no
@@ -42,6 +56,12 @@ USHORT_T lan_bound_port(void);
 
 /* Clients that have authenticated and are connected now. Any thread. */
 UINT_T lan_authed_client_count(void);
+
+/*
+ * Fill *out (not NULL) with the channel's counters and current state. Any
+ * thread; the counters are zeroed by lan_start.
+ */
+void lan_stats(LAN_STATS_S *out);
 
 /*
  * Close every client (their queued blocks are released), stop and join

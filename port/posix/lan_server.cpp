@@ -4,7 +4,10 @@
  * this file holds its sockets, its thread, start and stop.
  *
  * One thread owns the sockets: it accepts, reads, authenticates and writes
- * without ever blocking on a client. Reports are queued by the reporting
+ * without ever blocking on a client. It reads a client only while that
+ * client's commands waiting for the application are below their quota
+ * (lan_commands.cpp), so a client sending faster than the application
+ * handles is held back by TCP instead of filling the gateway's memory. Reports are queued by the reporting
  * threads under g_mutex and written by that thread; a client whose queue is
  * full is dropped, so a slow reader never holds up the gateway. Commands
  * are handed to the smart frame after g_mutex is released, since the
@@ -37,6 +40,7 @@ namespace sf_lan {
 std::mutex g_mutex;
 std::vector<std::unique_ptr<Session>> g_sessions;
 Settings g_settings;
+Counters g_counters;
 
 } // namespace sf_lan
 
@@ -47,11 +51,6 @@ namespace {
 constexpr int POLL_TICK_MS = SF_LAN_POLL_TICK_MS;
 constexpr size_t READ_CHUNK = SF_LAN_READ_CHUNK;
 
-struct Command {
-    std::string peer;
-    std::string line;
-};
-
 // g_thread and the sockets are touched only by lan_start/lan_stop and the
 // channel's thread.
 int g_listen_fd = -1;
@@ -59,6 +58,7 @@ int g_wake[2] = {-1, -1};
 USHORT_T g_port = 0;
 bool g_stop = false;
 std::thread g_thread;
+uint64_t g_next_session_id = 0; /* the channel's thread only */
 
 } // namespace
 
@@ -93,41 +93,71 @@ void accept_clients()
             continue;
         }
         CH_LOG_INFO("LAN client %s connected", peer.c_str());
-        g_sessions.push_back(std::make_unique<Session>(fd, std::move(peer), Clock::now()));
+        count(g_counters.clients_accepted);
+        g_sessions.push_back(std::make_unique<Session>(fd, std::move(peer), Clock::now(), ip, ++g_next_session_id));
     }
 }
 
-/* Caller holds g_mutex. Reads what is there; command lines go to *commands. */
-void read_session(Session *session, std::vector<Command> *commands)
+/*
+ * The channel reads a client only while no complete line of it waits and
+ * it has room for more commands; otherwise its bytes stay in the kernel.
+ * Caller holds g_mutex.
+ */
+bool wants_input(Session &session)
+{
+    return !session.closing() && !session.input().has_line() && (!session.authed() || command_room(session) > 0);
+}
+
+/* Lines wait that the next turn may take. Caller holds g_mutex. */
+bool lines_ready(Session &session)
+{
+    return !session.closing() && session.input().has_line() && (!session.authed() || command_room(session) > 0);
+}
+
+/* One read of what is there. Caller holds g_mutex. */
+void read_session(Session *session, Clock::time_point now)
 {
     char buf[READ_CHUNK];
-    for (;;) {
-        const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
-        if (got == 0) {
-            session->close_soon("closed by the peer");
+    const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
+    if (got == 0) {
+        session->close_soon("closed by the peer");
+    } else if (got < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            session->close_soon("read error");
+        }
+    } else {
+        session->take_bytes(buf, static_cast<size_t>(got), now);
+    }
+}
+
+/*
+ * The lines of one turn: the key first, then commands within the client's
+ * room and the per-turn bound; the rest waits in its buffer. Caller holds
+ * g_mutex.
+ */
+void take_lines(Session *session, std::vector<Command> *commands)
+{
+    for (size_t taken = 0; taken < g_settings.max_lines_per_turn && !session->closing(); ++taken) {
+        if (session->authed() && command_room(*session) == 0) {
             return;
         }
-        if (got < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-                session->close_soon("read error");
-            }
+        std::string line;
+        const LineBuffer::Next next = session->input().next(g_settings.max_frame_bytes, &line);
+        if (next == LineBuffer::Next::None) {
             return;
         }
-        std::vector<std::string> lines;
-        if (!session->take_bytes(buf, static_cast<size_t>(got), g_settings.max_frame_bytes, &lines)) {
+        if (next == LineBuffer::Next::TooLong) {
             session->close_soon("frame too long");
             return;
         }
-        for (std::string &line : lines) {
-            if (!session->authed()) {
-                if (!authenticate(session, line)) {
-                    session->close_soon("authentication failed");
-                    return;
-                }
-            } else {
-                commands->push_back(Command{session->peer(), std::move(line)});
+        if (!session->authed()) {
+            if (!authenticate(session, line)) {
+                session->close_soon("authentication failed");
             }
+            continue;
         }
+        command_taken(session);
+        commands->push_back(Command{session->id(), session->peer(), std::move(line)});
     }
 }
 
@@ -138,17 +168,24 @@ void run_loop()
         fds.clear();
         fds.push_back(pollfd{g_wake[0], POLLIN, 0});
         fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
+        int wait_ms = POLL_TICK_MS;
         {
             std::lock_guard<std::mutex> hold(g_mutex);
             if (g_stop) {
                 return;
             }
             for (const auto &session : g_sessions) {
-                fds.push_back(pollfd{session->fd(), static_cast<short>(POLLIN | (session->has_output() ? POLLOUT : 0)),
+                const bool reading = wants_input(*session);
+                fds.push_back(pollfd{session->fd(),
+                                     static_cast<short>((reading ? POLLIN : 0) | (session->has_output() ? POLLOUT : 0)),
                                      0});
+                if (lines_ready(*session)) {
+                    wait_ms = 0; // lines wait that may be taken now
+                }
             }
         }
-        ::poll(fds.data(), fds.size(), POLL_TICK_MS);
+        ::poll(fds.data(), fds.size(), wait_ms);
+        count(g_counters.poll_wakeups);
         if (fds[0].revents & POLLIN) {
             char drain[64];
             while (::read(g_wake[0], drain, sizeof drain) > 0) {
@@ -162,8 +199,15 @@ void run_loop()
             // indices of the poll set still match.
             for (size_t i = 0; i + 2 < fds.size() && i < g_sessions.size(); ++i) {
                 Session *session = g_sessions[i].get();
-                if (!session->closing() && (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
-                    read_session(session, &commands);
+                if ((fds[i + 2].events & POLLIN) && wants_input(*session) &&
+                    (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
+                    read_session(session, now);
+                }
+                if (!session->closing()) {
+                    take_lines(session, &commands);
+                }
+                if (!session->closing() && !wants_input(*session)) {
+                    session->hold(now);
                 }
                 if (!session->closing() && !session->flush()) {
                     session->close_soon("write error");
@@ -184,9 +228,7 @@ void run_loop()
         if (fds[1].revents & POLLIN) {
             accept_clients();
         }
-        for (const Command &command : commands) {
-            hand_over(command.peer, command.line);
-        }
+        hand_over_turn(commands);
     }
 }
 
@@ -243,6 +285,9 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
     settings.max_queue_frames = cfg->max_queue_frames != 0 ? cfg->max_queue_frames : settings.max_queue_frames;
     settings.max_frame_bytes = cfg->max_frame_bytes != 0 ? cfg->max_frame_bytes : settings.max_frame_bytes;
     settings.max_frame_depth = cfg->max_frame_depth != 0 ? cfg->max_frame_depth : settings.max_frame_depth;
+    settings.max_client_commands =
+        cfg->max_client_commands != 0 ? cfg->max_client_commands : settings.max_client_commands;
+    settings.max_lines_per_turn = cfg->max_lines_per_turn != 0 ? cfg->max_lines_per_turn : settings.max_lines_per_turn;
     if (cfg->auth_timeout_ms != 0) {
         settings.auth_timeout = std::chrono::milliseconds(cfg->auth_timeout_ms);
     }
@@ -257,12 +302,19 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         close_sockets();
         return RC_FAIL;
     }
+    if (!open_command_markers()) {
+        close_sockets();
+        return RC_FAIL;
+    }
+    g_counters.reset();
     {
         // Reporting threads read the limits under the lock; the channel's
         // thread reads them after its creation.
         std::lock_guard<std::mutex> hold(g_mutex);
         g_settings = settings;
         g_stop = false;
+        g_queued_commands = 0;
+        g_queued_commands_peak = 0;
     }
     g_thread = std::thread(run_loop);
     CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
@@ -286,6 +338,7 @@ extern "C" void lan_stop(void)
         std::lock_guard<std::mutex> hold(g_mutex);
         g_sessions.clear();
     }
+    close_command_markers();
     close_sockets();
 }
 

@@ -107,6 +107,24 @@
 #define SF_LAN_READ_CHUNK 4096
 #endif
 
+/*
+ * Commands of one client handed to the smart frame and not yet handled by
+ * the application [1..]. At this many the channel stops reading that
+ * client (TCP then holds the client back), so the dispatch queue holds at
+ * most max_clients times this many LAN commands, however fast clients send.
+ */
+#ifndef SF_LAN_MAX_CLIENT_COMMANDS
+#define SF_LAN_MAX_CLIENT_COMMANDS 32
+#endif
+
+/*
+ * Lines taken from one client per turn of the loop [1..]: a client sending
+ * fast cannot hold the thread (queries are answered on it) from the others.
+ */
+#ifndef SF_LAN_MAX_LINES_PER_TURN
+#define SF_LAN_MAX_LINES_PER_TURN 16
+#endif
+
 /* ---- Gateway registry (registry_*.cpp) ---- */
 
 /*
