@@ -30,6 +30,12 @@ struct Settings {
     std::chrono::milliseconds auth_timeout{SF_LAN_AUTH_TIMEOUT_MS};
     size_t max_client_commands = SF_LAN_MAX_CLIENT_COMMANDS;
     size_t max_lines_per_turn = SF_LAN_MAX_LINES_PER_TURN;
+    size_t max_pending_clients = SF_LAN_MAX_PENDING_CLIENTS;
+    size_t max_pending_per_addr = SF_LAN_MAX_PENDING_PER_ADDR;
+    std::chrono::milliseconds idle_timeout{SF_LAN_IDLE_TIMEOUT_MS};
+    std::chrono::milliseconds frame_timeout{SF_LAN_FRAME_TIMEOUT_MS};
+    std::chrono::milliseconds accept_backoff{SF_LAN_ACCEPT_BACKOFF_MS};
+    std::chrono::milliseconds evict_pace{SF_LAN_EVICT_PACE_MS};
 };
 
 /*
@@ -39,12 +45,16 @@ struct Settings {
 struct Counters {
     std::atomic<UINT_T> clients_accepted{0};
     std::atomic<UINT_T> auth_refused{0};
+    std::atomic<UINT_T> pending_evicted{0};
     std::atomic<UINT_T> dropped_slow{0};
+    std::atomic<UINT_T> timed_out{0};
+    std::atomic<UINT_T> accept_failures{0};
     std::atomic<UINT_T> poll_wakeups{0};
 
     void reset()
     {
-        for (std::atomic<UINT_T> *counter : {&clients_accepted, &auth_refused, &dropped_slow, &poll_wakeups}) {
+        for (std::atomic<UINT_T> *counter : {&clients_accepted, &auth_refused, &pending_evicted, &dropped_slow,
+                                             &timed_out, &accept_failures, &poll_wakeups}) {
             counter->store(0, std::memory_order_relaxed);
         }
     }
@@ -70,6 +80,27 @@ extern Settings g_settings;
 
 /* Wake the channel's thread so it writes what was queued. Any thread. */
 void wake_loop();
+
+/*
+ * Admission of a new connection (lan_admission.cpp). Caller holds g_mutex.
+ * Adds the session, or closes fd when the authenticated pool is full. A
+ * full unauthenticated pool (or the address's share of it) closes its
+ * oldest member; then true: the caller waits evict_pace before accepting
+ * again, so the newcomer has time to present its key.
+ */
+bool admit(int fd, const std::string &addr, const std::string &peer, uint64_t id, Clock::time_point now);
+
+/* Close a client that did not authenticate; logged where an operator sees it. Caller holds g_mutex. */
+void refuse(Session *session, const char *why);
+
+/*
+ * The clocks of a session: authentication, an unfinished line, silence.
+ * Caller holds g_mutex.
+ */
+void check_timeouts(Session *session, Clock::time_point now);
+
+/* Authenticated clients connected now (closing ones not counted). Caller holds g_mutex. */
+size_t authed_clients();
 
 /* A command line of an authenticated client, taken in one turn of the loop. */
 struct Command {

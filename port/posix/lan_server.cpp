@@ -20,6 +20,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -58,7 +59,10 @@ int g_wake[2] = {-1, -1};
 USHORT_T g_port = 0;
 bool g_stop = false;
 std::thread g_thread;
-uint64_t g_next_session_id = 0; /* the channel's thread only */
+// The channel's thread only.
+uint64_t g_next_session_id = 0;
+Clock::time_point g_accept_resume_at{}; /* the listener is not polled before */
+bool g_out_of_descriptors = false;      /* the last accept failed for want of descriptors */
 
 } // namespace
 
@@ -73,7 +77,14 @@ void sf_lan::wake_loop()
 
 namespace {
 
-void accept_clients()
+bool out_of_descriptors(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
+
+/*
+ * Accept what waits, until the listen queue is empty, descriptors run out
+ * (accepting pauses for accept_backoff) or a newcomer closed an older
+ * connection (accepting pauses for evict_pace).
+ */
+void accept_clients(Clock::time_point now)
 {
     for (;;) {
         sockaddr_in addr{};
@@ -81,20 +92,32 @@ void accept_clients()
         const int fd = ::accept4(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &addr_len,
                                  SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
+            const int err = errno;
+            if (out_of_descriptors(err)) {
+                // The connection stays queued and would wake poll at once:
+                // stop listening for a while instead of spinning.
+                count(g_counters.accept_failures);
+                if (!g_out_of_descriptors) {
+                    CH_LOG_ERR("LAN accept failed: %s; trying again every %lld ms", std::strerror(err),
+                               static_cast<long long>(g_settings.accept_backoff.count()));
+                    g_out_of_descriptors = true;
+                }
+                g_accept_resume_at = now + g_settings.accept_backoff;
+            }
             return;
+        }
+        if (g_out_of_descriptors) {
+            CH_LOG_INFO("LAN channel accepts connections again");
+            g_out_of_descriptors = false;
         }
         char ip[INET_ADDRSTRLEN] = "?";
         ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
-        std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
+        const std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
         std::lock_guard<std::mutex> hold(g_mutex);
-        if (g_sessions.size() >= g_settings.max_clients) {
-            CH_LOG_ERR("LAN client %s refused: %zu clients connected", peer.c_str(), g_sessions.size());
-            ::close(fd);
-            continue;
+        if (admit(fd, ip, peer, ++g_next_session_id, now)) {
+            g_accept_resume_at = now + g_settings.evict_pace;
+            return;
         }
-        CH_LOG_INFO("LAN client %s connected", peer.c_str());
-        count(g_counters.clients_accepted);
-        g_sessions.push_back(std::make_unique<Session>(fd, std::move(peer), Clock::now(), ip, ++g_next_session_id));
     }
 }
 
@@ -151,8 +174,10 @@ void take_lines(Session *session, std::vector<Command> *commands)
             return;
         }
         if (!session->authed()) {
-            if (!authenticate(session, line)) {
-                session->close_soon("authentication failed");
+            if (authed_clients() >= g_settings.max_clients) {
+                refuse(session, "every client place is taken");
+            } else if (!authenticate(session, line)) {
+                refuse(session, "wrong key or not an authentication");
             }
             continue;
         }
@@ -167,8 +192,15 @@ void run_loop()
     for (;;) {
         fds.clear();
         fds.push_back(pollfd{g_wake[0], POLLIN, 0});
-        fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
         int wait_ms = POLL_TICK_MS;
+        const Clock::time_point turn = Clock::now();
+        if (turn >= g_accept_resume_at) {
+            fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
+        } else {
+            fds.push_back(pollfd{-1, 0, 0}); // accepting pauses
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(g_accept_resume_at - turn);
+            wait_ms = static_cast<int>(std::min<long long>(wait_ms, left.count() + 1));
+        }
         {
             std::lock_guard<std::mutex> hold(g_mutex);
             if (g_stop) {
@@ -212,9 +244,7 @@ void run_loop()
                 if (!session->closing() && !session->flush()) {
                     session->close_soon("write error");
                 }
-                if (!session->authed() && !session->closing() && now - session->opened() > g_settings.auth_timeout) {
-                    session->close_soon("no authentication in time");
-                }
+                check_timeouts(session, now);
             }
             for (auto it = g_sessions.begin(); it != g_sessions.end();) {
                 if ((*it)->closing()) {
@@ -226,7 +256,7 @@ void run_loop()
             }
         }
         if (fds[1].revents & POLLIN) {
-            accept_clients();
+            accept_clients(Clock::now());
         }
         hand_over_turn(commands);
     }
@@ -288,8 +318,18 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
     settings.max_client_commands =
         cfg->max_client_commands != 0 ? cfg->max_client_commands : settings.max_client_commands;
     settings.max_lines_per_turn = cfg->max_lines_per_turn != 0 ? cfg->max_lines_per_turn : settings.max_lines_per_turn;
-    if (cfg->auth_timeout_ms != 0) {
-        settings.auth_timeout = std::chrono::milliseconds(cfg->auth_timeout_ms);
+    settings.max_pending_clients =
+        cfg->max_pending_clients != 0 ? cfg->max_pending_clients : settings.max_pending_clients;
+    settings.max_pending_per_addr =
+        cfg->max_pending_per_addr != 0 ? cfg->max_pending_per_addr : settings.max_pending_per_addr;
+    for (const auto &[field, setting] : {std::pair{cfg->auth_timeout_ms, &settings.auth_timeout},
+                                         std::pair{cfg->idle_timeout_ms, &settings.idle_timeout},
+                                         std::pair{cfg->frame_timeout_ms, &settings.frame_timeout},
+                                         std::pair{cfg->accept_backoff_ms, &settings.accept_backoff},
+                                         std::pair{cfg->evict_pace_ms, &settings.evict_pace}}) {
+        if (field != 0) {
+            *setting = std::chrono::milliseconds(field);
+        }
     }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -314,6 +354,8 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         g_settings = settings;
         g_stop = false;
         g_queued_commands = 0;
+        g_accept_resume_at = Clock::time_point{};
+        g_out_of_descriptors = false;
         g_queued_commands_peak = 0;
     }
     g_thread = std::thread(run_loop);
