@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -56,7 +57,11 @@ constexpr size_t READ_CHUNK = SF_LAN_READ_CHUNK;
 // channel's thread.
 int g_listen_fd = -1;
 int g_wake[2] = {-1, -1};
-USHORT_T g_port = 0;
+// Reporting threads and the dispatch thread write to the pipe's write end
+// while lan_stop may close it: g_wake_mutex guards g_wake[1], so a wake-up
+// never goes to a closed descriptor, nor to one the process reused since.
+std::mutex g_wake_mutex;
+std::atomic<USHORT_T> g_port{0}; /* read by any thread */
 bool g_stop = false;
 std::thread g_thread;
 // The channel's thread only.
@@ -69,6 +74,7 @@ bool g_out_of_descriptors = false;      /* the last accept failed for want of de
 void sf_lan::wake_loop()
 {
     const char byte = 1;
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
     if (g_wake[1] >= 0) {
         // A full pipe already guarantees a wake-up.
         (void)!::write(g_wake[1], &byte, 1);
@@ -275,19 +281,27 @@ bool open_listener(const Settings &settings, sockaddr_in addr)
     }
     socklen_t len = sizeof addr;
     ::getsockname(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    g_port = ntohs(addr.sin_port);
-    return ::pipe2(g_wake, O_NONBLOCK | O_CLOEXEC) == 0;
+    g_port.store(ntohs(addr.sin_port));
+    int wake[2];
+    if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
+    g_wake[0] = wake[0];
+    g_wake[1] = wake[1];
+    return true;
 }
 
 void close_sockets()
 {
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
     for (int *fd : {&g_listen_fd, &g_wake[0], &g_wake[1]}) {
         if (*fd >= 0) {
             ::close(*fd);
             *fd = -1;
         }
     }
-    g_port = 0;
+    g_port.store(0);
 }
 
 } // namespace
@@ -359,11 +373,11 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         g_queued_commands_peak = 0;
     }
     g_thread = std::thread(run_loop);
-    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
+    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port.load());
     return RC_OK;
 }
 
-extern "C" USHORT_T lan_bound_port(void) { return g_port; }
+extern "C" USHORT_T lan_bound_port(void) { return g_port.load(); }
 
 extern "C" void lan_stop(void)
 {
