@@ -11,6 +11,8 @@
 
 #define CH_LOG_ERR(...) \
     PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_ERROR, __FILE__, __LINE__, __func__, __VA_ARGS__)
+#define CH_LOG_WARN(...) \
+    PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_WARN, __FILE__, __LINE__, __func__, __VA_ARGS__)
 #define CH_LOG_INFO(...) \
     PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_PROGRESS, __FILE__, __LINE__, __func__, __VA_ARGS__)
 #define CH_LOG_DEBUG(...) \

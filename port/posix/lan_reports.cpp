@@ -27,6 +27,7 @@ size_t queue_to_authed(QueueFn &&queue)
         } else {
             CH_LOG_ERR("LAN client %s dropped: %zu frames waiting", session->peer().c_str(),
                        g_settings.max_queue_frames);
+            count(g_counters.dropped_slow);
             session->close_soon("too slow");
         }
     }
@@ -37,12 +38,9 @@ size_t queue_to_authed(QueueFn &&queue)
 
 extern "C" UINT_T lan_authed_client_count(void)
 {
-    std::lock_guard<std::mutex> hold(g_mutex);
-    UINT_T count = 0;
-    for (const auto &session : g_sessions) {
-        count += session->authed() && !session->closing() ? 1 : 0;
-    }
-    return count;
+    LAN_STATS_S stats;
+    lan_stats(&stats);
+    return stats.clients;
 }
 
 extern "C" OPERATE_RET lan_dp_sata_report(RFC_DATA_S *rfc_data, UINT_T frame_kind)

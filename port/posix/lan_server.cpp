@@ -4,7 +4,10 @@
  * this file holds its sockets, its thread, start and stop.
  *
  * One thread owns the sockets: it accepts, reads, authenticates and writes
- * without ever blocking on a client. Reports are queued by the reporting
+ * without ever blocking on a client. It reads a client only while that
+ * client's commands waiting for the application are below their quota
+ * (lan_commands.cpp), so a client sending faster than the application
+ * handles is held back by TCP instead of filling the gateway's memory. Reports are queued by the reporting
  * threads under g_mutex and written by that thread; a client whose queue is
  * full is dropped, so a slow reader never holds up the gateway. Commands
  * are handed to the smart frame after g_mutex is released, since the
@@ -17,6 +20,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -37,6 +42,7 @@ namespace sf_lan {
 std::mutex g_mutex;
 std::vector<std::unique_ptr<Session>> g_sessions;
 Settings g_settings;
+Counters g_counters;
 
 } // namespace sf_lan
 
@@ -47,24 +53,28 @@ namespace {
 constexpr int POLL_TICK_MS = SF_LAN_POLL_TICK_MS;
 constexpr size_t READ_CHUNK = SF_LAN_READ_CHUNK;
 
-struct Command {
-    std::string peer;
-    std::string line;
-};
-
 // g_thread and the sockets are touched only by lan_start/lan_stop and the
 // channel's thread.
 int g_listen_fd = -1;
 int g_wake[2] = {-1, -1};
-USHORT_T g_port = 0;
+// Reporting threads and the dispatch thread write to the pipe's write end
+// while lan_stop may close it: g_wake_mutex guards g_wake[1], so a wake-up
+// never goes to a closed descriptor, nor to one the process reused since.
+std::mutex g_wake_mutex;
+std::atomic<USHORT_T> g_port{0}; /* read by any thread */
 bool g_stop = false;
 std::thread g_thread;
+// The channel's thread only.
+uint64_t g_next_session_id = 0;
+Clock::time_point g_accept_resume_at{}; /* the listener is not polled before */
+bool g_out_of_descriptors = false;      /* the last accept failed for want of descriptors */
 
 } // namespace
 
 void sf_lan::wake_loop()
 {
     const char byte = 1;
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
     if (g_wake[1] >= 0) {
         // A full pipe already guarantees a wake-up.
         (void)!::write(g_wake[1], &byte, 1);
@@ -73,7 +83,14 @@ void sf_lan::wake_loop()
 
 namespace {
 
-void accept_clients()
+bool out_of_descriptors(int err) { return err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM; }
+
+/*
+ * Accept what waits, until the listen queue is empty, descriptors run out
+ * (accepting pauses for accept_backoff) or a newcomer closed an older
+ * connection (accepting pauses for evict_pace).
+ */
+void accept_clients(Clock::time_point now)
 {
     for (;;) {
         sockaddr_in addr{};
@@ -81,53 +98,97 @@ void accept_clients()
         const int fd = ::accept4(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &addr_len,
                                  SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
+            const int err = errno;
+            if (out_of_descriptors(err)) {
+                // The connection stays queued and would wake poll at once:
+                // stop listening for a while instead of spinning.
+                count(g_counters.accept_failures);
+                if (!g_out_of_descriptors) {
+                    CH_LOG_ERR("LAN accept failed: %s; trying again every %lld ms", std::strerror(err),
+                               static_cast<long long>(g_settings.accept_backoff.count()));
+                    g_out_of_descriptors = true;
+                }
+                g_accept_resume_at = now + g_settings.accept_backoff;
+            }
             return;
+        }
+        if (g_out_of_descriptors) {
+            CH_LOG_INFO("LAN channel accepts connections again");
+            g_out_of_descriptors = false;
         }
         char ip[INET_ADDRSTRLEN] = "?";
         ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
-        std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
+        const std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
         std::lock_guard<std::mutex> hold(g_mutex);
-        if (g_sessions.size() >= g_settings.max_clients) {
-            CH_LOG_ERR("LAN client %s refused: %zu clients connected", peer.c_str(), g_sessions.size());
-            ::close(fd);
-            continue;
+        if (admit(fd, ip, peer, ++g_next_session_id, now)) {
+            g_accept_resume_at = now + g_settings.evict_pace;
+            return;
         }
-        CH_LOG_INFO("LAN client %s connected", peer.c_str());
-        g_sessions.push_back(std::make_unique<Session>(fd, std::move(peer), Clock::now()));
     }
 }
 
-/* Caller holds g_mutex. Reads what is there; command lines go to *commands. */
-void read_session(Session *session, std::vector<Command> *commands)
+/*
+ * The channel reads a client only while no complete line of it waits and
+ * it has room for more commands; otherwise its bytes stay in the kernel.
+ * Caller holds g_mutex.
+ */
+bool wants_input(Session &session)
+{
+    return !session.closing() && !session.input().has_line() && (!session.authed() || command_room(session) > 0);
+}
+
+/* Lines wait that the next turn may take. Caller holds g_mutex. */
+bool lines_ready(Session &session)
+{
+    return !session.closing() && session.input().has_line() && (!session.authed() || command_room(session) > 0);
+}
+
+/* One read of what is there. Caller holds g_mutex. */
+void read_session(Session *session, Clock::time_point now)
 {
     char buf[READ_CHUNK];
-    for (;;) {
-        const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
-        if (got == 0) {
-            session->close_soon("closed by the peer");
+    const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
+    if (got == 0) {
+        session->close_soon("closed by the peer");
+    } else if (got < 0) {
+        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            session->close_soon("read error");
+        }
+    } else {
+        session->take_bytes(buf, static_cast<size_t>(got), now);
+    }
+}
+
+/*
+ * The lines of one turn: the key first, then commands within the client's
+ * room and the per-turn bound; the rest waits in its buffer. Caller holds
+ * g_mutex.
+ */
+void take_lines(Session *session, std::vector<Command> *commands)
+{
+    for (size_t taken = 0; taken < g_settings.max_lines_per_turn && !session->closing(); ++taken) {
+        if (session->authed() && command_room(*session) == 0) {
             return;
         }
-        if (got < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-                session->close_soon("read error");
-            }
+        std::string line;
+        const LineBuffer::Next next = session->input().next(g_settings.max_frame_bytes, &line);
+        if (next == LineBuffer::Next::None) {
             return;
         }
-        std::vector<std::string> lines;
-        if (!session->take_bytes(buf, static_cast<size_t>(got), g_settings.max_frame_bytes, &lines)) {
+        if (next == LineBuffer::Next::TooLong) {
             session->close_soon("frame too long");
             return;
         }
-        for (std::string &line : lines) {
-            if (!session->authed()) {
-                if (!authenticate(session, line)) {
-                    session->close_soon("authentication failed");
-                    return;
-                }
-            } else {
-                commands->push_back(Command{session->peer(), std::move(line)});
+        if (!session->authed()) {
+            if (authed_clients() >= g_settings.max_clients) {
+                refuse(session, "every client place is taken");
+            } else if (!authenticate(session, line)) {
+                refuse(session, "wrong key or not an authentication");
             }
+            continue;
         }
+        command_taken(session);
+        commands->push_back(Command{session->id(), session->peer(), std::move(line)});
     }
 }
 
@@ -137,18 +198,32 @@ void run_loop()
     for (;;) {
         fds.clear();
         fds.push_back(pollfd{g_wake[0], POLLIN, 0});
-        fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
+        int wait_ms = POLL_TICK_MS;
+        const Clock::time_point turn = Clock::now();
+        if (turn >= g_accept_resume_at) {
+            fds.push_back(pollfd{g_listen_fd, POLLIN, 0});
+        } else {
+            fds.push_back(pollfd{-1, 0, 0}); // accepting pauses
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(g_accept_resume_at - turn);
+            wait_ms = static_cast<int>(std::min<long long>(wait_ms, left.count() + 1));
+        }
         {
             std::lock_guard<std::mutex> hold(g_mutex);
             if (g_stop) {
                 return;
             }
             for (const auto &session : g_sessions) {
-                fds.push_back(pollfd{session->fd(), static_cast<short>(POLLIN | (session->has_output() ? POLLOUT : 0)),
+                const bool reading = wants_input(*session);
+                fds.push_back(pollfd{session->fd(),
+                                     static_cast<short>((reading ? POLLIN : 0) | (session->has_output() ? POLLOUT : 0)),
                                      0});
+                if (lines_ready(*session)) {
+                    wait_ms = 0; // lines wait that may be taken now
+                }
             }
         }
-        ::poll(fds.data(), fds.size(), POLL_TICK_MS);
+        ::poll(fds.data(), fds.size(), wait_ms);
+        count(g_counters.poll_wakeups);
         if (fds[0].revents & POLLIN) {
             char drain[64];
             while (::read(g_wake[0], drain, sizeof drain) > 0) {
@@ -162,15 +237,20 @@ void run_loop()
             // indices of the poll set still match.
             for (size_t i = 0; i + 2 < fds.size() && i < g_sessions.size(); ++i) {
                 Session *session = g_sessions[i].get();
-                if (!session->closing() && (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
-                    read_session(session, &commands);
+                if ((fds[i + 2].events & POLLIN) && wants_input(*session) &&
+                    (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
+                    read_session(session, now);
+                }
+                if (!session->closing()) {
+                    take_lines(session, &commands);
+                }
+                if (!session->closing() && !wants_input(*session)) {
+                    session->hold(now);
                 }
                 if (!session->closing() && !session->flush()) {
                     session->close_soon("write error");
                 }
-                if (!session->authed() && !session->closing() && now - session->opened() > g_settings.auth_timeout) {
-                    session->close_soon("no authentication in time");
-                }
+                check_timeouts(session, now);
             }
             for (auto it = g_sessions.begin(); it != g_sessions.end();) {
                 if ((*it)->closing()) {
@@ -182,11 +262,9 @@ void run_loop()
             }
         }
         if (fds[1].revents & POLLIN) {
-            accept_clients();
+            accept_clients(Clock::now());
         }
-        for (const Command &command : commands) {
-            hand_over(command.peer, command.line);
-        }
+        hand_over_turn(commands);
     }
 }
 
@@ -203,19 +281,27 @@ bool open_listener(const Settings &settings, sockaddr_in addr)
     }
     socklen_t len = sizeof addr;
     ::getsockname(g_listen_fd, reinterpret_cast<sockaddr *>(&addr), &len);
-    g_port = ntohs(addr.sin_port);
-    return ::pipe2(g_wake, O_NONBLOCK | O_CLOEXEC) == 0;
+    g_port.store(ntohs(addr.sin_port));
+    int wake[2];
+    if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
+        return false;
+    }
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
+    g_wake[0] = wake[0];
+    g_wake[1] = wake[1];
+    return true;
 }
 
 void close_sockets()
 {
+    std::lock_guard<std::mutex> hold(g_wake_mutex);
     for (int *fd : {&g_listen_fd, &g_wake[0], &g_wake[1]}) {
         if (*fd >= 0) {
             ::close(*fd);
             *fd = -1;
         }
     }
-    g_port = 0;
+    g_port.store(0);
 }
 
 } // namespace
@@ -243,8 +329,21 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
     settings.max_queue_frames = cfg->max_queue_frames != 0 ? cfg->max_queue_frames : settings.max_queue_frames;
     settings.max_frame_bytes = cfg->max_frame_bytes != 0 ? cfg->max_frame_bytes : settings.max_frame_bytes;
     settings.max_frame_depth = cfg->max_frame_depth != 0 ? cfg->max_frame_depth : settings.max_frame_depth;
-    if (cfg->auth_timeout_ms != 0) {
-        settings.auth_timeout = std::chrono::milliseconds(cfg->auth_timeout_ms);
+    settings.max_client_commands =
+        cfg->max_client_commands != 0 ? cfg->max_client_commands : settings.max_client_commands;
+    settings.max_lines_per_turn = cfg->max_lines_per_turn != 0 ? cfg->max_lines_per_turn : settings.max_lines_per_turn;
+    settings.max_pending_clients =
+        cfg->max_pending_clients != 0 ? cfg->max_pending_clients : settings.max_pending_clients;
+    settings.max_pending_per_addr =
+        cfg->max_pending_per_addr != 0 ? cfg->max_pending_per_addr : settings.max_pending_per_addr;
+    for (const auto &[field, setting] : {std::pair{cfg->auth_timeout_ms, &settings.auth_timeout},
+                                         std::pair{cfg->idle_timeout_ms, &settings.idle_timeout},
+                                         std::pair{cfg->frame_timeout_ms, &settings.frame_timeout},
+                                         std::pair{cfg->accept_backoff_ms, &settings.accept_backoff},
+                                         std::pair{cfg->evict_pace_ms, &settings.evict_pace}}) {
+        if (field != 0) {
+            *setting = std::chrono::milliseconds(field);
+        }
     }
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -257,19 +356,28 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         close_sockets();
         return RC_FAIL;
     }
+    if (!open_command_markers()) {
+        close_sockets();
+        return RC_FAIL;
+    }
+    g_counters.reset();
     {
         // Reporting threads read the limits under the lock; the channel's
         // thread reads them after its creation.
         std::lock_guard<std::mutex> hold(g_mutex);
         g_settings = settings;
         g_stop = false;
+        g_queued_commands = 0;
+        g_accept_resume_at = Clock::time_point{};
+        g_out_of_descriptors = false;
+        g_queued_commands_peak = 0;
     }
     g_thread = std::thread(run_loop);
-    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port);
+    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port.load());
     return RC_OK;
 }
 
-extern "C" USHORT_T lan_bound_port(void) { return g_port; }
+extern "C" USHORT_T lan_bound_port(void) { return g_port.load(); }
 
 extern "C" void lan_stop(void)
 {
@@ -286,6 +394,7 @@ extern "C" void lan_stop(void)
         std::lock_guard<std::mutex> hold(g_mutex);
         g_sessions.clear();
     }
+    close_command_markers();
     close_sockets();
 }
 

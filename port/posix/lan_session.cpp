@@ -7,14 +7,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "../../smart_frame/smart_frame.h"
 #include "wire_json.h"
 
 namespace sf_lan {
 
-Session::Session(int fd, std::string peer, Clock::time_point opened)
-    : fd_(fd), peer_(std::move(peer)), opened_(opened)
+Session::Session(int fd, std::string peer, Clock::time_point opened, std::string addr, uint64_t id)
+    : fd_(fd), peer_(std::move(peer)), addr_(std::move(addr)), id_(id), opened_(opened), last_input_(opened),
+      partial_since_(opened)
 {
 }
 
@@ -46,24 +48,21 @@ void Session::close_soon(const char *why)
     release_queue();
 }
 
-bool Session::take_bytes(const char *data, size_t len, size_t max_line, std::vector<std::string> *lines)
+void Session::take_bytes(const char *data, size_t len, Clock::time_point now)
 {
+    const bool was_partial = in_.partial();
     in_.append(data, len);
-    size_t start = 0;
-    for (size_t nl; (nl = in_.find('\n', start)) != std::string::npos; start = nl + 1) {
-        size_t end = nl;
-        if (end > start && in_[end - 1] == '\r') {
-            --end;
-        }
-        if (end - start > max_line) {
-            return false;
-        }
-        if (end > start) {
-            lines->emplace_back(in_, start, end - start);
-        }
+    last_input_ = now;
+    // A line finished in these bytes: an unfinished one after it starts now.
+    if (!was_partial || std::memchr(data, '\n', len) != nullptr) {
+        partial_since_ = now;
     }
-    in_.erase(0, start);
-    return in_.size() <= max_line;
+}
+
+void Session::hold(Clock::time_point now)
+{
+    last_input_ = now;
+    partial_since_ = now;
 }
 
 bool Session::queue_block(RFC_DATA_S *block, unsigned frame_type, size_t max_frames)

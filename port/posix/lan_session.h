@@ -1,6 +1,7 @@
 /*
- * One LAN client connection: its inbound line buffer, its authentication
- * state and its bounded queue of outbound frames.
+ * One LAN client connection: its inbound line buffer and the times that
+ * bound it, its authentication state, the count of its commands still
+ * waiting in the dispatch queue, and its bounded queue of outbound frames.
  *
  * Not thread-safe by itself: the LAN channel's lock guards every session.
  * Only the channel's thread reads and writes the socket.
@@ -9,11 +10,13 @@
 #define SF_POSIX_LAN_SESSION_H
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>
 
 #include "../../services/uni_rfc.h"
+#include "lan_line_buffer.h"
 
 namespace sf_lan {
 
@@ -28,13 +31,16 @@ struct OutFrame {
 
 class Session {
 public:
-    Session(int fd, std::string peer, Clock::time_point opened);
+    /* peer is "address:port"; addr the address alone. id is never reused in a process. */
+    Session(int fd, std::string peer, Clock::time_point opened, std::string addr = std::string(), uint64_t id = 0);
     ~Session();
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
 
     int fd() const { return fd_; }
     const std::string &peer() const { return peer_; }
+    const std::string &addr() const { return addr_; }
+    uint64_t id() const { return id_; }
     bool authed() const { return authed_; }
     void set_authed() { authed_ = true; }
     bool closing() const { return closing_; }
@@ -44,11 +50,25 @@ public:
     void close_soon(const char *why);
     const std::string &close_reason() const { return close_reason_; }
 
+    /* Append received bytes; the times of the input follow (see last_input, partial_since). */
+    void take_bytes(const char *data, size_t len, Clock::time_point now);
+    LineBuffer &input() { return in_; }
+
     /*
-     * Append received bytes; complete lines (without "\n" or "\r") go to
-     * *lines. false when a line grew past max_line (the framing is lost).
+     * The channel does not read this client now (its commands fill their
+     * quota): its silence is not its fault, so the idle and half-frame
+     * clocks restart.
      */
-    bool take_bytes(const char *data, size_t len, size_t max_line, std::vector<std::string> *lines);
+    void hold(Clock::time_point now);
+    /* When the client last sent something (or was last held). */
+    Clock::time_point last_input() const { return last_input_; }
+    /* Since when an unfinished line waits; meaningful while input().partial(). */
+    Clock::time_point partial_since() const { return partial_since_; }
+
+    /* Commands of this client handed to the smart frame and not yet handled. */
+    size_t waiting_commands() const { return waiting_commands_; }
+    void add_waiting_commands(size_t count) { waiting_commands_ += count; }
+    void remove_waiting_commands(size_t count) { waiting_commands_ -= count < waiting_commands_ ? count : waiting_commands_; }
 
     /*
      * Queue a frame; false (nothing queued, block not referenced) when
@@ -70,11 +90,16 @@ private:
 
     int fd_;
     std::string peer_;
+    std::string addr_;
+    uint64_t id_;
     Clock::time_point opened_;
+    Clock::time_point last_input_;
+    Clock::time_point partial_since_;
+    size_t waiting_commands_ = 0;
     bool authed_ = false;
     bool closing_ = false;
     std::string close_reason_;
-    std::string in_;
+    LineBuffer in_;
     std::deque<OutFrame> out_;
     size_t head_written_ = 0;
 };

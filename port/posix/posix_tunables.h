@@ -72,7 +72,10 @@
 
 /* ---- LAN channel (lan_*.cpp) ---- */
 
-/* Authenticated connections at once; more are closed at accept. */
+/*
+ * Authenticated connections at once; when this many are in, new
+ * connections are closed at accept, and an authentication beyond it is refused.
+ */
 #ifndef SF_LAN_MAX_CLIENTS
 #define SF_LAN_MAX_CLIENTS 8
 #endif
@@ -105,6 +108,78 @@
 /* Bytes read from one socket per read call. */
 #ifndef SF_LAN_READ_CHUNK
 #define SF_LAN_READ_CHUNK 4096
+#endif
+
+/*
+ * Commands of one client handed to the smart frame and not yet handled by
+ * the application [1..]. At this many the channel stops reading that
+ * client (TCP then holds the client back), so the dispatch queue holds at
+ * most max_clients times this many LAN commands, however fast clients send.
+ */
+#ifndef SF_LAN_MAX_CLIENT_COMMANDS
+#define SF_LAN_MAX_CLIENT_COMMANDS 32
+#endif
+
+/*
+ * Lines taken from one client per turn of the loop [1..]: a client sending
+ * fast cannot hold the thread (queries are answered on it) from the others.
+ */
+#ifndef SF_LAN_MAX_LINES_PER_TURN
+#define SF_LAN_MAX_LINES_PER_TURN 16
+#endif
+
+/*
+ * Connections not yet authenticated at once [1..]. A new one closes the
+ * oldest, so clients without the key cannot keep the channel full: a client
+ * that sends the key as it connects is read before its turn to be closed
+ * comes (see SF_LAN_EVICT_PACE_MS). Authenticated clients have their own
+ * pool (SF_LAN_MAX_CLIENTS), which these never take from.
+ */
+#ifndef SF_LAN_MAX_PENDING_CLIENTS
+#define SF_LAN_MAX_PENDING_CLIENTS 4
+#endif
+
+/* Unauthenticated connections from one IP address [1..max pending]; a new one closes its oldest. */
+#ifndef SF_LAN_MAX_PENDING_PER_ADDR
+#define SF_LAN_MAX_PENDING_PER_ADDR 2
+#endif
+
+/*
+ * Least milliseconds between two accepted connections that each close an
+ * older unauthenticated one [10..]. Meanwhile new connections wait in the
+ * listen queue, so a client that sends its key right after connecting has
+ * at least max pending per address times this long to be read, however fast
+ * others reconnect.
+ */
+#ifndef SF_LAN_EVICT_PACE_MS
+#define SF_LAN_EVICT_PACE_MS 100
+#endif
+
+/*
+ * Milliseconds an authenticated client may send nothing [1000..]; an empty
+ * line is enough to stay connected. Frees the slot of a vanished client
+ * whose connection never reported an error.
+ */
+#ifndef SF_LAN_IDLE_TIMEOUT_MS
+#define SF_LAN_IDLE_TIMEOUT_MS 300000
+#endif
+
+/*
+ * Milliseconds an unfinished line may wait for its end [100..]. A frame is
+ * one write of the client; one that stalls half-way is not coming.
+ */
+#ifndef SF_LAN_FRAME_TIMEOUT_MS
+#define SF_LAN_FRAME_TIMEOUT_MS 10000
+#endif
+
+/*
+ * Milliseconds the channel stops accepting after accept failed for want of
+ * descriptors (EMFILE, ENFILE, ENOBUFS, ENOMEM). The pending connection
+ * stays in the listen queue and would wake the loop at once again: the
+ * pause keeps the thread from spinning until descriptors are free.
+ */
+#ifndef SF_LAN_ACCEPT_BACKOFF_MS
+#define SF_LAN_ACCEPT_BACKOFF_MS 500
 #endif
 
 /* ---- Gateway registry (registry_*.cpp) ---- */

@@ -18,9 +18,17 @@ void LanPeer::close()
     }
 }
 
+bool LanPeer::open_socket()
+{
+    if (fd_ < 0) {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    }
+    return fd_ >= 0;
+}
+
 bool LanPeer::connect(int port)
 {
-    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    open_socket();
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

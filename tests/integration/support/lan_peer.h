@@ -13,6 +13,8 @@ namespace it {
 class LanPeer {
 public:
     ~LanPeer();
+    /* Create the socket now (connect does it otherwise): it then needs no new descriptor to connect. */
+    bool open_socket();
     bool connect(int port);
     bool send_line(const std::string &line);
     /* The next line without "\n"; false on time-out or when the gateway closed the connection. */

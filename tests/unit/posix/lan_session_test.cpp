@@ -43,23 +43,35 @@ protected:
     std::unique_ptr<Session> session_;
 };
 
-TEST_F(LanSession, CompleteLinesAreSplitAndAPartialLineWaits)
+TEST_F(LanSession, HalfFrameClockStartsWithTheUnfinishedLine)
 {
-    std::vector<std::string> lines;
-    const std::string first = "{\"a\":1}\r\n{\"b\"";
-    ASSERT_TRUE(session_->take_bytes(first.data(), first.size(), 100, &lines));
-    EXPECT_EQ(std::vector<std::string>{"{\"a\":1}"}, lines);
-    const std::string rest = ":2}\n\n";
-    ASSERT_TRUE(session_->take_bytes(rest.data(), rest.size(), 100, &lines));
-    EXPECT_EQ((std::vector<std::string>{"{\"a\":1}", "{\"b\":2}"}), lines);
+    const Clock::time_point t0 = Clock::now();
+    session_->take_bytes("{\"a\"", 4, t0 + std::chrono::seconds(1));
+    EXPECT_TRUE(session_->input().partial());
+    EXPECT_EQ(t0 + std::chrono::seconds(1), session_->partial_since());
+    session_->take_bytes(":1", 2, t0 + std::chrono::seconds(2));
+    EXPECT_EQ(t0 + std::chrono::seconds(1), session_->partial_since());
+    EXPECT_EQ(t0 + std::chrono::seconds(2), session_->last_input());
+    session_->take_bytes("}\n{", 3, t0 + std::chrono::seconds(3));
+    EXPECT_EQ(t0 + std::chrono::seconds(3), session_->partial_since());
 }
 
-TEST_F(LanSession, ALineLongerThanTheLimitLosesTheFraming)
+TEST_F(LanSession, HoldingRestartsTheInputClocks)
 {
-    std::vector<std::string> lines;
-    const std::string long_line(101, 'x');
-    EXPECT_FALSE(session_->take_bytes(long_line.data(), long_line.size(), 100, &lines));
-    EXPECT_TRUE(lines.empty());
+    const Clock::time_point t0 = Clock::now();
+    session_->take_bytes("{", 1, t0);
+    session_->hold(t0 + std::chrono::seconds(7));
+    EXPECT_EQ(t0 + std::chrono::seconds(7), session_->partial_since());
+    EXPECT_EQ(t0 + std::chrono::seconds(7), session_->last_input());
+}
+
+TEST_F(LanSession, WaitingCommandsNeverGoBelowZero)
+{
+    session_->add_waiting_commands(3);
+    session_->remove_waiting_commands(2);
+    EXPECT_EQ(1u, session_->waiting_commands());
+    session_->remove_waiting_commands(5);
+    EXPECT_EQ(0u, session_->waiting_commands());
 }
 
 TEST_F(LanSession, BlockIsFormattedWhenWrittenAndReleasedAfterwards)
