@@ -13,6 +13,8 @@ namespace sfcloud {
 
 namespace {
 
+constexpr int KEEPALIVE_MS = 60000;
+
 int millis_until(Deadline deadline)
 {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
@@ -96,9 +98,19 @@ bool LanLink::read_line(std::string *line, Deadline deadline)
             buffer_.erase(0, end + 1);
             return true;
         }
+        // The gateway closes a client that stays silent for minutes, so a
+        // long watch says an empty line (a keep-alive) once a minute.
+        const int left = millis_until(deadline);
+        const int wait = left < KEEPALIVE_MS ? left : KEEPALIVE_MS;
         pollfd p{fd_, POLLIN, 0};
-        const int ready = ::poll(&p, 1, millis_until(deadline));
+        const int ready = ::poll(&p, 1, wait);
         if (ready < 0 && errno == EINTR) {
+            continue;
+        }
+        if (ready == 0 && wait < left) {
+            if (!write_all(fd_, "\n")) {
+                return false;
+            }
             continue;
         }
         if (ready <= 0) {
