@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev
   libmosquitto-dev mosquitto
   clang libclang-rt-14-dev
+  prometheus  # promtool checks the metrics file the gateway writes
 )
 
 missing=()

@@ -1,0 +1,386 @@
+/*
+ * The log's buffer and writer thread (log_output.h).
+ *
+ * Producers append records to `pending` under one short lock (a copy,
+ * never I/O); the writer swaps `pending` with its own buffer and writes
+ * that without the lock. Both buffers keep their reserved capacity across
+ * swaps, so a line costs no allocation here. The same lock guards the rate
+ * limit's table of call sites.
+ *
+ * A record is [level byte][4-byte length][text]: the level lets syslog
+ * get a priority per line; a raw continuation is its own record.
+ */
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <thread>
+
+#include "../../services/uni_log.h"
+#include "log_internal.h"
+#include "log_output.h"
+#include "posix_tunables.h"
+
+namespace sf_log {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+constexpr size_t kCapacity = SF_LOG_BUFFER_BYTES;
+constexpr size_t kRecordHeader = 5;
+
+enum class Output { Stderr, File, Syslog };
+
+struct RateSite {
+    const char *file = nullptr; /* nullptr: free entry */
+    int line = 0;
+    const char *func = nullptr;
+    SteadyClock::time_point window_start;
+    unsigned printed = 0;
+    uint64_t suppressed = 0;
+};
+
+struct State {
+    std::mutex lock;
+    std::condition_variable work;    /* pending text, a reopen, or a flush request */
+    std::condition_variable written; /* a batch went out */
+    std::string pending;
+    uint64_t records_in = 0;  /* records appended so far */
+    uint64_t records_out = 0; /* records handed to the output so far */
+    uint64_t dropped_since_notice = 0;
+    bool reopen_wanted = false;
+    Output output = Output::Stderr;
+    std::string file_path;
+    int file_fd = -1;
+    RateSite sites[SF_LOG_RATE_SITES];
+    unsigned burst = SF_LOG_BURST;
+    SteadyClock::duration window = std::chrono::seconds(SF_LOG_WINDOW_S);
+    std::atomic<uint64_t> dropped{0};
+    std::atomic<uint64_t> suppressed{0};
+    std::atomic<uint64_t> bytes_written{0};
+};
+
+void flush_at_exit() { flush(std::chrono::milliseconds(2000)); }
+
+void run_writer(State *s);
+
+/* The process-wide state and its writer, started at the first line; never destroyed. */
+State &state()
+{
+    static State *s = [] {
+        State *created = new State();
+        created->pending.reserve(kCapacity);
+        std::thread(run_writer, created).detach();
+        std::atexit(flush_at_exit);
+        return created;
+    }();
+    return *s;
+}
+
+/* Append one record if it fits. Lock held. */
+bool append_locked(State &s, int level, const std::string &text)
+{
+    if (s.pending.size() + kRecordHeader + text.size() > kCapacity) {
+        return false;
+    }
+    const uint32_t len = static_cast<uint32_t>(text.size());
+    char header[kRecordHeader];
+    header[0] = static_cast<char>(level);
+    std::memcpy(header + 1, &len, sizeof len);
+    s.pending.append(header, kRecordHeader);
+    s.pending.append(text);
+    ++s.records_in;
+    return true;
+}
+
+/* Append, or count the line dropped; a first line that fits after drops says how many went. Lock held. */
+bool enqueue_locked(State &s, int level, const std::string &text)
+{
+    if (s.dropped_since_notice != 0) {
+        const std::string notice = detail::time_prefix() + "WARN os_log: " + std::to_string(s.dropped_since_notice) +
+                                   " log lines dropped: the log output is too slow\n";
+        if (s.pending.size() + 2 * kRecordHeader + notice.size() + text.size() > kCapacity) {
+            ++s.dropped_since_notice;
+            s.dropped.fetch_add(1, std::memory_order_relaxed);
+            return false;
+        }
+        append_locked(s, LOG_LEVEL_WARN, notice);
+        s.dropped_since_notice = 0;
+    }
+    if (!append_locked(s, level, text)) {
+        ++s.dropped_since_notice;
+        s.dropped.fetch_add(1, std::memory_order_relaxed);
+        return false;
+    }
+    return true;
+}
+
+void summarise_locked(State &s, RateSite &site, SteadyClock::time_point now)
+{
+    if (site.suppressed != 0) {
+        enqueue_locked(s, LOG_LEVEL_WARN,
+                       detail::time_prefix() + "WARN " + site.file + ':' + std::to_string(site.line) + ' ' +
+                           site.func + ": " + std::to_string(site.suppressed) + " similar lines suppressed\n");
+    }
+    site.window_start = now;
+    site.printed = 0;
+    site.suppressed = 0;
+}
+
+/* The call site's entry (created when free), or nullptr when the table is full. Lock held. */
+RateSite *site_of(State &s, const detail::Site &where)
+{
+    const size_t start = (reinterpret_cast<uintptr_t>(where.file) >> 3 ^ static_cast<size_t>(where.line) * 2654435761u) %
+                         SF_LOG_RATE_SITES;
+    for (size_t i = 0; i < SF_LOG_RATE_SITES; ++i) {
+        RateSite &site = s.sites[(start + i) % SF_LOG_RATE_SITES];
+        if (site.file == where.file && site.line == where.line) {
+            return &site;
+        }
+        if (site.file == nullptr) {
+            site.file = where.file;
+            site.line = where.line;
+            site.func = where.func != nullptr ? where.func : "?";
+            site.window_start = SteadyClock::now();
+            return &site;
+        }
+    }
+    return nullptr;
+}
+
+/* true when the line may go out. Lock held. */
+bool rate_allows_locked(State &s, int level, const detail::Site &where)
+{
+    if (level > LOG_LEVEL_WARN || where.file == nullptr) {
+        return true;
+    }
+    RateSite *site = site_of(s, where);
+    if (site == nullptr) {
+        return true;
+    }
+    const SteadyClock::time_point now = SteadyClock::now();
+    if (now - site->window_start >= s.window) {
+        summarise_locked(s, *site, now);
+    }
+    if (site->printed < s.burst) {
+        ++site->printed;
+        return true;
+    }
+    ++site->suppressed;
+    s.suppressed.fetch_add(1, std::memory_order_relaxed);
+    return false;
+}
+
+/* Summaries of the windows that ended with lines held back. Lock held. */
+void sweep_locked(State &s)
+{
+    const SteadyClock::time_point now = SteadyClock::now();
+    for (RateSite &site : s.sites) {
+        if (site.file != nullptr && site.suppressed != 0 &&
+            now - site.window_start >= s.window) {
+            summarise_locked(s, site, now);
+        }
+    }
+}
+
+void write_fd(int fd, const char *data, size_t len)
+{
+    while (len > 0) {
+        const ssize_t n = ::write(fd, data, len);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n <= 0) {
+            return; /* the output is gone: nothing better to do with the lines */
+        }
+        data += n;
+        len -= static_cast<size_t>(n);
+    }
+}
+
+int syslog_priority(int level)
+{
+    static const int priorities[] = {LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_INFO, LOG_DEBUG};
+    return level >= 0 && level <= LOG_LEVEL_DETAIL ? priorities[level] : LOG_INFO;
+}
+
+/* Hand a batch of records to the output; returns the bytes of text. Writer thread, lock not held. */
+size_t write_batch(const std::string &batch, Output output, int fd, std::string *syslog_line, int *syslog_level)
+{
+    std::string text;
+    text.reserve(batch.size());
+    size_t bytes = 0;
+    for (size_t at = 0; at + kRecordHeader <= batch.size();) {
+        uint32_t len = 0;
+        std::memcpy(&len, batch.data() + at + 1, sizeof len);
+        const int level = static_cast<unsigned char>(batch[at]);
+        const char *body = batch.data() + at + kRecordHeader;
+        at += kRecordHeader + len;
+        bytes += len;
+        if (output != Output::Syslog) {
+            text.append(body, len);
+            continue;
+        }
+        if (syslog_line->empty()) {
+            *syslog_level = level;
+        }
+        syslog_line->append(body, len);
+        size_t end;
+        while ((end = syslog_line->find('\n')) != std::string::npos) {
+            /* syslog stamps its own time: ours (up to the first space) is left out */
+            const size_t space = syslog_line->find(' ');
+            const size_t from = space != std::string::npos && space < end ? space + 1 : 0;
+            syslog(syslog_priority(*syslog_level), "%.*s", static_cast<int>(end - from), syslog_line->c_str() + from);
+            syslog_line->erase(0, end + 1);
+        }
+    }
+    if (!text.empty()) {
+        write_fd(fd, text.data(), text.size());
+    }
+    return bytes;
+}
+
+void reopen_locked(State &s)
+{
+    s.reopen_wanted = false;
+    if (s.output != Output::File) {
+        return;
+    }
+    const int fd = ::open(s.file_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    if (fd >= 0) {
+        ::close(s.file_fd);
+        s.file_fd = fd;
+    }
+}
+
+void run_writer(State *s)
+{
+    std::string batch;
+    batch.reserve(kCapacity);
+    std::string syslog_line;
+    int syslog_level = LOG_LEVEL_DETAIL;
+    std::unique_lock<std::mutex> held(s->lock);
+    for (;;) {
+        s->work.wait_for(held, std::chrono::seconds(1), [s] { return !s->pending.empty() || s->reopen_wanted; });
+        if (s->reopen_wanted) {
+            reopen_locked(*s);
+        }
+        sweep_locked(*s);
+        if (s->pending.empty()) {
+            continue;
+        }
+        batch.swap(s->pending);
+        const uint64_t upto = s->records_in;
+        const Output output = s->output;
+        const int fd = output == Output::File ? s->file_fd : STDERR_FILENO;
+        held.unlock();
+        s->bytes_written.fetch_add(write_batch(batch, output, fd, &syslog_line, &syslog_level),
+                                   std::memory_order_relaxed);
+        batch.clear();
+        held.lock();
+        s->records_out = upto;
+        s->written.notify_all();
+    }
+}
+
+} // namespace
+
+namespace detail {
+
+bool submit_line(int level, const Site &site, const std::string &text)
+{
+    State &s = state();
+    bool queued;
+    {
+        std::lock_guard<std::mutex> hold(s.lock);
+        if (!rate_allows_locked(s, level, site)) {
+            return false;
+        }
+        queued = enqueue_locked(s, level, text);
+    }
+    if (queued) {
+        s.work.notify_one();
+    }
+    return true;
+}
+
+void submit_raw(int level, const std::string &text)
+{
+    State &s = state();
+    {
+        std::lock_guard<std::mutex> hold(s.lock);
+        if (!enqueue_locked(s, level, text)) {
+            return;
+        }
+    }
+    s.work.notify_one();
+}
+
+} // namespace detail
+
+bool use_file(const std::string &path, std::string *why)
+{
+    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0640);
+    if (fd < 0) {
+        *why = "cannot open the log file " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    State &s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    if (s.file_fd >= 0) {
+        ::close(s.file_fd);
+    }
+    s.file_fd = fd;
+    s.file_path = path;
+    s.output = Output::File;
+    return true;
+}
+
+void use_syslog(const char *ident)
+{
+    openlog(ident, LOG_PID, LOG_DAEMON);
+    State &s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    s.output = Output::Syslog;
+}
+
+void reopen()
+{
+    State &s = state();
+    {
+        std::lock_guard<std::mutex> hold(s.lock);
+        s.reopen_wanted = true;
+    }
+    s.work.notify_one();
+}
+
+bool flush(std::chrono::milliseconds limit)
+{
+    State &s = state();
+    std::unique_lock<std::mutex> held(s.lock);
+    const uint64_t target = s.records_in;
+    s.work.notify_one();
+    return s.written.wait_for(held, limit, [&s, target] { return s.records_out >= target; });
+}
+
+void set_rate_limit(unsigned burst, std::chrono::milliseconds window)
+{
+    State &s = state();
+    std::lock_guard<std::mutex> hold(s.lock);
+    s.burst = burst;
+    s.window = window;
+}
+
+uint64_t dropped_lines() { return state().dropped.load(std::memory_order_relaxed); }
+
+uint64_t suppressed_lines() { return state().suppressed.load(std::memory_order_relaxed); }
+
+uint64_t written_bytes() { return state().bytes_written.load(std::memory_order_relaxed); }
+
+} // namespace sf_log
