@@ -30,6 +30,7 @@
 #include "gw_registry.h"
 #include "lan_config.h"
 #include "lan_channel_state.h"
+#include "metrics.h"
 #include "posix_tunables.h"
 
 namespace sf_lan {
@@ -121,6 +122,7 @@ void read_session(Session *session, std::vector<Command> *commands)
         for (std::string &line : lines) {
             if (!session->authed()) {
                 if (!authenticate(session, line)) {
+                    sf_metrics::lan_auth_refused(session->peer());
                     session->close_soon("authentication failed");
                     return;
                 }
