@@ -15,6 +15,11 @@ struct Options {
     bool no_lan = false;
     int log_level = -1;    /* -1: SF_LOG_LEVEL or the runtime's default */
     int connect_timeout_s = 10;
+    std::string log_file;        /* empty: standard error */
+    bool syslog = false;
+    std::string metrics_file;    /* empty: no Prometheus file */
+    int metrics_interval_s = 15; /* between two writes of the file */
+    int metrics_mqtt_s = 60;     /* between two health documents; 0: none */
     bool check_only = false;
     bool help = false;
 };
@@ -28,6 +33,9 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
 
 /* 0..5 from a number or a name (error, warn, notice, info, progress, detail); -1 when neither. */
 int parse_log_level(const std::string &text);
+
+/* false with *why when SF_LOG_LEVEL is set to something that is no level. */
+bool check_environment(std::string *why);
 
 const char *usage_text();
 

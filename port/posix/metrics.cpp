@@ -33,8 +33,9 @@ std::atomic<uint64_t> g_latency[kLatencyBuckets + 1];
 std::atomic<uint64_t> g_latency_sum_us{0};
 const SteadyClock::time_point g_started = SteadyClock::now();
 
-#define METRICS_NOTICE(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_NOTICE, __FILE__, __LINE__, __func__, __VA_ARGS__)
-#define METRICS_WARN(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_WARN, __FILE__, __LINE__, __func__, __VA_ARGS__)
+/* State changes an operator sees at the default level (notice). */
+#define METRICS_NOTICE(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_NOTICE, "metrics.cpp", __LINE__, __func__, __VA_ARGS__)
+#define METRICS_WARN(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_WARN, "metrics.cpp", __LINE__, __func__, __VA_ARGS__)
 
 uint64_t resident_bytes()
 {
