@@ -88,6 +88,7 @@ void add_registry(Snapshot *out)
     }
     MutexUnLock(gw->dev_mutex);
     out->dps_pending = out->dps_by_state[PV_STAT_LOCAL] + out->dps_by_state[PV_STAT_SENDING];
+    out->dps_pending_peak = out->dps_pending;
 }
 
 } // namespace

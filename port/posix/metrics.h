@@ -103,6 +103,7 @@ struct Snapshot {
     uint64_t devices_offline = 0;
     uint64_t dps_by_state[4] = {}; /* PV_STAT_INVALID, LOCAL, SENDING, CLOUD (every node) */
     uint64_t dps_pending = 0;      /* LOCAL + SENDING: values the cloud has not confirmed */
+    uint64_t dps_pending_peak = 0; /* the highest dps_pending the reporter saw since its last document */
     uint64_t log_dropped = 0;
     uint64_t log_suppressed = 0;
     double uptime_s = 0;

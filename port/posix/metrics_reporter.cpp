@@ -5,6 +5,7 @@
  */
 #include "metrics_reporter.h"
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -47,17 +48,25 @@ void write_file(Reporter &r, const Snapshot &s)
     }
 }
 
-void publish(Reporter &r, const Snapshot &s)
+/* true when the document went out (or there is none to send). */
+bool publish(Reporter &r, const Snapshot &s)
 {
-    if (r.config.mqtt_period_s > 0) {
-        sf_mqtt::publish_raw("metrics", json_document(s, r.config.gateway_id), 0, true);
-    }
+    return r.config.mqtt_period_s <= 0 ||
+           sf_mqtt::publish_raw("metrics", json_document(s, r.config.gateway_id), 0, true) == 0;
 }
 
+/*
+ * Each second: a snapshot, so that the document can tell the highest
+ * number of pending values since the last one (an outage's values are
+ * usually confirmed within a second of the reconnect, before the next
+ * document), then the file and the document when due. A document that
+ * cannot go out (no connection) is tried again the next second.
+ */
 void run(Reporter *r)
 {
     SteadyClock::time_point next_file = SteadyClock::now() + std::chrono::seconds(r->config.file_period_s);
     SteadyClock::time_point next_doc = SteadyClock::now();
+    uint64_t peak = 0;
     std::unique_lock<std::mutex> held(r->lock);
     while (!r->stop) {
         r->wake.wait_for(held, std::chrono::seconds(1), [r] { return r->stop; });
@@ -65,19 +74,19 @@ void run(Reporter *r)
             break;
         }
         held.unlock();
-        const SteadyClock::time_point now = SteadyClock::now();
-        const bool file_due = !r->config.file_path.empty() && now >= next_file;
-        const bool doc_due = r->config.mqtt_period_s > 0 && now >= next_doc;
-        if (file_due || doc_due) {
+        {
             std::lock_guard<std::mutex> out(r->output_lock);
-            const Snapshot s = snapshot();
-            if (file_due) {
+            Snapshot s = snapshot();
+            const SteadyClock::time_point now = SteadyClock::now();
+            peak = std::max(peak, s.dps_pending);
+            s.dps_pending_peak = peak;
+            if (!r->config.file_path.empty() && now >= next_file) {
                 write_file(*r, s);
                 next_file = now + std::chrono::seconds(r->config.file_period_s);
             }
-            /* not connected: tried again next second, so the cloud learns soon after a reconnect */
-            if (doc_due && sf_mqtt::publish_raw("metrics", json_document(s, r->config.gateway_id), 0, true) == 0) {
+            if (r->config.mqtt_period_s > 0 && now >= next_doc && publish(*r, s)) {
                 next_doc = now + std::chrono::seconds(r->config.mqtt_period_s);
+                peak = s.dps_pending;
             }
         }
         held.lock();

@@ -178,6 +178,7 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
            field("registry", "{" + field("devices", number(s.devices)) + "," + field("online", number(s.devices_online)) +
                                  "," + field("offline", number(s.devices_offline)) + "," +
                                  field("dps", "{" + states + "}") + "," + field("pending", number(s.dps_pending)) + "," +
+                                 field("pending_peak", number(s.dps_pending_peak)) + "," +
                                  field("heartbeat_probes", number(c[HeartbeatProbes])) + "}") +
            "," +
            field("log", "{" + field("dropped", number(s.log_dropped)) + "," +
