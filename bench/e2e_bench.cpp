@@ -29,6 +29,9 @@
 #include <thread>
 #include <vector>
 
+#include "cloud_defs/gw_intf.h"
+#include "port/posix/metrics.h"
+#include "port/posix/metrics_reporter.h"
 #include "port/posix/mqtt_config.h"
 #include "services/mqtt_client.h"
 #include "smart_frame/smart_frame.h"
@@ -137,15 +140,14 @@ std::string report_text(uint64_t n)
     return text;
 }
 
-/* range(0): reports in flight at most. Each iteration is 2,000 reports, all completed. */
-void BM_ConfirmedReports(benchmark::State &state)
+/* window: reports in flight at most. Each iteration is 2,000 reports, all completed. */
+void confirmed_reports(benchmark::State &state, size_t window)
 {
     std::string why;
     if (!start_once(&why)) {
         state.SkipWithError(why.c_str());
         return;
     }
-    const size_t window = static_cast<size_t>(state.range(0));
     constexpr uint64_t PER_ITERATION = 2000;
     static uint64_t next_value = 1;
     {
@@ -197,6 +199,27 @@ void BM_ConfirmedReports(benchmark::State &state)
     }
 }
 
+void BM_ConfirmedReports(benchmark::State &state) { confirmed_reports(state, static_cast<size_t>(state.range(0))); }
+
+/*
+ * The cost of the metrics (docs/metrics.md): range(0) 1 counts and runs the
+ * reporter (file and health document every second), 0 counts nothing and
+ * runs no reporter. Window 8.
+ */
+void BM_MetricsCost(benchmark::State &state)
+{
+    const bool on = state.range(0) != 0;
+    sf_metrics::g_enabled.store(on);
+    std::string why;
+    if (on && !sf_metrics::start_reporter({"/tmp/sf_bench_metrics.prom", 1, 1, get_gw_cntl()->gw_if.id}, &why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    confirmed_reports(state, 8);
+    sf_metrics::stop_reporter();
+    sf_metrics::g_enabled.store(true);
+}
+
 } // namespace
 
 extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
@@ -209,5 +232,6 @@ extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T t
 }
 
 BENCHMARK(BM_ConfirmedReports)->ArgName("window")->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MetricsCost)->ArgName("metrics")->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

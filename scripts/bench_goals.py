@@ -64,4 +64,13 @@ if e2e:
     best = max(b["reports_per_s"] for b in e2e.values())
     check("confirmed reports per second (best window)", best, 20000, at_most=False)
 
+if e2e:
+    # the metrics (docs/metrics.md): counting and the reporter cost at most 3 % of the throughput, same run
+    off = e2e.get("BM_MetricsCost/metrics:0/manual_time")
+    on = e2e.get("BM_MetricsCost/metrics:1/manual_time")
+    if off and on:
+        check("confirmed reports per second, metrics on / off", on["reports_per_s"] / off["reports_per_s"], 0.97,
+              at_most=False, unit=" x")
+        check("report latency p50, metrics on / off", on["p50_us"] / off["p50_us"], 1.03, unit=" x")
+
 sys.exit(1 if failures else 0)

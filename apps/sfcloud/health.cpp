@@ -179,7 +179,7 @@ void print_health_table(const std::map<std::string, GatewayHealth> &seen, long l
     }
 }
 
-int health(const Options &options, const apps::Description *names)
+int health(const Options &options, const apps::Description *names, std::string *detail)
 {
     const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
     const std::string host = !options.host.empty() ? options.host : defaults.host;
@@ -190,7 +190,7 @@ int health(const Options &options, const apps::Description *names)
     std::random_device seed;
     mosquitto *mosq = mosquitto_new(("sfcloud-health-" + std::to_string(seed() % 1000000000u)).c_str(), true, &g);
     if (mosq == nullptr) {
-        std::fprintf(stderr, "sfcloud: cannot create an MQTT client\n");
+        *detail = "cannot create an MQTT client";
         return EXIT_NO_ANSWER;
     }
     mosquitto_connect_callback_set(mosq, on_connect);
@@ -229,7 +229,7 @@ int health(const Options &options, const apps::Description *names)
     }
     mosquitto_destroy(mosq);
     if (!why.empty()) {
-        std::fprintf(stderr, "sfcloud: %s\n", why.c_str());
+        *detail = why;
         return EXIT_NO_ANSWER;
     }
     const long long now_s = static_cast<long long>(std::time(nullptr));
@@ -243,6 +243,8 @@ int health(const Options &options, const apps::Description *names)
     } else {
         print_health_table(seen, now_s, stdout);
     }
+    *detail = seen.empty() ? "no gateway published its health on " + g.prefix + "+/metrics"
+                           : std::to_string(seen.size()) + " gateway" + (seen.size() == 1 ? "" : "s");
     return seen.empty() ? EXIT_NO_ANSWER : EXIT_OK;
 }
 

@@ -38,8 +38,11 @@ bool health_row(const std::string &gateway, const GatewayHealth &seen, long long
 /* The table of rows, header first. */
 void print_health_table(const std::map<std::string, GatewayHealth> &seen, long long now_s, FILE *out);
 
-/* Subscribe, gather for --for seconds (default 3), print. Exit code as options.h. */
-int health(const Options &options, const apps::Description *names);
+/*
+ * Subscribe, gather for --for seconds (default 3), print the table or the
+ * JSON rows. Exit code as options.h, *detail for the outcome line.
+ */
+int health(const Options &options, const apps::Description *names, std::string *detail);
 
 } // namespace sfcloud
 

@@ -145,7 +145,9 @@ int main(int argc, char **argv)
     }
     const apps::Description *known = have_names ? &names : nullptr;
     if (options.words[0] == "health") { /* every gateway on the broker: no gateway id needed */
-        return sfcloud::health(options, known);
+        std::string detail;
+        const int code = sfcloud::health(options, known, &detail);
+        return finish(options, "health", code, detail);
     }
     const std::string gw_id = !options.gw.empty() ? options.gw : have_names ? names.gateway_id : "";
     if (gw_id.empty()) {

@@ -11,6 +11,7 @@
  * get a priority per line; a raw continuation is its own record.
  */
 #include <fcntl.h>
+#include <signal.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -69,6 +70,8 @@ struct State {
 void flush_at_exit() { flush(std::chrono::milliseconds(2000)); }
 
 void run_writer(State *s);
+void write_pending_on_abort(int signal_number);
+State *g_state = nullptr; /* for the abort handler */
 
 /* The process-wide state and its writer, started at the first line; never destroyed. */
 State &state()
@@ -78,6 +81,14 @@ State &state()
         created->pending.reserve(kCapacity);
         std::thread(run_writer, created).detach();
         std::atexit(flush_at_exit);
+        g_state = created;
+        /* the line that says why a process aborts must not die in the buffer */
+        struct sigaction action;
+        std::memset(&action, 0, sizeof action);
+        action.sa_handler = write_pending_on_abort;
+        action.sa_flags = SA_RESETHAND;
+        sigemptyset(&action.sa_mask);
+        sigaction(SIGABRT, &action, nullptr);
         return created;
     }();
     return *s;
@@ -244,6 +255,32 @@ size_t write_batch(const std::string &batch, Output output, int fd, std::string 
         write_fd(fd, text.data(), text.size());
     }
     return bytes;
+}
+
+/*
+ * SIGABRT: write what is still queued straight to the output (write(2)
+ * only, no allocation), then let the abort go on. The lock is taken if it
+ * is free; a process that aborts is past caring for a race with its writer.
+ */
+void write_pending_on_abort(int)
+{
+    State *s = g_state;
+    if (s == nullptr || s->output == Output::Syslog) {
+        return;
+    }
+    const bool locked = s->lock.try_lock();
+    const int fd = s->output == Output::File ? s->file_fd : STDERR_FILENO;
+    const std::string &pending = s->pending;
+    for (size_t at = 0; at + kRecordHeader <= pending.size();) {
+        uint32_t len = 0;
+        std::memcpy(&len, pending.data() + at + 1, sizeof len);
+        write_fd(fd, pending.data() + at + kRecordHeader, len);
+        at += kRecordHeader + len;
+    }
+    if (locked) {
+        s->pending.clear();
+        s->lock.unlock();
+    }
 }
 
 void reopen_locked(State &s)

@@ -1,21 +1,13 @@
 /*
- * The counters of metrics.h, the latency histogram, and the snapshot that
- * adds what the registry and the process know.
+ * The counters of metrics.h and their event functions. The snapshot is in
+ * metrics_snapshot.cpp, so that a runtime without the channels (the
+ * benchmarks') can count without linking them.
  */
 #include "metrics.h"
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 
-#include "lan_config.h"
-#include "../../services/mqtt_client.h"
-#include "../../services/uni_mutex.h"
 #include "channel_log.h"
-#include "gw_registry.h"
-#include "log_output.h"
 #include "mqtt_config.h"
 
 namespace sf_metrics {
@@ -23,78 +15,25 @@ namespace sf_metrics {
 std::atomic<uint64_t> g_counters[kCounterCount];
 std::atomic<uint64_t> g_dispatch_depth{0};
 std::atomic<uint64_t> g_dispatch_depth_max{0};
+std::atomic<uint64_t> g_latency[kLatencyBuckets + 1];
+std::atomic<uint64_t> g_latency_sum_us{0};
+std::atomic<bool> g_enabled{true};
 
 namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-/* per bucket, not cumulative; the last slot is above the highest bound */
-std::atomic<uint64_t> g_latency[kLatencyBuckets + 1];
-std::atomic<uint64_t> g_latency_sum_us{0};
-const SteadyClock::time_point g_started = SteadyClock::now();
-
 /* State changes an operator sees at the default level (notice). */
 #define METRICS_NOTICE(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_NOTICE, "metrics.cpp", __LINE__, __func__, __VA_ARGS__)
 #define METRICS_WARN(...) PrintLog(SF_CHANNEL_LOG_MODULE, LOG_LEVEL_WARN, "metrics.cpp", __LINE__, __func__, __VA_ARGS__)
-
-uint64_t resident_bytes()
-{
-    FILE *statm = std::fopen("/proc/self/statm", "r");
-    if (statm == nullptr) {
-        return 0;
-    }
-    unsigned long size = 0;
-    unsigned long resident = 0;
-    const int got = std::fscanf(statm, "%lu %lu", &size, &resident);
-    std::fclose(statm);
-    return got == 2 ? static_cast<uint64_t>(resident) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) : 0;
-}
-
-/*
- * attr.stat is the smart frame's, written under its own presence lock,
- * which the backend cannot take. The byte is read as it stands: a gauge
- * may be one change behind, never torn.
- */
-#if defined(__clang__) || defined(__GNUC__)
-__attribute__((no_sanitize("thread")))
-#endif
-bool online_of(const DEV_CNTL_N_S *node)
-{
-    return __atomic_load_n(&node->attr.stat, __ATOMIC_RELAXED) == DOS_ONLINE;
-}
-
-void add_registry(Snapshot *out)
-{
-    if (!gw_registry::loaded()) {
-        return;
-    }
-    GW_CNTL_S *gw = get_gw_cntl();
-    const DEV_CNTL_N_S *own = get_gw_dev_cntl();
-    MutexLock(gw->dev_mutex);
-    for (const DEV_CNTL_N_S *node = gw->dev; node != nullptr; node = node->next) {
-        if (node->dev_delete != 0) {
-            continue;
-        }
-        if (node != own) {
-            ++out->devices;
-            ++(online_of(node) ? out->devices_online : out->devices_offline);
-        }
-        for (BYTE_T i = 0; i < node->dp_num; ++i) {
-            const DP_PV_STAT_E state = node->dp[i].pv_stat;
-            if (state <= PV_STAT_CLOUD) {
-                ++out->dps_by_state[state];
-            }
-        }
-    }
-    MutexUnLock(gw->dev_mutex);
-    out->dps_pending = out->dps_by_state[PV_STAT_LOCAL] + out->dps_by_state[PV_STAT_SENDING];
-    out->dps_pending_peak = out->dps_pending;
-}
 
 } // namespace
 
 void publication_completed(int op_ret, SteadyClock::time_point accepted)
 {
+    if (!g_enabled.load(std::memory_order_relaxed)) {
+        return;
+    }
     if (op_ret == 0) {
         count(MqttConfirmed);
     } else {
@@ -136,43 +75,6 @@ void inbound_refused(const char *why)
     } else {
         count(InboundDroppedInvalid);
     }
-}
-
-Snapshot snapshot()
-{
-    Snapshot out;
-    for (int c = 0; c < kCounterCount; ++c) {
-        out.counters[c] = g_counters[c].load(std::memory_order_relaxed);
-    }
-    uint64_t cumulative = 0;
-    for (int b = 0; b <= kLatencyBuckets; ++b) {
-        cumulative += g_latency[b].load(std::memory_order_relaxed);
-        out.latency_buckets[b] = cumulative;
-    }
-    out.latency_sum_s = static_cast<double>(g_latency_sum_us.load(std::memory_order_relaxed)) / 1e6;
-    out.mqtt_connected = get_mqc_conn_stat() != 0;
-    out.dispatch_depth = g_dispatch_depth.load(std::memory_order_relaxed);
-    out.dispatch_depth_max = g_dispatch_depth_max.load(std::memory_order_relaxed);
-    out.lan_clients = lan_authed_client_count();
-    add_registry(&out);
-    out.log_dropped = sf_log::dropped_lines();
-    out.log_suppressed = sf_log::suppressed_lines();
-    out.uptime_s = std::chrono::duration<double>(SteadyClock::now() - g_started).count();
-    out.rss_bytes = resident_bytes();
-    out.unix_time_s = static_cast<int64_t>(std::time(nullptr));
-    return out;
-}
-
-void reset()
-{
-    for (std::atomic<uint64_t> &c : g_counters) {
-        c.store(0, std::memory_order_relaxed);
-    }
-    for (std::atomic<uint64_t> &b : g_latency) {
-        b.store(0, std::memory_order_relaxed);
-    }
-    g_latency_sum_us.store(0, std::memory_order_relaxed);
-    g_dispatch_depth_max.store(g_dispatch_depth.load(std::memory_order_relaxed), std::memory_order_relaxed);
 }
 
 } // namespace sf_metrics

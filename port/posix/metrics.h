@@ -47,12 +47,25 @@ constexpr int kLatencyBuckets = sizeof kLatencyBounds / sizeof kLatencyBounds[0]
 extern std::atomic<uint64_t> g_counters[kCounterCount];
 extern std::atomic<uint64_t> g_dispatch_depth;
 extern std::atomic<uint64_t> g_dispatch_depth_max;
+/* per bucket, not cumulative; the last slot is above the highest bound */
+extern std::atomic<uint64_t> g_latency[kLatencyBuckets + 1];
+extern std::atomic<uint64_t> g_latency_sum_us;
+/* Counting on (the default). Only the benchmarks turn it off, to measure what counting costs. */
+extern std::atomic<bool> g_enabled;
 
-inline void count(Counter c) { g_counters[c].fetch_add(1, std::memory_order_relaxed); }
+inline void count(Counter c)
+{
+    if (g_enabled.load(std::memory_order_relaxed)) {
+        g_counters[c].fetch_add(1, std::memory_order_relaxed);
+    }
+}
 
 /* The dispatch queue holds depth messages now (after a post). */
 inline void dispatch_depth(size_t depth)
 {
+    if (!g_enabled.load(std::memory_order_relaxed)) {
+        return;
+    }
     g_dispatch_depth.store(depth, std::memory_order_relaxed);
     uint64_t high = g_dispatch_depth_max.load(std::memory_order_relaxed);
     while (depth > high && !g_dispatch_depth_max.compare_exchange_weak(high, depth, std::memory_order_relaxed)) {
@@ -62,7 +75,9 @@ inline void dispatch_depth(size_t depth)
 /* A message was taken off the queue to run; depth left behind. */
 inline void dispatch_handled(size_t depth)
 {
-    g_dispatch_depth.store(depth, std::memory_order_relaxed);
+    if (g_enabled.load(std::memory_order_relaxed)) {
+        g_dispatch_depth.store(depth, std::memory_order_relaxed);
+    }
     count(DispatchHandled);
 }
 
