@@ -10,7 +10,9 @@
 #include <sstream>
 
 #include "support/channel_fixture.h"
+#include "support/stderr_capture.h"
 
+#include "port/posix/metrics.h"
 #include "port/posix/metrics_reporter.h"
 #include "smart_frame/smart_frame.h"
 
@@ -115,6 +117,48 @@ TEST_F(MetricsOutage, PendingGaugeRisesDuringTheOutageAndReturnsToZeroInTheFileA
             return saw_peak && !pending.empty() && pending.back() == 0;
         },
         seconds(40)));
+}
+
+uint64_t counter(sf_metrics::Counter c) { return sf_metrics::snapshot().counters[c]; }
+
+class ChannelCounters : public ChannelTest {};
+
+TEST_F(ChannelCounters, SessionsPublicationsAndInboundDocumentsAreCountedOnce)
+{
+    sf_metrics::reset();
+    StderrCapture log;
+    start({DeviceShape{"met20", 1, 1}});
+    EXPECT_EQ(1u, counter(sf_metrics::MqttConnects));
+    EXPECT_TRUE(log.wait_for("NOTICE metrics.cpp:", seconds(10)));
+    EXPECT_NE(std::string::npos, log.text().find("mqtt_session_up: MQTT session with 127.0.0.1:")) << log.text();
+
+    const uint64_t accepted = counter(sf_metrics::MqttAccepted);
+    const uint64_t confirmed = counter(sf_metrics::MqttConfirmed);
+    ASSERT_EQ(RC_OK, sf_obj_dp_report_async("met20", "{\"2\":7}", FALSE));
+    EXPECT_TRUE(eventually([&] { return counter(sf_metrics::MqttConfirmed) == confirmed + 1; }, seconds(10)));
+    EXPECT_EQ(accepted + 1, counter(sf_metrics::MqttAccepted));
+
+    ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"met20\"],\"dpids\":[2]}"));
+    EXPECT_TRUE(eventually([] { return counter(sf_metrics::InboundQuery) == 1; }, seconds(10)));
+    EXPECT_EQ(0u, counter(sf_metrics::InboundDp));
+
+    broker_->stop();
+    EXPECT_TRUE(eventually([] { return counter(sf_metrics::MqttDisconnects) == 1; }, seconds(10)));
+    EXPECT_TRUE(log.wait_for("mqtt_session_down: MQTT session with 127.0.0.1:", seconds(10)));
+}
+
+TEST_F(ChannelCounters, ARefusedLanKeyIsCountedAndLoggedAsAWarning)
+{
+    sf_metrics::reset();
+    StderrCapture log;
+    start({}, {}, false);
+    start_lan();
+    LanPeer intruder;
+    ASSERT_TRUE(intruder.connect(lan_bound_port()));
+    ASSERT_TRUE(intruder.send_line("{\"cmd\":\"auth\",\"key\":\"wrong\"}"));
+    EXPECT_TRUE(eventually([] { return counter(sf_metrics::LanAuthRefused) == 1; }, seconds(10)));
+    EXPECT_TRUE(log.wait_for(" refused: wrong local key", seconds(10)));
+    EXPECT_NE(std::string::npos, log.text().find("WARN metrics.cpp:")) << log.text();
 }
 
 } // namespace
