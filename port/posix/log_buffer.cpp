@@ -5,7 +5,7 @@
  * never I/O); the writer swaps `pending` with its own buffer and writes
  * that without the lock. Both buffers keep their reserved capacity across
  * swaps, so a line costs no allocation here. The same lock guards the rate
- * limit's table of call sites.
+ * limit (log_rate_limit.h).
  *
  * A record is [level byte][4-byte length][text]: the level lets syslog
  * get a priority per line; a raw continuation is its own record.
@@ -22,10 +22,12 @@
 #include <cstring>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "../../services/uni_log.h"
 #include "log_internal.h"
 #include "log_output.h"
+#include "log_rate_limit.h"
 #include "posix_tunables.h"
 
 namespace sf_log {
@@ -37,15 +39,6 @@ constexpr size_t kCapacity = SF_LOG_BUFFER_BYTES;
 constexpr size_t kRecordHeader = 5;
 
 enum class Output { Stderr, File, Syslog };
-
-struct RateSite {
-    const char *file = nullptr; /* nullptr: free entry */
-    int line = 0;
-    const char *func = nullptr;
-    SteadyClock::time_point window_start;
-    unsigned printed = 0;
-    uint64_t suppressed = 0;
-};
 
 struct State {
     std::mutex lock;
@@ -59,11 +52,9 @@ struct State {
     Output output = Output::Stderr;
     std::string file_path;
     int file_fd = -1;
-    RateSite sites[SF_LOG_RATE_SITES];
-    unsigned burst = SF_LOG_BURST;
-    SteadyClock::duration window = std::chrono::seconds(SF_LOG_WINDOW_S);
+    detail::RateLimit rate;
+    std::vector<std::string> summaries; /* scratch of the rate limit's summary lines */
     std::atomic<uint64_t> dropped{0};
-    std::atomic<uint64_t> suppressed{0};
     std::atomic<uint64_t> bytes_written{0};
 };
 
@@ -132,72 +123,13 @@ bool enqueue_locked(State &s, int level, const std::string &text)
     return true;
 }
 
-void summarise_locked(State &s, RateSite &site, SteadyClock::time_point now)
+/* Queue the rate limit's summary lines, if any. Lock held. */
+void enqueue_summaries_locked(State &s)
 {
-    if (site.suppressed != 0) {
-        enqueue_locked(s, LOG_LEVEL_WARN,
-                       detail::time_prefix() + "WARN " + site.file + ':' + std::to_string(site.line) + ' ' +
-                           site.func + ": " + std::to_string(site.suppressed) + " similar lines suppressed\n");
+    for (const std::string &line : s.summaries) {
+        enqueue_locked(s, LOG_LEVEL_WARN, line);
     }
-    site.window_start = now;
-    site.printed = 0;
-    site.suppressed = 0;
-}
-
-/* The call site's entry (created when free), or nullptr when the table is full. Lock held. */
-RateSite *site_of(State &s, const detail::Site &where)
-{
-    const size_t start = (reinterpret_cast<uintptr_t>(where.file) >> 3 ^ static_cast<size_t>(where.line) * 2654435761u) %
-                         SF_LOG_RATE_SITES;
-    for (size_t i = 0; i < SF_LOG_RATE_SITES; ++i) {
-        RateSite &site = s.sites[(start + i) % SF_LOG_RATE_SITES];
-        if (site.file == where.file && site.line == where.line) {
-            return &site;
-        }
-        if (site.file == nullptr) {
-            site.file = where.file;
-            site.line = where.line;
-            site.func = where.func != nullptr ? where.func : "?";
-            site.window_start = SteadyClock::now();
-            return &site;
-        }
-    }
-    return nullptr;
-}
-
-/* true when the line may go out. Lock held. */
-bool rate_allows_locked(State &s, int level, const detail::Site &where)
-{
-    if (level > LOG_LEVEL_WARN || where.file == nullptr) {
-        return true;
-    }
-    RateSite *site = site_of(s, where);
-    if (site == nullptr) {
-        return true;
-    }
-    const SteadyClock::time_point now = SteadyClock::now();
-    if (now - site->window_start >= s.window) {
-        summarise_locked(s, *site, now);
-    }
-    if (site->printed < s.burst) {
-        ++site->printed;
-        return true;
-    }
-    ++site->suppressed;
-    s.suppressed.fetch_add(1, std::memory_order_relaxed);
-    return false;
-}
-
-/* Summaries of the windows that ended with lines held back. Lock held. */
-void sweep_locked(State &s)
-{
-    const SteadyClock::time_point now = SteadyClock::now();
-    for (RateSite &site : s.sites) {
-        if (site.file != nullptr && site.suppressed != 0 &&
-            now - site.window_start >= s.window) {
-            summarise_locked(s, site, now);
-        }
-    }
+    s.summaries.clear();
 }
 
 void write_fd(int fd, const char *data, size_t len)
@@ -308,7 +240,8 @@ void run_writer(State *s)
         if (s->reopen_wanted) {
             reopen_locked(*s);
         }
-        sweep_locked(*s);
+        s->rate.sweep(&s->summaries);
+        enqueue_summaries_locked(*s);
         if (s->pending.empty()) {
             continue;
         }
@@ -336,7 +269,9 @@ bool submit_line(int level, const Site &site, const std::string &text)
     bool queued;
     {
         std::lock_guard<std::mutex> hold(s.lock);
-        if (!rate_allows_locked(s, level, site)) {
+        const bool allowed = s.rate.allows(level, site, &s.summaries);
+        enqueue_summaries_locked(s);
+        if (!allowed) {
             return false;
         }
         queued = enqueue_locked(s, level, text);
@@ -410,13 +345,12 @@ void set_rate_limit(unsigned burst, std::chrono::milliseconds window)
 {
     State &s = state();
     std::lock_guard<std::mutex> hold(s.lock);
-    s.burst = burst;
-    s.window = window;
+    s.rate.configure(burst, window);
 }
 
 uint64_t dropped_lines() { return state().dropped.load(std::memory_order_relaxed); }
 
-uint64_t suppressed_lines() { return state().suppressed.load(std::memory_order_relaxed); }
+uint64_t suppressed_lines() { return state().rate.suppressed(); }
 
 uint64_t written_bytes() { return state().bytes_written.load(std::memory_order_relaxed); }
 
