@@ -33,8 +33,6 @@
 namespace sf_log {
 namespace {
 
-using SteadyClock = std::chrono::steady_clock;
-
 constexpr size_t kCapacity = SF_LOG_BUFFER_BYTES;
 constexpr size_t kRecordHeader = 5;
 

@@ -80,8 +80,8 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
     client->pending.open();
     client->established = true;
     g_connected = true;
-    sf_metrics::mqtt_session_up(client->host.c_str(), client->port);
     gw_registry_set_nw_status(GW_NW_CLOUD);
+    sf_metrics::mqtt_session_up(client->host.c_str(), client->port);
     CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
     // Values whose publication failed while the cloud was away go out again.
     sf_start_sync_obj_dp();
