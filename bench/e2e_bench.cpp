@@ -35,6 +35,9 @@
 #include <thread>
 #include <vector>
 
+#include "cloud_defs/gw_intf.h"
+#include "port/posix/metrics.h"
+#include "port/posix/metrics_reporter.h"
 #include "port/posix/mqtt_config.h"
 #include "port/posix/state_store.h"
 #include "services/mqtt_client.h"
@@ -210,17 +213,16 @@ bool report_in_slot(uint64_t n, const std::string &text)
     return sf_obj_dp_report_async(id.c_str(), text.c_str(), FALSE) == RC_OK;
 }
 
-/* range(0): reports in flight at most. Each iteration is 2,000 reports, all completed. */
-void BM_ConfirmedReports(benchmark::State &state)
+/* window: reports in flight at most, store_on: the state store runs. Each iteration is 2,000 reports, all completed. */
+void confirmed_reports(benchmark::State &state, size_t window, bool store_on)
 {
     std::string why;
     if (!start_once(&why)) {
         state.SkipWithError(why.c_str());
         return;
     }
-    const size_t window = static_cast<size_t>(state.range(0));
-    const StoreFor store(state.range(1) != 0);
-    if (state.range(1) != 0 && !store.on()) {
+    const StoreFor store(store_on);
+    if (store_on && !store.on()) {
         state.SkipWithError("the state store did not start");
         return;
     }
@@ -264,6 +266,31 @@ void BM_ConfirmedReports(benchmark::State &state)
     if (g_failed != 0) {
         state.SkipWithError("a publication was not acknowledged");
     }
+}
+
+/* range(0): reports in flight at most; range(1): 1 with the state store on. */
+void BM_ConfirmedReports(benchmark::State &state)
+{
+    confirmed_reports(state, static_cast<size_t>(state.range(0)), state.range(1) != 0);
+}
+
+/*
+ * The cost of the metrics (docs/metrics.md): range(0) 1 counts and runs the
+ * reporter (file and health document every second), 0 counts nothing and
+ * runs no reporter. Window 8, no state store.
+ */
+void BM_MetricsCost(benchmark::State &state)
+{
+    const bool on = state.range(0) != 0;
+    sf_metrics::g_enabled.store(on);
+    std::string why;
+    if (on && !sf_metrics::start_reporter({"/tmp/sf_bench_metrics.prom", 1, 1, get_gw_cntl()->gw_if.id}, &why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    confirmed_reports(state, 8, false);
+    sf_metrics::stop_reporter();
+    sf_metrics::g_enabled.store(true);
 }
 
 /*
@@ -334,6 +361,7 @@ BENCHMARK(BM_ConfirmedReports)
     ->ArgsProduct({{1, 8, 64}, {0, 1}})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_MetricsCost)->ArgName("metrics")->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StateWriteVolume)->ArgName("reports_per_s")->Arg(50)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
 
 BENCHMARK_MAIN();

@@ -75,4 +75,23 @@ if e2e:
                       f"{b['write_bytes_per_report']:,.0f} bytes written, "
                       f"{b['disk_bytes_per_report']:,.0f} bytes to the disk per report")
 
+if e2e:
+    # the metrics (docs/metrics.md): counting and the reporter cost at most 3 % of the throughput and of the
+    # median latency, in the same run. On a machine so busy that the runs spread by more than 10 % (cv), 3 %
+    # cannot be told from noise: the ratios are then printed, not judged.
+    with open(os.path.join(results, "sf_bench_e2e.json")) as f:
+        cv = {b["run_name"]: b for b in json.load(f)["benchmarks"] if b.get("aggregate_name") == "cv"}
+    off_name, on_name = "BM_MetricsCost/metrics:0/manual_time", "BM_MetricsCost/metrics:1/manual_time"
+    if off_name in e2e and on_name in e2e:
+        off, on = e2e[off_name], e2e[on_name]
+        noisy = max(cv.get(n, {}).get("reports_per_s", 0) for n in (off_name, on_name)) > 0.10
+        for label, ratio, limit, at_most in (
+                ("confirmed reports per second, metrics on / off", on["reports_per_s"] / off["reports_per_s"], 0.97,
+                 False),
+                ("report latency p50, metrics on / off", on["p50_us"] / off["p50_us"], 1.03, True)):
+            if noisy:
+                print(f"info {label}: {ratio:.3f} x (runs spread by more than 10 %: not judged)")
+            else:
+                check(label, ratio, limit, at_most=at_most, unit=" x")
+
 sys.exit(1 if failures else 0)

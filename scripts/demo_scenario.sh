@@ -69,7 +69,9 @@ broker_start "$work" "$mqtt_port" || exit 1
 # sessions that keep what the gateway says from its first message on
 expect_ok --session demo-reports subscribe
 expect_ok --session demo-presence subscribe
-gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info || exit 1
+metrics=$work/metrics.prom
+gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info \
+  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 || exit 1
 sed 's/^/   /' "$work/sfgw.out"
 
 heading "Initial reports: every device reports its start-up values, then comes online in one batch"
@@ -110,11 +112,17 @@ broker_stop "$work"
 echo "   mosquitto stopped"
 expect_ok --lan "127.0.0.1:$lan_port" set plug01 switch=off
 expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300 work_mode=scene
-sleep 2
+metric_wait "$metrics" sf_dps_pending -gt 0 20 | sed 's/^/   values waiting for the cloud (metrics file): /' ||
+  failures+=("step $step_no: the pending gauge did not rise")
 heading "The broker returns: the gateway re-sends every value the cloud did not confirm"
 broker_start "$work" "$mqtt_port" || exit 1
 echo "   mosquitto started again on the same port"
 expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300 work_mode=scene
+metric_wait "$metrics" sf_dps_pending -eq 0 20 | sed 's/^/   values waiting for the cloud (metrics file): /' ||
+  failures+=("step $step_no: the pending gauge did not return to 0")
+
+heading "The gateway's health, as the cloud sees it (sfcloud health, docs/metrics.md)"
+expect_ok --for 6 health
 
 heading "A restart during an outage: values change, the gateway is killed (SIGKILL) and starts without the broker"
 expect_ok --session restart subscribe
@@ -130,7 +138,8 @@ else
 fi
 gateway_kill "$work"
 echo "   sfgw killed with SIGKILL"
-gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info || exit 1
+gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info \
+  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 || exit 1
 grep -h "state: .* restored" "$work/sfgw.log" | tail -n 1 | sed 's/^.*state: /   state: /'
 heading "The broker returns: every value changed during the outage reaches the cloud, and a query shows the devices as they were left"
 broker_start "$work" "$mqtt_port" || exit 1
@@ -148,6 +157,9 @@ else
   failures+=("step $step_no: clean shutdown")
 fi
 
+echo
+echo "== The gateway's metrics at its stop ($metrics, Prometheus text format)"
+grep -v '^#' "$metrics" | sed 's/^/   /'
 echo
 if [ ${#failures[@]} -eq 0 ]; then
   echo "demo passed: $step_no steps in $((SECONDS - started)) s"

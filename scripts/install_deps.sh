@@ -12,6 +12,7 @@ packages=(
   libsqlite3-dev sqlite3
   python3 python3-paho-mqtt
   clang libclang-rt-14-dev
+  prometheus  # promtool checks the metrics file the gateway writes
 )
 
 missing=()

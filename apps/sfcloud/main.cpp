@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/description.h"
+#include "health.h"
 #include "link.h"
 #include "options.h"
 #include "plan.h"
@@ -143,6 +144,11 @@ int main(int argc, char **argv)
         return finish(options, options.words[0], sfcloud::EXIT_USAGE, why);
     }
     const apps::Description *known = have_names ? &names : nullptr;
+    if (options.words[0] == "health") { /* every gateway on the broker: no gateway id needed */
+        std::string detail;
+        const int code = sfcloud::health(options, known, &detail);
+        return finish(options, "health", code, detail);
+    }
     const std::string gw_id = !options.gw.empty() ? options.gw : have_names ? names.gateway_id : "";
     if (gw_id.empty()) {
         return finish(options, options.words[0], sfcloud::EXIT_USAGE,

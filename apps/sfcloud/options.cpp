@@ -16,6 +16,8 @@ const char *usage_text()
            "DP name or number from the description.\n"
            "\n"
            "Commands:\n"
+           "  health                       every gateway's health from its metrics document: link,\n"
+           "                               pending values, drops, latency (--json: one object each)\n"
            "  watch                        show every uplink message decoded (--table: a live table,\n"
            "                               filled at start by a query to every device)\n"
            "  set DEV DP=VALUE...          command DPs; waits for the device's report or the echo\n"

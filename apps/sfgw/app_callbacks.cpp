@@ -4,6 +4,7 @@
 
 #include "app_log.h"
 #include "cloud_defs/gw_intf.h"
+#include "port/posix/metrics.h"
 
 namespace sfgw {
 
@@ -120,6 +121,7 @@ void install_app_callbacks(Simulator *sim, const apps::Description *description)
 void probe_callback(const char *dev_id)
 {
     /* runs with the presence lock held: only queue the probe */
+    sf_metrics::count(sf_metrics::HeartbeatProbes);
     Simulator *sim = g_sim.load();
     if (sim != nullptr && dev_id != nullptr) {
         sim->probe(dev_id);

@@ -6,6 +6,7 @@
 #include "app_log.h"
 #include "port/posix/gw_registry.h"
 #include "port/posix/lan_config.h"
+#include "port/posix/metrics_reporter.h"
 #include "port/posix/mqtt_config.h"
 #include "port/posix/posix_runtime.h"
 #include "port/posix/state_store.h"
@@ -78,6 +79,14 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
         return false;
     }
     mqtt_started_ = true;
+    if (!options_.metrics_file.empty() || options_.metrics_mqtt_s > 0) {
+        if (!sf_metrics::start_reporter({options_.metrics_file, options_.metrics_interval_s, options_.metrics_mqtt_s,
+                                         description_.gateway_id},
+                                        why)) {
+            return false;
+        }
+        metrics_started_ = true;
+    }
 
     const bool lan_wanted = description_.lan.enabled && !options_.no_lan;
     if (lan_wanted && description_.local_key.empty()) {
@@ -133,6 +142,10 @@ void Gateway::stop()
      * and the dispatch thread can finish its queue before the registry
      * frees the devices its handlers use.
      */
+    if (metrics_started_) {
+        sf_metrics::stop_reporter(); /* its last document still goes out */
+        metrics_started_ = false;
+    }
     if (mqtt_started_) {
         mqc_stop();
         mqtt_started_ = false;

@@ -49,6 +49,7 @@ private:
     bool registry_loaded_ = false;
     bool frame_started_ = false;
     bool mqtt_started_ = false;
+    bool metrics_started_ = false;
     bool lan_started_ = false;
 };
 

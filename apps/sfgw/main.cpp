@@ -11,6 +11,7 @@
 #include "gateway.h"
 #include "options.h"
 #include "port/posix/gw_registry.h"
+#include "port/posix/log_output.h"
 #include "port/posix/posix_runtime.h"
 
 namespace {
@@ -52,6 +53,13 @@ int main(int argc, char **argv)
         std::fputs(sfgw::usage_text(), stdout);
         return 0;
     }
+    if (!sfgw::check_environment(&why) || (!options.log_file.empty() && !sf_log::use_file(options.log_file, &why))) {
+        std::fprintf(stderr, "sfgw: %s\n", why.c_str());
+        return sfgw::EXIT_USAGE;
+    }
+    if (options.syslog) {
+        sf_log::use_syslog("sfgw");
+    }
     if (options.log_level >= 0) {
         uni_log_set_level(options.log_level);
     }
@@ -72,7 +80,9 @@ int main(int argc, char **argv)
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    sigset_t blocked = stop_signals;
+    sigaddset(&blocked, SIGHUP); /* logrotate's "re-open your log", taken by the sigwait below */
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
     sfgw::Gateway gateway(options, description);
@@ -90,7 +100,9 @@ int main(int argc, char **argv)
     std::fflush(stdout);
 
     int signal_number = 0;
-    sigwait(&stop_signals, &signal_number);
+    while (sigwait(&blocked, &signal_number) == 0 && signal_number == SIGHUP) {
+        sf_log::reopen();
+    }
     std::printf("sfgw: %s received, stopping\n", signal_number == SIGINT ? "SIGINT" : "SIGTERM");
     std::fflush(stdout);
     gateway.stop();

@@ -4,18 +4,21 @@
 
 #include <cstdlib>
 
+#include "port/posix/log_output.h"
+
 namespace sfgw {
 
-int parse_log_level(const std::string &text)
+int parse_log_level(const std::string &text) { return sf_log::parse_level(text); }
+
+bool check_environment(std::string *why)
 {
-    static const char *const names[] = {"error", "warn", "notice", "info", "progress", "detail"};
-    for (int i = 0; i < 6; ++i) {
-        if (text == names[i]) {
-            return i;
-        }
+    const char *level = std::getenv("SF_LOG_LEVEL");
+    if (level != nullptr && parse_log_level(level) < 0) {
+        *why = std::string("SF_LOG_LEVEL: expected 0..5 or error, warn, notice, info, progress, detail, got \"") + level +
+               "\"";
+        return false;
     }
-    int level = -1;
-    return apps::parse_int(text, 0, 5, &level) ? level : -1;
+    return true;
 }
 
 const char *usage_text()
@@ -24,7 +27,8 @@ const char *usage_text()
            "\n"
            "Runs a smart frame gateway against an MQTT broker, with the simulated\n"
            "sub-devices of the description behind it (see README.md, \"Writing a\n"
-           "gateway description\"). Stops cleanly on SIGINT or SIGTERM.\n"
+           "gateway description\"). Stops cleanly on SIGINT or SIGTERM; SIGHUP\n"
+           "re-opens the log file.\n"
            "\n"
            "Options:\n"
            "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
@@ -32,13 +36,19 @@ const char *usage_text()
            "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"
            "  --no-lan                do not open the LAN channel\n"
            "  --log-level LEVEL       0..5 or error, warn, notice, info, progress, detail\n"
-           "                          (default: $SF_LOG_LEVEL, else progress)\n"
+           "                          (default: $SF_LOG_LEVEL, else notice)\n"
            "  --connect-timeout SEC   exit 1 when the broker is not reached in SEC seconds at start\n"
            "                          (default: start without it and keep trying, with back-off)\n"
            "  --state FILE            DP values and publish states kept across restarts\n"
            "                          (default /var/lib/sfgw/state.db; see docs/state.md)\n"
            "  --no-state              keep no state: start from the description every time\n"
            "  --state-interval MS     milliseconds between two writes of the state file (default 200)\n"
+           "  --log-file PATH         append the log to PATH; re-opened on SIGHUP (logrotate)\n"
+           "  --syslog                send the log to syslog (facility daemon)\n"
+           "  --metrics-file PATH     write the metrics in Prometheus text format to PATH\n"
+           "  --metrics-interval SEC  seconds between two writes of that file (default 15)\n"
+           "  --metrics-mqtt SEC      seconds between two health documents on <root>/<gateway>/metrics\n"
+           "                          (default 60, 0 for none); see docs/metrics.md\n"
            "  --check                 check the description and exit\n"
            "  --lenient-commands      hand commands to the smart frame unchecked (no refusal answers,\n"
            "                          see docs/wire-protocol.md, \"Refused commands\")\n"
@@ -107,6 +117,22 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             out->log_level = parse_log_level(value);
             if (out->log_level < 0) {
                 *why = arg + ": expected 0..5 or error, warn, notice, info, progress, detail, got " + value;
+                return false;
+            }
+        } else if (arg == "--syslog") {
+            out->syslog = true;
+        } else if (arg == "--log-file" || arg == "--metrics-file") {
+            if (!need_value("a file name")) {
+                return false;
+            }
+            (arg == "--log-file" ? out->log_file : out->metrics_file) = value;
+        } else if (arg == "--metrics-interval" || arg == "--metrics-mqtt") {
+            if (!need_value("seconds")) {
+                return false;
+            }
+            const bool file = arg == "--metrics-interval";
+            if (!apps::parse_int(value, file ? 1 : 0, 86400, file ? &out->metrics_interval_s : &out->metrics_mqtt_s)) {
+                *why = arg + ": expected seconds (" + (file ? "1" : "0") + "..86400), got " + value;
                 return false;
             }
         } else if (arg == "--connect-timeout") {

@@ -18,6 +18,11 @@ struct Options {
     std::string state_file = "/var/lib/sfgw/state.db";
     bool no_state = false;
     int state_interval_ms = 200; /* SF_STATE_WRITE_INTERVAL_MS */
+    std::string log_file;        /* empty: standard error */
+    bool syslog = false;
+    std::string metrics_file;    /* empty: no Prometheus file */
+    int metrics_interval_s = 15; /* between two writes of the file */
+    int metrics_mqtt_s = 60;     /* between two health documents; 0: none */
     bool check_only = false;
     bool lenient_commands = false; /* --lenient-commands: no edge check of inbound commands */
     bool help = false;
@@ -32,6 +37,9 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
 
 /* 0..5 from a number or a name (error, warn, notice, info, progress, detail); -1 when neither. */
 int parse_log_level(const std::string &text);
+
+/* false with *why when SF_LOG_LEVEL is set to something that is no level. */
+bool check_environment(std::string *why);
 
 const char *usage_text();
 

@@ -11,6 +11,7 @@
 #include "../../services/uni_log.h"
 #include "../../services/uni_memory.h"
 #include "dispatch_core.h"
+#include "metrics.h"
 #include "posix_runtime.h"
 
 namespace posix_rt {
@@ -65,6 +66,7 @@ void run_message(Dispatch &d, std::unique_lock<std::mutex> &held)
 {
     MESSAGE msg = d.queue.front().msg;
     d.queue.pop_front();
+    sf_metrics::dispatch_handled(d.queue.size());
     auto handler = d.handlers.find(msg.msgID);
     const MSG_CALLBACK cb = handler != d.handlers.end() ? handler->second : nullptr;
     held.unlock();

@@ -11,6 +11,7 @@
 
 #include "channel_log.h"
 #include "lan_channel_state.h"
+#include "metrics.h"
 
 namespace sf_lan {
 
@@ -79,6 +80,7 @@ bool admit(int fd, const std::string &addr, const std::string &peer, uint64_t id
 void refuse(Session *session, const char *why)
 {
     count(g_counters.auth_refused);
+    sf_metrics::count(sf_metrics::LanAuthRefused);
     CH_LOG_WARN("LAN client %s refused: %s", session->peer().c_str(), why);
     session->close_soon(why);
 }

@@ -6,6 +6,7 @@
 #include "../../services/lan_channel.h"
 #include "channel_log.h"
 #include "lan_channel_state.h"
+#include "metrics.h"
 #include "lan_config.h"
 #include "wire_json.h"
 
@@ -28,6 +29,7 @@ size_t queue_to_authed(QueueFn &&queue)
             CH_LOG_ERR("LAN client %s dropped: %zu frames waiting", session->peer().c_str(),
                        g_settings.max_queue_frames);
             count(g_counters.dropped_slow);
+            sf_metrics::count(sf_metrics::LanDroppedSlow);
             session->close_soon("too slow");
         }
     }

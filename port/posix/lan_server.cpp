@@ -35,6 +35,7 @@
 #include "gw_registry.h"
 #include "lan_config.h"
 #include "lan_channel_state.h"
+#include "metrics.h"
 #include "posix_tunables.h"
 
 namespace sf_lan {

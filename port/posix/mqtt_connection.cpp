@@ -37,6 +37,7 @@
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
 #include "gw_registry.h"
+#include "metrics.h"
 #include "mqtt_client_state.h"
 #include "posix_tunables.h"
 
@@ -80,6 +81,7 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
     client->established = true;
     g_connected = true;
     gw_registry_set_nw_status(GW_NW_CLOUD);
+    sf_metrics::mqtt_session_up(client->host.c_str(), client->port);
     CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
     // Values whose publication failed while the cloud was away go out again.
     sf_start_sync_obj_dp();
@@ -93,6 +95,7 @@ void on_disconnect(mosquitto *, void *obj, int rc)
         gw_registry_set_nw_status(GW_NW_LAN);
     }
     if (was_connected) {
+        sf_metrics::mqtt_session_down(client->host.c_str(), client->port);
         if (rc != 0) {
             CH_LOG_ERR("MQTT connection to %s:%d lost (%s), reconnecting", client->host.c_str(), client->port,
                        mosquitto_strerror(rc));
@@ -126,6 +129,7 @@ void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
         CH_LOG_ERR("message on %s dropped: unknown command topic", msg->topic);
         return;
     }
+    sf_metrics::inbound_received(static_cast<int>(kind));
     client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen));
 }
 

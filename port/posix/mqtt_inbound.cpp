@@ -4,6 +4,7 @@
 #include "mqtt_inbound.h"
 
 #include "channel_log.h"
+#include "metrics.h"
 #include "wire_json.h"
 
 namespace sf_mqtt {
@@ -37,6 +38,7 @@ void InboundWorker::stop()
 void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len)
 {
     if (len > max_bytes_) {
+        sf_metrics::count(sf_metrics::InboundDroppedOversize);
         CH_LOG_ERR("%s command dropped: %zu bytes, at most %zu accepted", sf_wire::cmd_kind_name(kind), len,
                    max_bytes_);
         return;
@@ -47,6 +49,7 @@ void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len)
             return;
         }
         if (queue_.size() >= max_queued_) {
+            sf_metrics::count(sf_metrics::InboundDroppedQueueFull);
             CH_LOG_ERR("%s command dropped: %zu commands already waiting", sf_wire::cmd_kind_name(kind),
                        queue_.size());
             return;
@@ -72,6 +75,7 @@ void InboundWorker::run()
         const char *why = "";
         cJSON *doc = sf_wire::parse_bounded(item.payload.data(), item.payload.size(), max_bytes_, max_depth_, &why);
         if (doc == nullptr) {
+            sf_metrics::inbound_refused(why);
             CH_LOG_ERR("%s command dropped: %s", sf_wire::cmd_kind_name(item.kind), why);
             continue;
         }

@@ -6,6 +6,7 @@
 #include <iterator>
 
 #include "../../services/uni_rfc.h"
+#include "metrics.h"
 #include "mqtt_config.h"
 
 namespace sf_mqtt {
@@ -148,6 +149,7 @@ size_t PendingPublications::size()
 
 void PendingPublications::complete(const Completion &done, OPERATE_RET op_ret)
 {
+    sf_metrics::publication_completed(op_ret, done.accepted);
     if (done.cb != nullptr) {
         done.cb(op_ret, done.prv_data);
     }

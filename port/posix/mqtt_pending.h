@@ -44,6 +44,7 @@ struct Completion {
     void *prv_data = nullptr;
     RFC_DATA_S *block = nullptr; /* a reference of the client's own, or null */
     Clock::time_point deadline;
+    Clock::time_point accepted = Clock::now(); /* for the completion latency (metrics.h) */
 };
 
 /* A publication whose result is known but whose callback has not run yet. */

@@ -9,6 +9,7 @@
 #include "../../services/mqtt_client.h"
 #include "../../smart_frame/smart_frame.h"
 #include "channel_log.h"
+#include "metrics.h"
 #include "mqtt_client_state.h"
 #include "wire_json.h"
 
@@ -49,6 +50,7 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
         CH_LOG_ERR("mosquitto_publish failed: %s", mosquitto_strerror(rc));
         return MQC_RC_PUBLISH_FAIL;
     }
+    sf_metrics::count(sf_metrics::MqttAccepted);
     return RC_OK;
 }
 

@@ -10,6 +10,7 @@
 
 #include "../../services/uni_memory.h"
 #include "dispatch_core.h"
+#include "metrics.h"
 
 using posix_rt::Dispatch;
 using posix_rt::RunState;
@@ -97,6 +98,7 @@ extern "C" OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LE
             result = RC_FAIL;
         } else {
             d.queue.push_back({MESSAGE{mid, copy, len}, posix_rt::Clock::now()});
+            sf_metrics::dispatch_depth(d.queue.size());
             d.wake.notify_one();
         }
     }

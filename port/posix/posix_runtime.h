@@ -9,10 +9,12 @@
  *   run:    the dispatch thread runs handlers and timed messages
  *   stop:   cmmod_stop();   before the process tears down what handlers use
  *
- * Logging goes to standard error. Its level filter starts from the
- * environment variable SF_LOG_LEVEL (a number 0..5 or one of the names
- * error, warn, notice, info, progress, detail) and defaults to progress (4);
- * uni_log_set_level overrides it at any time.
+ * Logging goes to standard error (or a file or syslog: log_output.h)
+ * through a bounded buffer and a writer thread, so it never waits for the
+ * output. Its level filter starts from the environment variable
+ * SF_LOG_LEVEL (a number 0..5 or one of the names error, warn, notice,
+ * info, progress, detail) and defaults to notice (2); uni_log_set_level
+ * overrides it at any time.
  */
 #ifndef POSIX_RUNTIME_H
 #define POSIX_RUNTIME_H

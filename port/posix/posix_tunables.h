@@ -220,4 +220,31 @@
 #define SF_STATE_BUSY_TIMEOUT_MS 1000
 #endif
 
+/* ---- Log (os_log.cpp, log_buffer.cpp) and metrics (metrics_*.cpp) ---- */
+
+/*
+ * Bytes of formatted log text waiting for the writer thread [4096..]. Twice
+ * this is allocated (the writer drains one buffer while lines go to the
+ * other). Past it, lines are dropped and counted rather than waited for:
+ * a reporter logging under dev_mutex must never wait on a slow console.
+ */
+#ifndef SF_LOG_BUFFER_BYTES
+#define SF_LOG_BUFFER_BYTES 65536
+#endif
+
+/* Errors and warnings printed per call site and window before the rest are counted only [1..]. */
+#ifndef SF_LOG_BURST
+#define SF_LOG_BURST 10
+#endif
+
+/* Seconds of a rate-limit window [1..3600]; a broker outage retries about twice a minute. */
+#ifndef SF_LOG_WINDOW_S
+#define SF_LOG_WINDOW_S 60
+#endif
+
+/* Call sites the rate limit tells apart; lines of further sites are never limited. */
+#ifndef SF_LOG_RATE_SITES
+#define SF_LOG_RATE_SITES 256
+#endif
+
 #endif /* SF_POSIX_TUNABLES_H */

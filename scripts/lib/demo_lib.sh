@@ -63,14 +63,14 @@ broker_stop() {
   rm -f "$dir/broker.pid"
 }
 
-# gateway_start DIR SFGW DESCRIPTION MQTT_PORT LAN_PORT [LEVEL]: the daemon in
-# the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log (appended: a
-# restart keeps the story); waits until it is up. Its state file is
-# $SFGW_STATE, else DIR/state.db.
+# gateway_start DIR SFGW DESCRIPTION MQTT_PORT LAN_PORT [LEVEL [OPTION...]]: the
+# daemon in the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log
+# (appended: a restart keeps the story); waits until it is up. Its state
+# file is $SFGW_STATE, else DIR/state.db.
 gateway_start() {
   local dir=$1 sfgw=$2 description=$3 mqtt_port=$4 lan_port=$5 level=${6:-info}
   "$sfgw" "$description" --mqtt-port "$mqtt_port" --lan-port "$lan_port" --log-level "$level" \
-    --state "${SFGW_STATE:-$dir/state.db}" >"$dir/sfgw.out" 2>>"$dir/sfgw.log" &
+    --state "${SFGW_STATE:-$dir/state.db}" "${@:7}" >"$dir/sfgw.out" 2>>"$dir/sfgw.log" &
   echo $! >"$dir/sfgw.pid"
   local deadline=$((SECONDS + 30))
   while ((SECONDS < deadline)); do
@@ -114,4 +114,17 @@ gateway_stop() {
   wait "$pid" 2>/dev/null || status=$?
   rm -f "$dir/sfgw.pid"
   return $status
+}
+
+# metric_wait FILE NAME TEST VALUE SECONDS: wait until the sample NAME in the
+# Prometheus file passes [ sample TEST VALUE ] (e.g. -gt 0); prints it.
+metric_wait() {
+  local file=$1 name=$2 test=$3 value=$4 deadline=$((SECONDS + $5)) now
+  while ((SECONDS < deadline)); do
+    now=$(sed -n "s/^$name{[^}]*} \([0-9]*\)$/\1/p" "$file" 2>/dev/null | head -n 1)
+    if [ -n "$now" ] && [ "$now" "$test" "$value" ]; then echo "$name = $now"; return 0; fi
+    sleep 0.2
+  done
+  echo "$name = ${now:-?}, expected $test $value" >&2
+  return 1
 }

@@ -8,6 +8,8 @@
 #include <sstream>
 #include <thread>
 
+#include "port/posix/log_output.h"
+
 namespace it {
 
 StderrCapture::StderrCapture()
@@ -15,6 +17,7 @@ StderrCapture::StderrCapture()
     char tmpl[] = "/tmp/sf_it_stderr_XXXXXX";
     const int fd = ::mkstemp(tmpl);
     path_ = tmpl;
+    sf_log::flush(); /* lines logged before the capture go where they were meant to */
     std::fflush(stderr);
     saved_fd_ = ::dup(STDERR_FILENO);
     ::dup2(fd, STDERR_FILENO);
@@ -23,6 +26,7 @@ StderrCapture::StderrCapture()
 
 StderrCapture::~StderrCapture()
 {
+    sf_log::flush(); /* the log's writer thread still holds lines meant for the capture */
     std::fflush(stderr);
     const std::string captured = text();
     ::dup2(saved_fd_, STDERR_FILENO);
@@ -34,6 +38,7 @@ StderrCapture::~StderrCapture()
 
 std::string StderrCapture::text() const
 {
+    sf_log::flush();
     std::fflush(stderr);
     std::ifstream in(path_);
     std::stringstream all;

@@ -4,13 +4,19 @@
 #include <regex>
 #include <string>
 
+#include "port/posix/log_output.h"
 #include "port/posix/posix_runtime.h"
 #include "services/uni_log.h"
 
 namespace {
 
 using ::testing::internal::CaptureStderr;
-using ::testing::internal::GetCapturedStderr;
+/* Lines reach standard error through the log's writer thread: wait for them first. */
+std::string GetCapturedStderr()
+{
+    EXPECT_TRUE(sf_log::flush());
+    return ::testing::internal::GetCapturedStderr();
+}
 
 TEST(Log, LineCarriesTimeLevelSourceLineFunctionAndMessage)
 {
@@ -79,10 +85,10 @@ TEST(Log, RawTextContinuesALineShownAndIsDroppedAfterALineFilteredOut)
     EXPECT_EQ(std::string::npos, out.find("3 "));
 }
 
-TEST(Log, DefaultLevelIsProgressWithoutEnvironment)
+TEST(Log, DefaultLevelIsNoticeWithoutEnvironment)
 {
     unsetenv("SF_LOG_LEVEL");
-    EXPECT_EQ(LOG_LEVEL_PROGRESS, uni_log_get_level());
+    EXPECT_EQ(LOG_LEVEL_NOTICE, uni_log_get_level());
 }
 
 /* The environment is read once, at the first use of the log in the process (each test runs alone). */
@@ -103,7 +109,7 @@ TEST(Log, EnvironmentNumberSetsTheInitialLevel)
 TEST(Log, UnreadableEnvironmentKeepsTheDefault)
 {
     setenv("SF_LOG_LEVEL", "loud", 1);
-    EXPECT_EQ(LOG_LEVEL_PROGRESS, uni_log_get_level());
+    EXPECT_EQ(LOG_LEVEL_NOTICE, uni_log_get_level());
 }
 
 } // namespace
