@@ -45,10 +45,29 @@ TIME_S system_now()
     return now;
 }
 
+/*
+ * hb_start and hb_send_cb are set by sf_sys_mag_hb_init after the timer
+ * starts, on the application's thread, and read without a lock by the
+ * pass (dispatch thread) and by refreshes on any thread. The callback is
+ * stored before the flag is released, so whoever sees the flag set also
+ * sees the callback stored with it. The control block keeps its plain
+ * fields (the layout is shared), hence the builtins on the fields.
+ */
+void publish_supervision(DEV_HEARTBEAT_SEND_CB send)
+{
+    __atomic_store_n(&sf_cntl.hb_send_cb, send, __ATOMIC_RELEASE);
+    __atomic_store_n(&sf_cntl.hb_start, static_cast<BOOL_T>(TRUE), __ATOMIC_RELEASE);
+}
+
+DEV_HEARTBEAT_SEND_CB probe_callback()
+{
+    return __atomic_load_n(&sf_cntl.hb_send_cb, __ATOMIC_ACQUIRE);
+}
+
 /* The per-device functions work only once supervision has been started. */
 bool refused_before_init()
 {
-    return sf_cntl.hb_start != TRUE;
+    return __atomic_load_n(&sf_cntl.hb_start, __ATOMIC_ACQUIRE) != TRUE;
 }
 
 /*
@@ -108,8 +127,7 @@ extern "C" OPERATE_RET sf_sys_mag_hb_init(const DEV_HEARTBEAT_SEND_CB hb_send_cb
         SF_LOG_ERR("cmmod_start_tm_msg err:%d", op_ret);
         return op_ret;
     }
-    sf_cntl.hb_send_cb = hb_send_cb;
-    sf_cntl.hb_start = TRUE;
+    publish_supervision(hb_send_cb);
     return RC_OK;
 }
 
@@ -135,7 +153,13 @@ extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S 
     sf::ScopedLock lock(sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     attr.hb_timeout_time = hb_timeout_time;
-    /* spread the first probes of many devices configured together */
+    /*
+     * Spread the first probes of many devices configured together. The
+     * module's only std::rand call is made here, under dos_mutex, so the
+     * module's callers never share the generator's state unlocked; an
+     * application that also calls std::rand relies on its C library's rand
+     * being thread-safe (glibc's is), as any rand user must.
+     */
     attr.hb_send_time = system_now() + static_cast<TIME_S>(std::rand() % FIRST_PROBE_SPREAD_S);
     attr.max_resend_times = max_resend_times;
     return RC_OK;
@@ -174,7 +198,7 @@ extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
      * probe callback a refresh sets the device online and the next pass
      * sets it offline again (unless it never times out): kept as designed.
      */
-    if (sf_cntl.hb_send_cb != nullptr) {
+    if (probe_callback() != nullptr) {
         attr.last_ol_time = system_now();
         if (attr.hb_timeout_time != NEVER_TIMES_OUT && attr.hb_timeout_time != 0) {
             attr.hb_send_time = attr.last_ol_time + attr.hb_timeout_time - PROBE_LEAD_S;
@@ -221,7 +245,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
         __sf_dev_ol_stat_update(dev, online);
         MutexUnLock(gw_cntl->dev_mutex);
 
-        const DEV_HEARTBEAT_SEND_CB send = sf_cntl.hb_send_cb;
+        const DEV_HEARTBEAT_SEND_CB send = probe_callback();
         if (send != nullptr) {
             probe_if_due(dev, cur_time, send);
         }
