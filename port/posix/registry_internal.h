@@ -59,6 +59,12 @@ bool parse_gateway(const cJSON *root, const std::string &file, GatewayLayout *ou
 /* Parse and check one device object found at `where`. */
 bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error);
 
+/* Whether an id can be written into JSON as it is: no quote, backslash or control character. */
+bool id_fits_json(const std::string &id);
+
+/* The id in quotes, as a JSON string, for error texts (it may hold what id_fits_json refuses). */
+std::string quoted_id(const std::string &id);
+
 /* Fill *error (when given) and return false, for one-line refusals. */
 bool fail(LoadError *error, const std::string &file, const std::string &path, const std::string &why);
 
