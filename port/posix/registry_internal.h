@@ -9,6 +9,7 @@
 #include <cjson/cJSON.h>
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -72,6 +73,7 @@ bool fail(LoadError *error, const std::string &file, const std::string &path, co
 struct Retired {
     DEV_CNTL_N_S *node;
     std::chrono::steady_clock::time_point since;
+    uint64_t epoch; /* removal number: freed only once the dispatch thread has passed it */
 };
 
 struct Store {
@@ -86,10 +88,19 @@ struct Store {
     std::string local_key;
     bool loaded = false;
     std::chrono::milliseconds grace{SF_REGISTRY_RETIRE_GRACE_MS};
+    /* removals so far, and the last one the dispatch thread is known to have finished every job since */
+    uint64_t retire_epoch = 0;
+    uint64_t dispatch_passed = 0;
 };
 
 /* The one store, its dev_mutex created on first use; never destroyed. */
 Store &store();
+
+/* Release a node and everything it owns; nothing may use it any more. */
+void free_node(DEV_CNTL_N_S *node);
+
+/* Have the dispatch thread report when it is next between jobs (registry_reclaim.cpp). No lock held. */
+void watch_dispatch();
 
 /* The node with this id, or nullptr. index_lock held. */
 DEV_CNTL_N_S *find_locked(Store &s, const char *id);

@@ -64,6 +64,8 @@ bool is_typed(const DP_CNTL_S &dp, DP_PROP_TP_E prop_tp)
     return dp.dp_desc.type == DP_TYPE_OBJ && dp.dp_desc.prop_tp == prop_tp;
 }
 
+} // namespace
+
 void free_node(DEV_CNTL_N_S *node)
 {
     if (node == nullptr) {
@@ -84,6 +86,8 @@ void free_node(DEV_CNTL_N_S *node)
     std::free(node->attr.scene);
     std::free(node);
 }
+
+namespace {
 
 void copy_text(CHAR_T *dst, size_t room, const std::string &text)
 {
@@ -179,7 +183,8 @@ void retire_node(Store &s, DEV_CNTL_N_S *node)
     for (DEV_CNTL_N_S *cur = s.gw.dev; cur != nullptr && cur != node; cur = cur->next) {
         prev = cur;
     }
-    node->dev_delete = 1;
+    /* read without dev_mutex by the smart frame's walkers (the rule in gw_intf.h) */
+    __atomic_store_n(&node->dev_delete, static_cast<BYTE_T>(1), __ATOMIC_RELEASE);
     DEV_CNTL_N_S **slot = prev != nullptr ? &prev->next : &s.gw.dev;
     __atomic_store_n(slot, node->next, __ATOMIC_RELEASE);
     if (s.tail == node) {
@@ -187,7 +192,7 @@ void retire_node(Store &s, DEV_CNTL_N_S *node)
     }
     --s.gw.dev_num;
     s.index.erase(node->dev_if.id);
-    s.retired.push_back({node, std::chrono::steady_clock::now()});
+    s.retired.push_back({node, std::chrono::steady_clock::now(), ++s.retire_epoch});
 }
 
 bool parse_text(const std::string &json, const std::string &label, cJSON **root, LoadError *error)
@@ -355,27 +360,11 @@ OPERATE_RET remove_device(const std::string &id)
             detail::retire_node(s, node);
         }
     }
+    if (result == RC_OK) {
+        detail::watch_dispatch();
+    }
     reclaim();
     return result;
-}
-
-size_t reclaim()
-{
-    Store &s = detail::store();
-    std::vector<DEV_CNTL_N_S *> expired;
-    {
-        std::lock_guard<std::mutex> guard(s.index_lock);
-        const auto now = std::chrono::steady_clock::now();
-        while (!s.retired.empty() && now - s.retired.front().since >= s.grace) {
-            expired.push_back(s.retired.front().node);
-            s.dp_names.erase(s.retired.front().node);
-            s.retired.pop_front();
-        }
-    }
-    for (DEV_CNTL_N_S *node : expired) {
-        detail::free_node(node);
-    }
-    return expired.size();
 }
 
 void set_grace_period(std::chrono::milliseconds grace)

@@ -189,7 +189,7 @@ extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
         if (online.full() || offline.full()) {
             break; /* the rest waits for a later batch */
         }
-        if (dev->dev_delete != 0 || dev->dev_if.bind != TRUE || dev->attr.dosm == DOSM_REPORTED) {
+        if (sf::device_removed(dev) || dev->dev_if.bind != TRUE || dev->attr.dosm == DOSM_REPORTED) {
             continue;
         }
         /* only 1 is online: any other stored value is reported offline */
