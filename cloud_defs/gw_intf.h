@@ -12,9 +12,10 @@
  * made after the node is complete. A caller that holds dev_mutex MAY read
  * them plainly. A caller that does not (the DP sync, the online/offline
  * batches, their completions) MUST read next, the head and dev_delete with
- * acquire loads (__atomic_load_n(..., __ATOMIC_ACQUIRE)) and MUST skip a
- * node whose dev_delete is non-zero; any other field of a node it reaches
- * is then as it was when the node was linked. The fields stay plain in the
+ * acquire loads (__atomic_load_n(..., __ATOMIC_ACQUIRE)); any other field
+ * the registry set before linking a node is then seen as it was set. A
+ * node flagged dev_delete is out of the list but still alive for a walk
+ * standing on it. The fields stay plain in the
  * records, so the layout is the same for every backend.
  */
 #ifndef GW_INTF_H
