@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "annotated_lock.h"
 #include "gw_registry.h"
 #include "posix_tunables.h"
 
@@ -78,19 +79,22 @@ struct Retired {
 
 struct Store {
     GW_CNTL_S gw{};
-    /* guarded by index_lock (a leaf lock: nothing is called while it is held) */
-    std::mutex index_lock;
-    std::unordered_map<std::string, DEV_CNTL_N_S *> index;
-    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names; /* in DP table order */
-    std::deque<Retired> retired;
-    DEV_CNTL_N_S *own_node = nullptr;
-    DEV_CNTL_N_S *tail = nullptr; /* last node of the list; under dev_mutex */
-    std::string local_key;
-    bool loaded = false;
-    std::chrono::milliseconds grace{SF_REGISTRY_RETIRE_GRACE_MS};
+    /* gw.dev_mutex as the analysis knows it */
+    posix_sync::LockName dev_mutex_name;
+    /* a leaf lock: nothing is called while it is held */
+    posix_sync::Mutex index_lock;
+    std::unordered_map<std::string, DEV_CNTL_N_S *> index SF_GUARDED_BY(index_lock);
+    /* in DP table order */
+    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names SF_GUARDED_BY(index_lock);
+    std::deque<Retired> retired SF_GUARDED_BY(index_lock);
+    DEV_CNTL_N_S *own_node SF_GUARDED_BY(index_lock) = nullptr;
+    DEV_CNTL_N_S *tail SF_GUARDED_BY(dev_mutex_name) = nullptr; /* last node of the list */
+    std::string local_key SF_GUARDED_BY(index_lock);
+    bool loaded SF_GUARDED_BY(index_lock) = false;
+    std::chrono::milliseconds grace SF_GUARDED_BY(index_lock){SF_REGISTRY_RETIRE_GRACE_MS};
     /* removals so far, and the last one the dispatch thread is known to have finished every job since */
-    uint64_t retire_epoch = 0;
-    uint64_t dispatch_passed = 0;
+    uint64_t retire_epoch SF_GUARDED_BY(index_lock) = 0;
+    uint64_t dispatch_passed SF_GUARDED_BY(index_lock) = 0;
 };
 
 /* The one store, its dev_mutex created on first use; never destroyed. */
@@ -102,8 +106,8 @@ void free_node(DEV_CNTL_N_S *node);
 /* Have the dispatch thread report when it is next between jobs (registry_reclaim.cpp). No lock held. */
 void watch_dispatch();
 
-/* The node with this id, or nullptr. index_lock held. */
-DEV_CNTL_N_S *find_locked(Store &s, const char *id);
+/* The node with this id, or nullptr. */
+DEV_CNTL_N_S *find_locked(Store &s, const char *id) SF_REQUIRES(s.index_lock);
 
 } // namespace detail
 } // namespace gw_registry

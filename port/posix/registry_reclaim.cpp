@@ -39,7 +39,7 @@ namespace {
 void dispatch_passed(TM_MSG_S *)
 {
     Store &s = store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     s.dispatch_passed = s.retire_epoch;
 }
 
@@ -78,7 +78,7 @@ size_t reclaim()
     const bool no_dispatch_job = detail::dispatch_stopped();
     std::vector<DEV_CNTL_N_S *> expired;
     {
-        std::lock_guard<std::mutex> guard(s.index_lock);
+        posix_sync::Guard guard(s.index_lock);
         const auto now = std::chrono::steady_clock::now();
         /* in removal order: the first one that must stay keeps the later ones too */
         while (!s.retired.empty() && now - s.retired.front().since >= s.grace &&

@@ -18,7 +18,7 @@
 #include "../frame_cntl.h"
 #include "../json_helpers.h"
 #include "../sf_log.h"
-#include "../sf_raii.h"
+#include "../sf_lock.h"
 #include "presence.h"
 #include "sub_device.h"
 
@@ -76,7 +76,7 @@ bool refused_before_init()
  * offline; a clock that went backwards makes the difference huge, so the
  * device goes offline. Caller holds dos_mutex.
  */
-BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time)
+BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time) SF_REQUIRES(sf::dos_mutex_cap)
 {
     if (attr.hb_timeout_time == NEVER_TIMES_OUT) {
         return TRUE;
@@ -95,8 +95,9 @@ BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time)
  * into the presence or heartbeat functions.
  */
 void probe_if_due(DEV_CNTL_N_S *dev, TIME_S cur_time, DEV_HEARTBEAT_SEND_CB send)
+    SF_EXCLUDES(sf::dev_mutex_cap, sf::dos_mutex_cap)
 {
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev->attr;
     if (attr.hb_send_time == 0 || cur_time < attr.hb_send_time || attr.hb_timeout_time == NEVER_TIMES_OUT ||
         attr.hb_timeout_time == NEVER_PROBED) {
@@ -150,7 +151,7 @@ extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S 
         return RC_FAIL;
     }
 
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     attr.hb_timeout_time = hb_timeout_time;
     /*
@@ -186,7 +187,7 @@ extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
         return RC_DEV_NOT_BOUND;
     }
 
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     if (attr.stat != DOS_ONLINE) {
         /* no timer here: the next pass starts the batch */
@@ -219,7 +220,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
 {
     (void)tm_msg;
     GW_CNTL_S *gw_cntl = get_gw_cntl();
-    MutexLock(gw_cntl->dev_mutex);
+    sf::Hold dev_lock(sf::dev_mutex_cap, gw_cntl->dev_mutex);
     count = count < LAST_QUIET_PASS ? count + 1 : 0;
 
     for (DEV_CNTL_N_S *dev = gw_cntl->dev; dev != nullptr; dev = dev->next) {
@@ -232,7 +233,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
         BOOL_T online = FALSE;
         {
             /* the heartbeat fields are dos_mutex's, also when read */
-            sf::ScopedLock lock(sf_cntl.dos_mutex);
+            sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
             last_ol_time = dev->attr.last_ol_time;
             hb_timeout_time = dev->attr.hb_timeout_time;
             online = heartbeat_alive(dev->attr, cur_time);
@@ -243,13 +244,12 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
             SF_LOG_PROG("id:%s online:%d", dev->dev_if.id, online);
         }
         __sf_dev_ol_stat_update(dev, online);
-        MutexUnLock(gw_cntl->dev_mutex);
+        dev_lock.unlock();
 
         const DEV_HEARTBEAT_SEND_CB send = probe_callback();
         if (send != nullptr) {
             probe_if_due(dev, cur_time, send);
         }
-        MutexLock(gw_cntl->dev_mutex);
+        dev_lock.lock();
     }
-    MutexUnLock(gw_cntl->dev_mutex);
 }
