@@ -7,10 +7,11 @@
 JOBS ?= $(shell nproc)
 SAN_BUILD := build/asan
 TSAN_BUILD := build/tsan
+TSA_BUILD := build/tsa
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-tsan demo run bench fuzz clean
+.PHONY: all deps build test test-tsan test-thread-safety demo run bench fuzz clean
 
 all: build
 
@@ -30,6 +31,7 @@ test: build
 	cd $(SAN_BUILD) && ctest -j $(JOBS) --output-on-failure --timeout 300
 	@if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --smoke; fi
 	@$(MAKE) --no-print-directory test-tsan
+	@$(MAKE) --no-print-directory test-thread-safety
 
 test-tsan: deps
 	@if grep -rqs --include=CMakeLists.txt 'concurrency' tests; then \
@@ -37,6 +39,13 @@ test-tsan: deps
 	  cmake --build $(TSAN_BUILD) -j $(JOBS) && \
 	  cd $(TSAN_BUILD) && ctest -j $(JOBS) -L concurrency --output-on-failure --timeout 300; \
 	fi
+
+# The module and the POSIX backend built with clang's lock checks as errors
+# (-Wthread-safety, warnings are errors): a broken locking rule fails the build.
+test-thread-safety: deps
+	CC=clang CXX=clang++ cmake -S . -B $(TSA_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSF_BUILD_TESTS=OFF \
+	  -DCMAKE_CXX_FLAGS=-Wthread-safety $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(TSA_BUILD) -j $(JOBS) --target smart_frame sf_posix
 
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi

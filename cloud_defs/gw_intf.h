@@ -5,6 +5,18 @@
  * The registry owns every record reached from here. Device nodes returned
  * by the lookups stay valid while the caller uses them: a removed node is
  * first flagged dev_delete and freed only when no caller can still hold it.
+ *
+ * Walking without dev_mutex. The registry changes the list (the head, every
+ * next pointer) and dev_delete only with dev_mutex held, and publishes each
+ * such write with a release store (__atomic_store_n(..., __ATOMIC_RELEASE))
+ * made after the node is complete. A caller that holds dev_mutex MAY read
+ * them plainly. A caller that does not (the DP sync, the online/offline
+ * batches, their completions) MUST read next, the head and dev_delete with
+ * acquire loads (__atomic_load_n(..., __ATOMIC_ACQUIRE)); any other field
+ * the registry set before linking a node is then seen as it was set. A
+ * node flagged dev_delete is out of the list but still alive for a walk
+ * standing on it. The fields stay plain in the
+ * records, so the layout is the same for every backend.
  */
 #ifndef GW_INTF_H
 #define GW_INTF_H

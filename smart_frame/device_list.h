@@ -10,7 +10,8 @@
  * contents as they were when it was linked, also on weakly ordered
  * processors, and the read is not a data race with the store.
  *
- * A walk under dev_mutex (the heartbeat pass) may read the pointers plainly.
+ * A walk under dev_mutex (the heartbeat pass) may read the pointers and
+ * dev_delete plainly.
  */
 #ifndef SF_DEVICE_LIST_H
 #define SF_DEVICE_LIST_H
@@ -29,6 +30,16 @@ inline DEV_CNTL_N_S *first_device(GW_CNTL_S *gw)
 inline DEV_CNTL_N_S *next_device(const DEV_CNTL_N_S *dev)
 {
     return __atomic_load_n(&dev->next, __ATOMIC_ACQUIRE);
+}
+
+/*
+ * Whether the registry has removed dev (it is then out of the list, but a
+ * walk standing on it may still see it). The registry sets the flag under
+ * dev_mutex; a walker without dev_mutex reads it with this acquire load.
+ */
+inline bool device_removed(const DEV_CNTL_N_S *dev)
+{
+    return __atomic_load_n(&dev->dev_delete, __ATOMIC_ACQUIRE) != 0;
 }
 
 } // namespace sf

@@ -6,6 +6,7 @@
 #define SF_FRAME_CNTL_H
 
 #include "../services/uni_msg_queue.h"
+#include "sf_lock.h"
 #include "smart_frame.h"
 
 typedef struct {
@@ -14,10 +15,12 @@ typedef struct {
     MSG_ID                mid_gw_group_oper_cmd;  /* handler __sf_gw_group_oper_cmd_cb */
     TM_MSG_S             *tmm_dp_sync;            /* __tmm_dp_sync_cb */
     TM_MSG_S             *tmm_dev_ol_sync;        /* __tmm_dev_ol_sync_cb */
-    UINT_T                serial_no;              /* next report serial number */
+    UINT_T                serial_no               /* next report serial number */
+        SF_GUARDED_BY(sf::serial_mutex_cap);
     MUTEX_HANDLE          mutex;                  /* guards serial_no only */
     MUTEX_HANDLE          dos_mutex;              /* stat, dosm, heartbeat fields, dos_update */
-    BOOL_T                dos_update;             /* an online/offline batch chain is running */
+    BOOL_T                dos_update              /* an online/offline batch chain is running */
+        SF_GUARDED_BY(sf::dos_mutex_cap);
     BOOL_T                hb_start;               /* heartbeat supervision started */
     TIME_S                hb_refresh_intv;        /* kept for layout; the period is fixed at 8 s */
     TM_MSG_S             *tmm_dev_hst;            /* __tmm_hb_fresh_ol_stat_cb */

@@ -3,18 +3,18 @@
  * run, starting at 0, wrapping at 2^32 without special case.
  */
 #include "frame_cntl.h"
-#include "sf_raii.h"
+#include "sf_lock.h"
 
 using sf::sf_cntl;
 
 extern "C" UINT_T sf_get_serial_no(void)
 {
-    sf::ScopedLock lock(sf_cntl.mutex);
+    sf::Hold lock(sf::serial_mutex_cap, sf_cntl.mutex);
     return sf_cntl.serial_no++;
 }
 
 extern "C" void sf_inc_serial_no(void)
 {
-    sf::ScopedLock lock(sf_cntl.mutex);
+    sf::Hold lock(sf::serial_mutex_cap, sf_cntl.mutex);
     ++sf_cntl.serial_no;
 }

@@ -6,15 +6,20 @@
  *
  * Lifetime of device nodes (what lets the smart frame keep using a node
  * after get_dev_cntl released dev_mutex):
- *   - remove_device flags the node dev_delete, takes it out of the id index
- *     (lookups no longer find it) and unlinks it from the list; the node's
- *     own next pointer is left as it was, so a walk standing on it goes on.
- *   - the node is freed only by reclaim(), and only once the grace period
- *     (default 60 s) has passed since its removal. add_device and
- *     remove_device call reclaim() themselves; a long-running application
- *     that rarely changes devices may call it from a periodic job.
- *   So a caller may use a node it looked up for one operation of up to the
- *   grace period (a report, a command, one timer pass), never keep it longer.
+ *   - remove_device flags the node dev_delete (a release store), takes it
+ *     out of the id index (lookups no longer find it) and unlinks it from
+ *     the list; the node's own next pointer is left as it was, so a walk
+ *     standing on it goes on.
+ *   - the node is freed only by reclaim(), and only once (a) the dispatch
+ *     thread has been between jobs since the removal, so no handler, timed
+ *     message or application callback running there can still hold it,
+ *     however long it takes, and (b) the grace period (default 60 s) has
+ *     passed since the removal, which bounds the users on other threads.
+ *     add_device and remove_device call reclaim() themselves; a long-running
+ *     application that rarely changes devices may call it from a periodic job.
+ *   So a caller on the dispatch thread may use a node it looked up until its
+ *   job returns; a caller on another thread for one operation of up to the
+ *   grace period (a report, a completion), never keep it longer.
  *   The list's next pointers are written with atomic stores, so the walks
  *   that the smart frame makes without dev_mutex see either the old or the
  *   new successor, both alive.
@@ -79,7 +84,8 @@ size_t reclaim();
 /* Grace period before a removed node may be freed (tests shorten it). */
 void set_grace_period(std::chrono::milliseconds grace);
 
-/* Removed nodes not freed yet. */
+/* Removed nodes not freed yet (takes the registry's internal lock: a test that
+ * calls it from a walker orders that walker against the frees). */
 size_t retired_count();
 
 /* Devices in the list, the gateway's own node included. */

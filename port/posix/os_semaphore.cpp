@@ -31,7 +31,9 @@ Semaphore *as_semaphore(SEM_HANDLE handle)
 
 extern "C" OPERATE_RET CreateAndInitSemaphore(SEM_HANDLE *handle, UINT_T init_count, UINT_T max_count)
 {
-    if (handle == nullptr || max_count == 0 || init_count > max_count || static_cast<long>(max_count) > static_cast<long>(SEM_VALUE_MAX)) {
+    /* compared unsigned: a cast to a 32-bit long would make a ceiling above INT_MAX negative */
+    if (handle == nullptr || max_count == 0 || init_count > max_count ||
+        static_cast<unsigned long long>(max_count) > static_cast<unsigned long long>(SEM_VALUE_MAX)) {
         return RC_BAD_PARAM;
     }
     Semaphore *sem = new (std::nothrow) Semaphore();
@@ -66,7 +68,9 @@ extern "C" void PostSemaphore(SEM_HANDLE handle)
     std::lock_guard<std::mutex> guard(sem->post_lock);
     int value = 0;
     sem_getvalue(&sem->sem, &value);
-    if (value >= 0 && static_cast<UINT_T>(value) < sem->max_count) {
+    /* POSIX lets sem_getvalue report waiters as a negative value: that is
+     * an empty semaphore, below any ceiling, and this post must wake one */
+    if (value < 0 || static_cast<UINT_T>(value) < sem->max_count) {
         sem_post(&sem->sem);
     }
 }

@@ -9,12 +9,14 @@
 #include <cjson/cJSON.h>
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "annotated_lock.h"
 #include "gw_registry.h"
 #include "posix_tunables.h"
 
@@ -59,6 +61,12 @@ bool parse_gateway(const cJSON *root, const std::string &file, GatewayLayout *ou
 /* Parse and check one device object found at `where`. */
 bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error);
 
+/* Whether an id can be written into JSON as it is: no quote, backslash or control character. */
+bool id_fits_json(const std::string &id);
+
+/* The id in quotes, as a JSON string, for error texts (it may hold what id_fits_json refuses). */
+std::string quoted_id(const std::string &id);
+
 /* Fill *error (when given) and return false, for one-line refusals. */
 bool fail(LoadError *error, const std::string &file, const std::string &path, const std::string &why);
 
@@ -66,27 +74,40 @@ bool fail(LoadError *error, const std::string &file, const std::string &path, co
 struct Retired {
     DEV_CNTL_N_S *node;
     std::chrono::steady_clock::time_point since;
+    uint64_t epoch; /* removal number: freed only once the dispatch thread has passed it */
 };
 
 struct Store {
     GW_CNTL_S gw{};
-    /* guarded by index_lock (a leaf lock: nothing is called while it is held) */
-    std::mutex index_lock;
-    std::unordered_map<std::string, DEV_CNTL_N_S *> index;
-    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names; /* in DP table order */
-    std::deque<Retired> retired;
-    DEV_CNTL_N_S *own_node = nullptr;
-    DEV_CNTL_N_S *tail = nullptr; /* last node of the list; under dev_mutex */
-    std::string local_key;
-    bool loaded = false;
-    std::chrono::milliseconds grace{SF_REGISTRY_RETIRE_GRACE_MS};
+    /* gw.dev_mutex as the analysis knows it */
+    posix_sync::LockName dev_mutex_name;
+    /* a leaf lock: nothing is called while it is held */
+    posix_sync::Mutex index_lock;
+    std::unordered_map<std::string, DEV_CNTL_N_S *> index SF_GUARDED_BY(index_lock);
+    /* in DP table order */
+    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names SF_GUARDED_BY(index_lock);
+    std::deque<Retired> retired SF_GUARDED_BY(index_lock);
+    DEV_CNTL_N_S *own_node SF_GUARDED_BY(index_lock) = nullptr;
+    DEV_CNTL_N_S *tail SF_GUARDED_BY(dev_mutex_name) = nullptr; /* last node of the list */
+    std::string local_key SF_GUARDED_BY(index_lock);
+    bool loaded SF_GUARDED_BY(index_lock) = false;
+    std::chrono::milliseconds grace SF_GUARDED_BY(index_lock){SF_REGISTRY_RETIRE_GRACE_MS};
+    /* removals so far, and the last one the dispatch thread is known to have finished every job since */
+    uint64_t retire_epoch SF_GUARDED_BY(index_lock) = 0;
+    uint64_t dispatch_passed SF_GUARDED_BY(index_lock) = 0;
 };
 
 /* The one store, its dev_mutex created on first use; never destroyed. */
 Store &store();
 
-/* The node with this id, or nullptr. index_lock held. */
-DEV_CNTL_N_S *find_locked(Store &s, const char *id);
+/* Release a node and everything it owns; nothing may use it any more. */
+void free_node(DEV_CNTL_N_S *node);
+
+/* Have the dispatch thread report when it is next between jobs (registry_reclaim.cpp). No lock held. */
+void watch_dispatch();
+
+/* The node with this id, or nullptr. */
+DEV_CNTL_N_S *find_locked(Store &s, const char *id) SF_REQUIRES(s.index_lock);
 
 } // namespace detail
 } // namespace gw_registry

@@ -290,7 +290,10 @@ bool parse_dp(const cJSON *node, const Where &where, DpLayout *dp, LoadError *er
 bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error)
 {
     Reader r(node, where, error);
-    r.text("id", true, 1, DEV_ID_LEN, &out->id);
+    if (r.text("id", true, 1, DEV_ID_LEN, &out->id) && !id_fits_json(out->id)) {
+        return r.refuse("id", "device id " + quoted_id(out->id) +
+                                  " has a character that needs a JSON escape or is a control character");
+    }
     r.text("sw_ver", false, 0, SW_VER_LEN, &out->sw_ver);
     r.text("schema_id", false, 0, SCHEMA_ID_LEN, &out->schema_id);
     r.text("product_key", false, 0, PRODUCT_KEY_LEN, &out->product_key);

@@ -27,16 +27,14 @@ extern "C" GW_CNTL_S *get_gw_cntl(void)
 extern "C" DEV_CNTL_N_S *get_dev_cntl(const CHAR_T *id)
 {
     Store &s = gw_registry::detail::store();
-    MutexLock(s.gw.dev_mutex);
-    DEV_CNTL_N_S *node = get_dev_cntl_unlock(id);
-    MutexUnLock(s.gw.dev_mutex);
-    return node;
+    posix_sync::HandleHold hold(s.dev_mutex_name, s.gw.dev_mutex);
+    return get_dev_cntl_unlock(id);
 }
 
 extern "C" DEV_CNTL_N_S *get_dev_cntl_unlock(const CHAR_T *id)
 {
     Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, id);
     sf_state_touch(node); /* the module may change its DP table now: the state writer looks at it */
     return node;
@@ -45,7 +43,7 @@ extern "C" DEV_CNTL_N_S *get_dev_cntl_unlock(const CHAR_T *id)
 extern "C" DEV_CNTL_N_S *get_gw_dev_cntl(void)
 {
     Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     sf_state_touch(s.own_node);
     return s.own_node;
 }
@@ -54,7 +52,7 @@ extern "C" DEV_CNTL_N_S *get_gw_dev_cntl(void)
 extern "C" DP_CNTL_S *get_dev_dp_cntl(const CHAR_T *id, BYTE_T dpid)
 {
     Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     DEV_CNTL_N_S *node = id != nullptr ? gw_registry::detail::find_locked(s, id) : s.own_node;
     return node != nullptr ? __locate_dp_ctl_by_dpid(node, dpid) : nullptr;
 }
@@ -74,6 +72,6 @@ extern "C" void gw_registry_set_nw_status(GW_BASE_NW_STAT_T status)
 extern "C" const CHAR_T *gw_registry_local_key(void)
 {
     Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     return s.local_key.c_str();
 }

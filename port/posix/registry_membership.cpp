@@ -61,7 +61,7 @@ template <typename Update>
 OPERATE_RET with_device(const CHAR_T *dev_id, Update update)
 {
     Store &s = gw_registry::detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     DEV_CNTL_N_S *node = gw_registry::detail::find_locked(s, dev_id);
     return node != nullptr ? update(node) : RC_DEV_NOT_FOUND;
 }
@@ -109,7 +109,7 @@ std::vector<std::string> groups_of(const std::string &id)
 {
     std::vector<std::string> groups;
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     const DEV_CNTL_N_S *node = detail::find_locked(s, id.c_str());
     for (BYTE_T i = 0; node != nullptr && i < node->attr.grp->cnt; ++i) {
         groups.push_back(node->attr.grp->g_rec[i].gid);
@@ -121,7 +121,7 @@ std::vector<std::pair<std::string, std::string>> scenes_of(const std::string &id
 {
     std::vector<std::pair<std::string, std::string>> scenes;
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     const DEV_CNTL_N_S *node = detail::find_locked(s, id.c_str());
     for (BYTE_T i = 0; node != nullptr && i < node->attr.scene->cnt; ++i) {
         scenes.emplace_back(node->attr.scene->s_rec[i].s_id, node->attr.scene->s_rec[i].g_id);

@@ -40,14 +40,14 @@ DEV_CNTL_N_S *find_locked(Store &s, const char *id)
 namespace {
 
 /* Holds dev_mutex and then the index lock, the order every mutation uses. */
-class MutationLock {
+class SF_SCOPED_CAPABILITY MutationLock {
 public:
-    explicit MutationLock(Store &s) : s_(s)
+    explicit MutationLock(Store &s) SF_ACQUIRE(s.dev_mutex_name, s.index_lock) : s_(s)
     {
         MutexLock(s_.gw.dev_mutex);
         s_.index_lock.lock();
     }
-    ~MutationLock()
+    ~MutationLock() SF_RELEASE()
     {
         s_.index_lock.unlock();
         MutexUnLock(s_.gw.dev_mutex);
@@ -63,6 +63,8 @@ bool is_typed(const DP_CNTL_S &dp, DP_PROP_TP_E prop_tp)
 {
     return dp.dp_desc.type == DP_TYPE_OBJ && dp.dp_desc.prop_tp == prop_tp;
 }
+
+} // namespace
 
 void free_node(DEV_CNTL_N_S *node)
 {
@@ -84,6 +86,8 @@ void free_node(DEV_CNTL_N_S *node)
     std::free(node->attr.scene);
     std::free(node);
 }
+
+namespace {
 
 void copy_text(CHAR_T *dst, size_t room, const std::string &text)
 {
@@ -163,6 +167,7 @@ std::vector<std::string> names_of(const DeviceLayout &layout)
  * Both locks held.
  */
 void link_node(Store &s, DEV_CNTL_N_S *node, std::vector<std::string> names)
+    SF_REQUIRES(s.dev_mutex_name, s.index_lock)
 {
     DEV_CNTL_N_S **slot = s.tail != nullptr ? &s.tail->next : &s.gw.dev;
     __atomic_store_n(slot, node, __ATOMIC_RELEASE);
@@ -173,13 +178,14 @@ void link_node(Store &s, DEV_CNTL_N_S *node, std::vector<std::string> names)
 }
 
 /* Unlink, flag and retire; the node's own next is kept for walkers standing on it. Both locks held. */
-void retire_node(Store &s, DEV_CNTL_N_S *node)
+void retire_node(Store &s, DEV_CNTL_N_S *node) SF_REQUIRES(s.dev_mutex_name, s.index_lock)
 {
     DEV_CNTL_N_S *prev = nullptr;
     for (DEV_CNTL_N_S *cur = s.gw.dev; cur != nullptr && cur != node; cur = cur->next) {
         prev = cur;
     }
-    node->dev_delete = 1;
+    /* read without dev_mutex by the smart frame's walkers (the rule in gw_intf.h) */
+    __atomic_store_n(&node->dev_delete, static_cast<BYTE_T>(1), __ATOMIC_RELEASE);
     DEV_CNTL_N_S **slot = prev != nullptr ? &prev->next : &s.gw.dev;
     __atomic_store_n(slot, node->next, __ATOMIC_RELEASE);
     if (s.tail == node) {
@@ -187,7 +193,7 @@ void retire_node(Store &s, DEV_CNTL_N_S *node)
     }
     --s.gw.dev_num;
     s.index.erase(node->dev_if.id);
-    s.retired.push_back({node, std::chrono::steady_clock::now()});
+    s.retired.push_back({node, std::chrono::steady_clock::now(), ++s.retire_epoch});
 }
 
 bool parse_text(const std::string &json, const std::string &label, cJSON **root, LoadError *error)
@@ -208,7 +214,7 @@ bool parse_text(const std::string &json, const std::string &label, cJSON **root,
                 "not valid JSON (near line " + std::to_string(line) + ", column " + std::to_string(column) + ")");
 }
 
-void set_gateway_record(Store &s, const GatewayLayout &layout)
+void set_gateway_record(Store &s, const GatewayLayout &layout) SF_REQUIRES(s.index_lock)
 {
     copy_text(s.gw.gw_if.id, sizeof(s.gw.gw_if.id), layout.id);
     copy_text(s.gw.gw_if.sw_ver, sizeof(s.gw.gw_if.sw_ver), layout.own.sw_ver);
@@ -296,7 +302,7 @@ bool load_file(const std::string &file, LoadError *error)
 bool loaded()
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     return s.loaded;
 }
 
@@ -355,61 +361,45 @@ OPERATE_RET remove_device(const std::string &id)
             detail::retire_node(s, node);
         }
     }
+    if (result == RC_OK) {
+        detail::watch_dispatch();
+    }
     reclaim();
     return result;
-}
-
-size_t reclaim()
-{
-    Store &s = detail::store();
-    std::vector<DEV_CNTL_N_S *> expired;
-    {
-        std::lock_guard<std::mutex> guard(s.index_lock);
-        const auto now = std::chrono::steady_clock::now();
-        while (!s.retired.empty() && now - s.retired.front().since >= s.grace) {
-            expired.push_back(s.retired.front().node);
-            s.dp_names.erase(s.retired.front().node);
-            s.retired.pop_front();
-        }
-    }
-    for (DEV_CNTL_N_S *node : expired) {
-        detail::free_node(node);
-    }
-    return expired.size();
 }
 
 void set_grace_period(std::chrono::milliseconds grace)
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     s.grace = grace;
 }
 
 size_t retired_count()
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     return s.retired.size();
 }
 
 size_t device_count()
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     return s.index.size();
 }
 
 std::string local_key()
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     return s.local_key;
 }
 
 std::string dp_name(const std::string &id, BYTE_T dpid)
 {
     Store &s = detail::store();
-    std::lock_guard<std::mutex> guard(s.index_lock);
+    posix_sync::Guard guard(s.index_lock);
     const DEV_CNTL_N_S *node = detail::find_locked(s, id.c_str());
     if (node == nullptr) {
         return std::string();

@@ -27,7 +27,8 @@ const MSG_DATA_S *message_of(const RFC_DATA_S *block)
         return nullptr;
     }
     const auto *msg = static_cast<const MSG_DATA_S *>(block->data);
-    return msg->len + sizeof(MSG_DATA_S) <= block->data_len ? msg : nullptr;
+    /* subtracted, not added: len + 8 wraps where size_t is 32 bits */
+    return msg->len <= block->data_len - sizeof(MSG_DATA_S) ? msg : nullptr;
 }
 
 bool within_bounds(const char *text, size_t len, size_t max_bytes, size_t max_depth, const char **why)

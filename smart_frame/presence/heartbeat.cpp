@@ -18,7 +18,7 @@
 #include "../frame_cntl.h"
 #include "../json_helpers.h"
 #include "../sf_log.h"
-#include "../sf_raii.h"
+#include "../sf_lock.h"
 #include "presence.h"
 #include "sub_device.h"
 
@@ -45,10 +45,29 @@ TIME_S system_now()
     return now;
 }
 
+/*
+ * hb_start and hb_send_cb are set by sf_sys_mag_hb_init after the timer
+ * starts, on the application's thread, and read without a lock by the
+ * pass (dispatch thread) and by refreshes on any thread. The callback is
+ * stored before the flag is released, so whoever sees the flag set also
+ * sees the callback stored with it. The control block keeps its plain
+ * fields (the layout is shared), hence the builtins on the fields.
+ */
+void publish_supervision(DEV_HEARTBEAT_SEND_CB send)
+{
+    __atomic_store_n(&sf_cntl.hb_send_cb, send, __ATOMIC_RELEASE);
+    __atomic_store_n(&sf_cntl.hb_start, static_cast<BOOL_T>(TRUE), __ATOMIC_RELEASE);
+}
+
+DEV_HEARTBEAT_SEND_CB probe_callback()
+{
+    return __atomic_load_n(&sf_cntl.hb_send_cb, __ATOMIC_ACQUIRE);
+}
+
 /* The per-device functions work only once supervision has been started. */
 bool refused_before_init()
 {
-    return sf_cntl.hb_start != TRUE;
+    return __atomic_load_n(&sf_cntl.hb_start, __ATOMIC_ACQUIRE) != TRUE;
 }
 
 /*
@@ -57,7 +76,7 @@ bool refused_before_init()
  * offline; a clock that went backwards makes the difference huge, so the
  * device goes offline. Caller holds dos_mutex.
  */
-BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time)
+BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time) SF_REQUIRES(sf::dos_mutex_cap)
 {
     if (attr.hb_timeout_time == NEVER_TIMES_OUT) {
         return TRUE;
@@ -76,8 +95,9 @@ BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time)
  * into the presence or heartbeat functions.
  */
 void probe_if_due(DEV_CNTL_N_S *dev, TIME_S cur_time, DEV_HEARTBEAT_SEND_CB send)
+    SF_EXCLUDES(sf::dev_mutex_cap, sf::dos_mutex_cap)
 {
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev->attr;
     if (attr.hb_send_time == 0 || cur_time < attr.hb_send_time || attr.hb_timeout_time == NEVER_TIMES_OUT ||
         attr.hb_timeout_time == NEVER_PROBED) {
@@ -108,8 +128,7 @@ extern "C" OPERATE_RET sf_sys_mag_hb_init(const DEV_HEARTBEAT_SEND_CB hb_send_cb
         SF_LOG_ERR("cmmod_start_tm_msg err:%d", op_ret);
         return op_ret;
     }
-    sf_cntl.hb_send_cb = hb_send_cb;
-    sf_cntl.hb_start = TRUE;
+    publish_supervision(hb_send_cb);
     return RC_OK;
 }
 
@@ -132,10 +151,16 @@ extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S 
         return RC_FAIL;
     }
 
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     attr.hb_timeout_time = hb_timeout_time;
-    /* spread the first probes of many devices configured together */
+    /*
+     * Spread the first probes of many devices configured together. The
+     * module's only std::rand call is made here, under dos_mutex, so the
+     * module's callers never share the generator's state unlocked; an
+     * application that also calls std::rand relies on its C library's rand
+     * being thread-safe (glibc's is), as any rand user must.
+     */
     attr.hb_send_time = system_now() + static_cast<TIME_S>(std::rand() % FIRST_PROBE_SPREAD_S);
     attr.max_resend_times = max_resend_times;
     return RC_OK;
@@ -162,7 +187,7 @@ extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
         return RC_DEV_NOT_BOUND;
     }
 
-    sf::ScopedLock lock(sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     if (attr.stat != DOS_ONLINE) {
         /* no timer here: the next pass starts the batch */
@@ -174,7 +199,7 @@ extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
      * probe callback a refresh sets the device online and the next pass
      * sets it offline again (unless it never times out): kept as designed.
      */
-    if (sf_cntl.hb_send_cb != nullptr) {
+    if (probe_callback() != nullptr) {
         attr.last_ol_time = system_now();
         if (attr.hb_timeout_time != NEVER_TIMES_OUT && attr.hb_timeout_time != 0) {
             attr.hb_send_time = attr.last_ol_time + attr.hb_timeout_time - PROBE_LEAD_S;
@@ -195,7 +220,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
 {
     (void)tm_msg;
     GW_CNTL_S *gw_cntl = get_gw_cntl();
-    MutexLock(gw_cntl->dev_mutex);
+    sf::Hold dev_lock(sf::dev_mutex_cap, gw_cntl->dev_mutex);
     count = count < LAST_QUIET_PASS ? count + 1 : 0;
 
     for (DEV_CNTL_N_S *dev = gw_cntl->dev; dev != nullptr; dev = dev->next) {
@@ -208,7 +233,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
         BOOL_T online = FALSE;
         {
             /* the heartbeat fields are dos_mutex's, also when read */
-            sf::ScopedLock lock(sf_cntl.dos_mutex);
+            sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
             last_ol_time = dev->attr.last_ol_time;
             hb_timeout_time = dev->attr.hb_timeout_time;
             online = heartbeat_alive(dev->attr, cur_time);
@@ -219,13 +244,12 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
             SF_LOG_PROG("id:%s online:%d", dev->dev_if.id, online);
         }
         __sf_dev_ol_stat_update(dev, online);
-        MutexUnLock(gw_cntl->dev_mutex);
+        dev_lock.unlock();
 
-        const DEV_HEARTBEAT_SEND_CB send = sf_cntl.hb_send_cb;
+        const DEV_HEARTBEAT_SEND_CB send = probe_callback();
         if (send != nullptr) {
             probe_if_due(dev, cur_time, send);
         }
-        MutexLock(gw_cntl->dev_mutex);
+        dev_lock.lock();
     }
-    MutexUnLock(gw_cntl->dev_mutex);
 }

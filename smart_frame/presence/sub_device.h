@@ -6,6 +6,7 @@
 #define SF_PRESENCE_SUB_DEVICE_H
 
 #include "../../cloud_defs/kelo_cloud_com_defs.h"
+#include "../sf_lock.h"
 
 namespace sf {
 
@@ -17,7 +18,7 @@ namespace sf {
  * setter answers these in its own way. Calls get_dev_cntl, so MUST NOT be
  * called with dev_mutex held.
  */
-OPERATE_RET find_sub_device(const CHAR_T *dev_id, DEV_CNTL_N_S **dev_cntl);
+OPERATE_RET find_sub_device(const CHAR_T *dev_id, DEV_CNTL_N_S **dev_cntl) SF_EXCLUDES(sf::dev_mutex_cap);
 
 } // namespace sf
 

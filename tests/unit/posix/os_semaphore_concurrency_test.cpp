@@ -1,14 +1,36 @@
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <signal.h>
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <thread>
 
 #include "posix_test_util.h"
 #include "services/uni_semaphore.h"
+
+/*
+ * Some C libraries report waiters through sem_getvalue as a negative value
+ * (POSIX allows it; glibc reports 0). While this flag is set, the
+ * executable's sem_getvalue, which the backend links to ahead of the C
+ * library's, reports an empty semaphore as -1: one waiter.
+ */
+std::atomic<bool> negative_when_waiting{false};
+
+extern "C" int sem_getvalue(sem_t *sem, int *value)
+{
+    using Real = int (*)(sem_t *, int *);
+    static const Real real = reinterpret_cast<Real>(dlsym(RTLD_NEXT, "sem_getvalue"));
+    const int rc = real(sem, value);
+    if (rc == 0 && *value == 0 && negative_when_waiting.load()) {
+        *value = -1;
+    }
+    return rc;
+}
 
 namespace {
 
@@ -81,6 +103,34 @@ TEST(Semaphore, ConcurrentPostsNeverPassTheCeiling)
     b.join();
     EXPECT_TRUE(holds_exactly(sem, 10));
     ReleaseSemaphore(sem);
+}
+
+TEST(Semaphore, APostWakesAWaiterWhenTheLibraryCountsWaitersAsNegative)
+{
+    SEM_HANDLE sem = nullptr;
+    ASSERT_EQ(RC_OK, CreateAndInitSemaphore(&sem, 0, 1));
+    std::atomic<bool> woke{false};
+    std::thread waiter([&] {
+        EXPECT_EQ(RC_OK, WaitSemaphore(sem));
+        woke = true;
+    });
+    negative_when_waiting = true;
+    PostSemaphore(sem);
+    const bool woken = eventually([&] { return woke.load(); });
+    negative_when_waiting = false;
+    if (!woken) {
+        PostSemaphore(sem); /* the post was dropped: release the waiter to end the test */
+    }
+    waiter.join();
+    EXPECT_TRUE(woken) << "the only post was dropped";
+    ReleaseSemaphore(sem);
+}
+
+TEST(Semaphore, ACeilingAboveTheLibraryMaximumIsRefused)
+{
+    SEM_HANDLE sem = nullptr;
+    EXPECT_EQ(RC_BAD_PARAM, CreateAndInitSemaphore(&sem, 0, static_cast<UINT_T>(SEM_VALUE_MAX) + 1u));
+    EXPECT_EQ(RC_BAD_PARAM, CreateAndInitSemaphore(&sem, 0, 0xFFFFFFFFu));
 }
 
 TEST(Semaphore, BadArgumentsAreRefused)

@@ -10,8 +10,11 @@
 #include <vector>
 
 #include "port/posix/gw_registry.h"
+#include "port/posix/posix_runtime.h"
 #include "posix_test_util.h"
+#include "services/uni_msg_queue.h"
 #include "services/uni_mutex.h"
+#include "services/uni_time_queue.h"
 
 namespace {
 
@@ -73,13 +76,43 @@ TEST_F(RegistryConcurrency, ANodeRemovedWhileInUseStaysWholeUntilTheGracePeriodE
     ASSERT_TRUE(posix_test::eventually([] { return gw_registry::reclaim() == 1; }));
 }
 
+std::atomic<long> g_walked{0};
+std::atomic<bool> g_walk_mismatch{false};
+
+/*
+ * A walker without dev_mutex, as the smart frame's timed messages make
+ * them: on the dispatch thread, next pointers and dev_delete read with
+ * acquire loads. Nothing else orders it against the registry's frees.
+ */
+void walk_the_list(TM_MSG_S *)
+{
+    DEV_CNTL_N_S *node = __atomic_load_n(&get_gw_cntl()->dev, __ATOMIC_ACQUIRE);
+    int count = 0;
+    while (node != nullptr && count < 1000) {
+        if (__atomic_load_n(&node->dev_delete, __ATOMIC_ACQUIRE) == 0 && node->dev_if.id[0] == '\0') {
+            g_walk_mismatch = true;
+        }
+        node = __atomic_load_n(&node->next, __ATOMIC_ACQUIRE);
+        ++count;
+    }
+    if (count >= 1000) {
+        g_walk_mismatch = true; /* a cycle in the list */
+    }
+    ++g_walked;
+}
+
 TEST_F(RegistryConcurrency, LookupsAndWalksRunSafelyWhileDevicesComeAndGo)
 {
-    gw_registry::set_grace_period(std::chrono::milliseconds(500));
+    /* short enough that nodes are freed while the walks go on */
+    gw_registry::set_grace_period(std::chrono::milliseconds(5));
     std::atomic<bool> stop{false};
     std::atomic<long> lookups{0};
-    std::atomic<long> walked{0};
     std::atomic<bool> mismatch{false};
+    ASSERT_EQ(RC_OK, system_timer_init());
+    ASSERT_EQ(RC_OK, cmmod_init());
+    TM_MSG_S *walker = nullptr;
+    ASSERT_EQ(RC_OK, cmmod_cr_tm_msg_hand(walk_the_list, nullptr, &walker));
+    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(walker, 1, TIMER_CYCLE));
 
     std::thread looker([&] {
         while (!stop) {
@@ -97,39 +130,32 @@ TEST_F(RegistryConcurrency, LookupsAndWalksRunSafelyWhileDevicesComeAndGo)
             }
         }
     });
-    /* a walker without dev_mutex, as the smart frame's timers make them */
-    std::thread walker([&] {
-        while (!stop) {
-            DEV_CNTL_N_S *node = __atomic_load_n(&get_gw_cntl()->dev, __ATOMIC_ACQUIRE);
-            int count = 0;
-            while (node != nullptr && count < 1000) {
-                if (node->dev_if.id[0] == '\0') {
-                    mismatch = true;
-                }
-                node = __atomic_load_n(&node->next, __ATOMIC_ACQUIRE);
-                ++count;
-            }
-            if (count >= 1000) {
-                mismatch = true; /* a cycle in the list */
-            }
-            ++walked;
-            gw_registry::retired_count(); /* tells the sanitizer this walk ended before later frees */
-        }
-    });
+    size_t removals = 0;
     for (int round = 0; round < 150; ++round) {
+        if (round % 10 == 0) {
+            /* let the walks and the grace period catch up now and then, so that frees do happen */
+            const long walked = g_walked.load();
+            ASSERT_TRUE(posix_test::eventually([walked] { return g_walked.load() > walked + 1; }));
+            std::this_thread::sleep_for(std::chrono::milliseconds(6));
+        }
         const std::string id = "t" + std::to_string(round % 8);
         if (get_dev_cntl(id.c_str()) == nullptr) {
             ASSERT_EQ(RC_OK, gw_registry::add_device(R"({"id":")" + id + R"(","dps":[{"id":7,"prop":"bool"}]})",
                                                      nullptr));
         } else {
             ASSERT_EQ(RC_OK, gw_registry::remove_device(id));
+            ++removals;
         }
     }
-    ASSERT_TRUE(posix_test::eventually([&] { return lookups > 100 && walked > 10; }));
+    ASSERT_TRUE(posix_test::eventually([&] { return lookups > 100 && g_walked > 10; }));
     stop = true;
     looker.join();
-    walker.join();
+    const size_t freed = removals - gw_registry::retired_count();
+    cmmod_release_tm_msg(walker);
+    cmmod_stop();
     EXPECT_FALSE(mismatch);
+    EXPECT_FALSE(g_walk_mismatch);
+    EXPECT_GT(freed, 0u) << "no node was freed while the walks went on";
     EXPECT_EQ(gw_registry::device_count(), static_cast<size_t>(get_gw_cntl()->dev_num));
 }
 

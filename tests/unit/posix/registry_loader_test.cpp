@@ -74,6 +74,27 @@ TEST(RegistryLoader, GatewayKeysAreChecked)
     EXPECT_EQ("gw.json: gateway.bind: expected true or false", refusal(R"({"gateway":{"id":"gw","bind":1}})"));
 }
 
+TEST(RegistryLoader, IdsThatWouldNeedAJsonEscapeAreRefusedNamingTheDevice)
+{
+    EXPECT_EQ(R"(gw.json: devices[1].id: device id "a\"b" has a character that needs a JSON escape or is a control character)",
+              refusal(R"({"gateway":{"id":"gw"},"devices":[{"id":"ok"},{"id":"a\"b"}]})"));
+    EXPECT_EQ(R"(gw.json: devices[0].id: device id "a\\b" has a character that needs a JSON escape or is a control character)",
+              refusal(R"({"gateway":{"id":"gw"},"devices":[{"id":"a\\b"}]})"));
+    EXPECT_EQ(R"(gw.json: devices[0].id: device id "tab\u0009" has a character that needs a JSON escape or is a control character)",
+              refusal(R"({"gateway":{"id":"gw"},"devices":[{"id":"tab\t"}]})"));
+    EXPECT_EQ(R"(gw.json: devices[0].id: device id "del\u007f" has a character that needs a JSON escape or is a control character)",
+              refusal(R"({"gateway":{"id":"gw"},"devices":[{"id":"del\u007f"}]})"));
+    EXPECT_EQ(R"(gw.json: gateway.id: device id "g\u000aw" has a character that needs a JSON escape or is a control character)",
+              refusal(R"({"gateway":{"id":"g\nw"}})"));
+    /* letters beyond ASCII need no escape */
+    gw_registry::LoadError error;
+    EXPECT_TRUE(gw_registry::load_text(R"({"gateway":{"id":"gw"},"devices":[{"id":"capteur-été_1.2"}]})", "gw.json",
+                                       &error))
+        << error.text();
+    EXPECT_NE(nullptr, get_dev_cntl("capteur-été_1.2"));
+    gw_registry::unload();
+}
+
 TEST(RegistryLoader, DeviceKeysAreCheckedWithTheirPath)
 {
     EXPECT_EQ("gw.json: devices[1].id: missing key",

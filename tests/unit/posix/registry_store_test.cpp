@@ -177,6 +177,19 @@ TEST_F(RegistryStore, AddingATakenIdOrTheGatewaysIdIsRefused)
     EXPECT_EQ(3u, get_gw_cntl()->dev_num);
 }
 
+TEST_F(RegistryStore, AddingAnIdThatWouldNeedAJsonEscapeIsRefused)
+{
+    gw_registry::LoadError error;
+    EXPECT_EQ(RC_BAD_PARAM, gw_registry::add_device(R"({"id":"x\"y"})", &error));
+    EXPECT_EQ(R"(device: id: device id "x\"y" has a character that needs a JSON escape or is a control character)",
+              error.text());
+    EXPECT_EQ(RC_BAD_PARAM, gw_registry::add_device(R"({"id":"x\u0001"})", &error));
+    EXPECT_EQ(R"(device: id: device id "x\u0001" has a character that needs a JSON escape or is a control character)",
+              error.text());
+    EXPECT_EQ(3u, get_gw_cntl()->dev_num);
+    EXPECT_EQ(nullptr, get_dev_cntl("x\"y"));
+}
+
 TEST_F(RegistryStore, RemovedDeviceIsFlaggedUnlinkedAndFreedOnlyAfterTheGracePeriod)
 {
     DEV_CNTL_N_S *plug = get_dev_cntl("a1b2c3");

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -53,6 +54,7 @@ Journal *g_journal = nullptr;
 void cb_a(TM_MSG_S *) { g_journal->add("A"); }
 void cb_b(TM_MSG_S *) { g_journal->add("B"); }
 void cb_c(TM_MSG_S *) { g_journal->add("C"); }
+void cb_marker(TM_MSG_S *) { g_journal->add("M"); }
 
 class Timers : public ::testing::Test {
 protected:
@@ -79,6 +81,24 @@ protected:
         return tm;
     }
 
+    /*
+     * Starts a marker timed message due after_ms from now and waits for it
+     * to run. Due timed messages run in the order they fall due, so once
+     * "M" is in the journal, everything due before it has run: what the
+     * journal holds then is what ran, however slow the machine is. A test
+     * that must show that something did NOT run fences past the time it
+     * would have fallen due.
+     */
+    void fence(TIME_MS after_ms)
+    {
+        TM_MSG_S *marker = make(cb_marker);
+        ASSERT_EQ(RC_OK, cmmod_start_tm_msg(marker, after_ms, TIMER_ONCE));
+        ASSERT_TRUE(eventually([this] {
+            const std::vector<std::string> events = journal.snapshot();
+            return std::find(events.begin(), events.end(), "M") != events.end();
+        }));
+    }
+
     Journal journal;
     std::vector<TM_MSG_S *> created;
 };
@@ -89,8 +109,8 @@ TEST_F(Timers, CreatedTimedMessageCarriesItsCallbackAndDataAndDoesNotRunUntilSta
     TM_MSG_S *tm = make(cb_a, &token);
     EXPECT_EQ(&token, tm->data);
     EXPECT_EQ(reinterpret_cast<TM_MSG_CB>(cb_a), tm->cb);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0u, journal.size());
+    fence(50);
+    EXPECT_EQ((std::vector<std::string>{"M"}), journal.snapshot());
 }
 
 TEST_F(Timers, OnceFiresOnceOnTheDispatchThreadNoEarlierThanItsPeriod)
@@ -99,8 +119,8 @@ TEST_F(Timers, OnceFiresOnceOnTheDispatchThreadNoEarlierThanItsPeriod)
     journal.start = Clock::now();
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 100, TIMER_ONCE));
     ASSERT_TRUE(eventually([this] { return journal.size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(250));
-    EXPECT_EQ(1u, journal.size());
+    fence(250); /* past a second firing one period later */
+    EXPECT_EQ((std::vector<std::string>{"A", "M"}), journal.snapshot());
     EXPECT_GE(journal.at_ms[0], 100);
     EXPECT_TRUE(journal.all_on_dispatch);
 }
@@ -113,9 +133,10 @@ TEST_F(Timers, CycleFiresEveryPeriodUntilReleased)
     ASSERT_TRUE(eventually([this] { return journal.size() >= 5; }));
     cmmod_release_tm_msg(tm);
     created.clear();
-    const size_t after_release = journal.size();
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_EQ(after_release, journal.size());
+    std::vector<std::string> expected = journal.snapshot();
+    fence(150); /* past the next beats of a cycle still armed */
+    expected.push_back("M");
+    EXPECT_EQ(expected, journal.snapshot());
     /* the n-th beat is never early: at least n periods after the start */
     for (size_t i = 0; i < 5; ++i) {
         EXPECT_GE(journal.at_ms[i], static_cast<long long>(40 * (i + 1))) << "beat " << i;
@@ -126,32 +147,44 @@ TEST_F(Timers, CycleFiresEveryPeriodUntilReleased)
 TEST_F(Timers, StartingAnArmedTimedMessageRearmsItFromNow)
 {
     TM_MSG_S *tm = make(cb_a);
+    TM_MSG_S *between = make(cb_b);
+    /* with the dispatch thread stopped nothing fires before the restart, however slow the machine */
+    cmmod_stop();
     journal.start = Clock::now();
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 1000, TIMER_ONCE));
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(between, 500, TIMER_ONCE));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20)); /* so that "from now" is later than the first start */
     const long long restarted_at = ms_since(journal.start);
-    ASSERT_LT(restarted_at, 1000); /* still armed from the first start */
-    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 300, TIMER_ONCE));
-    ASSERT_TRUE(eventually([this] { return journal.size() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000)); /* past the first start's due time */
-    EXPECT_EQ(1u, journal.size());
-    EXPECT_GE(journal.at_ms[0], restarted_at + 300);
+    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 50, TIMER_ONCE));
+    ASSERT_EQ(RC_OK, cmmod_init());
+    ASSERT_TRUE(eventually([this] { return journal.size() == 2; }));
+    /* due at restart + 50 ms, so before B (500 ms); kept from the first start it would follow B */
+    EXPECT_EQ((std::vector<std::string>{"A", "B"}), journal.snapshot());
+    EXPECT_GE(journal.at_ms[0], restarted_at + 50);
+    fence(1200); /* past the first start's due time: it does not fire a second time */
+    EXPECT_EQ((std::vector<std::string>{"A", "B", "M"}), journal.snapshot());
+}
+
+std::atomic<int> g_beats{0};
+
+/* A 20 ms cycle that, on its second beat, restarts itself as a 50 ms single shot. */
+void beat_then_restart(TM_MSG_S *tm)
+{
+    g_journal->add("A");
+    if (++g_beats == 2) {
+        EXPECT_EQ(RC_OK, cmmod_start_tm_msg(tm, 50, TIMER_ONCE));
+    }
 }
 
 TEST_F(Timers, RestartingACycleChangesItsPeriodAndKind)
 {
-    TM_MSG_S *tm = make(cb_a);
+    /* restarted on the dispatch thread, so no beat of the old cycle can be under way meanwhile */
+    TM_MSG_S *tm = make(beat_then_restart);
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 20, TIMER_CYCLE));
-    ASSERT_TRUE(eventually([this] { return journal.size() >= 2; }));
-    const size_t before = journal.size();
-    ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 50, TIMER_ONCE));
-    ASSERT_TRUE(eventually([this, before] { return journal.size() >= before + 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const size_t settled = journal.size();
-    /* one beat of the old cycle may have been under way during the restart, then the single shot */
-    EXPECT_LE(settled, before + 2);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_EQ(settled, journal.size()); /* no longer cyclic */
+    ASSERT_TRUE(eventually([this] { return journal.size() >= 3; }));
+    fence(200); /* past four more beats of 50 ms, were it still cyclic */
+    EXPECT_EQ((std::vector<std::string>{"A", "A", "A", "M"}), journal.snapshot());
+    EXPECT_GE(journal.at_ms[2] - journal.at_ms[1], 50) << "the single shot keeps the old period";
 }
 
 TEST_F(Timers, DueTimedMessagesRunInTheOrderTheyFallDue)
@@ -167,6 +200,7 @@ TEST_F(Timers, DueTimedMessagesRunInTheOrderTheyFallDue)
 }
 
 std::atomic<bool> g_slow_started{false};
+std::atomic<bool> g_slow_may_end{false};
 
 void slow_handler(MESSAGE *msg)
 {
@@ -176,7 +210,7 @@ void slow_handler(MESSAGE *msg)
     g_journal->add("msg" + std::to_string(value));
     if (value == 1) {
         g_slow_started = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        EXPECT_TRUE(eventually([] { return g_slow_may_end.load(); }));
     }
 }
 
@@ -191,8 +225,10 @@ TEST_F(Timers, ATimedMessageThatFellDueRunsBeforeMessagesPostedAfterIt)
     ASSERT_EQ(RC_OK, cmmod_post_msg_malloc(mid, &one, sizeof(one)));
     ASSERT_TRUE(eventually([] { return g_slow_started.load(); }));
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 10, TIMER_ONCE));
-    std::this_thread::sleep_for(std::chrono::milliseconds(60)); /* the timer is due while msg1 still runs */
+    /* a sleep never ends early: the timer is due, and msg1 still runs until released */
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     ASSERT_EQ(RC_OK, cmmod_post_msg_malloc(mid, &two, sizeof(two)));
+    g_slow_may_end = true;
     ASSERT_TRUE(eventually([this] { return journal.size() == 3; }));
     EXPECT_EQ((std::vector<std::string>{"msg1", "A", "msg2"}), journal.snapshot());
 }
@@ -216,8 +252,8 @@ TEST_F(Timers, BadArgumentsAreRefused)
     EXPECT_EQ(RC_BAD_PARAM, cmmod_start_tm_msg(nullptr, 10, TIMER_ONCE));
     EXPECT_EQ(RC_BAD_PARAM, cmmod_start_tm_msg(made, 0, TIMER_CYCLE));
     EXPECT_EQ(RC_BAD_PARAM, cmmod_start_tm_msg(made, 10, 7));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(0u, journal.size());
+    fence(50); /* past the 10 ms a wrongly armed record would have waited */
+    EXPECT_EQ((std::vector<std::string>{"M"}), journal.snapshot());
 }
 
 std::atomic<int> g_self_release_calls{0};
@@ -234,7 +270,7 @@ TEST_F(Timers, ACallbackMayReleaseItsOwnTimedMessage)
     ASSERT_EQ(RC_OK, cmmod_cr_tm_msg_hand(releases_itself, nullptr, &tm));
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 10, TIMER_CYCLE));
     ASSERT_TRUE(eventually([] { return g_self_release_calls == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    fence(100); /* past the next beats of the 10 ms cycle */
     EXPECT_EQ(1, g_self_release_calls.load()); /* the leak check proves the record was freed */
 }
 
@@ -262,11 +298,15 @@ TEST_F(Timers, StoppedDispatchFiresNoTimerAndAStartFiresAgain)
 {
     TM_MSG_S *tm = make(cb_a);
     cmmod_stop();
+    journal.start = Clock::now();
     ASSERT_EQ(RC_OK, cmmod_start_tm_msg(tm, 10, TIMER_ONCE));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(0u, journal.size());
+    /* a sleep never ends early: the timer is due while nothing may fire it */
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const long long restarted_at = ms_since(journal.start);
     ASSERT_EQ(RC_OK, cmmod_init());
-    ASSERT_TRUE(eventually([this] { return journal.size() == 1; }));
+    fence(100);
+    EXPECT_EQ((std::vector<std::string>{"A", "M"}), journal.snapshot());
+    EXPECT_GE(journal.at_ms[0], restarted_at) << "fired while the dispatch thread was stopped";
 }
 
 } // namespace

@@ -127,4 +127,14 @@ TEST(WireBlock, MessageOfAcceptsOnlyABlockLongEnoughForItsMessage)
     put_rfc_data(block);
 }
 
+TEST(WireBlock, MessageOfRefusesALengthThatWouldWrapTheSum)
+{
+    RFC_DATA_S *block = it::make_block("{\"dps\":{}}", 3);
+    MSG_DATA_S *msg = static_cast<MSG_DATA_S *>(block->data);
+    msg->len = 0xFFFFFFFFu - static_cast<UINT_T>(sizeof(MSG_DATA_S)) + 1u; /* len + header is 2^32 */
+    EXPECT_EQ(nullptr, sf_wire::message_of(block));
+    msg->len = 10;
+    put_rfc_data(block);
+}
+
 } // namespace
