@@ -17,6 +17,7 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
+#include "packed_sync.h"
 #include "report.h"
 
 namespace {
@@ -88,6 +89,19 @@ void store_value(DP_CNTL_S *dp, const cJSON *node, INT_T enum_idx)
     default:
         break;
     }
+    sf::note_value_stored();
+}
+
+/* An admitted object DP whose held value differs from node: a newer value than a packed one. */
+bool holds_other_value(const DP_CNTL_S *dp, const cJSON *node)
+{
+    const DP_DESC_IF_S &desc = dp->dp_desc;
+    if (desc.type != DP_TYPE_OBJ || desc.prop_tp > PROP_BITMAP ||
+        (desc.prop_tp == PROP_STR && dp->prop.prop_str.value == nullptr)) {
+        return false;
+    }
+    const INT_T enum_idx = desc.prop_tp == PROP_ENUM ? sf::enum_index(dp, node->valuestring) : 0;
+    return enum_idx >= 0 && value_differs(dp, node, enum_idx);
 }
 
 } // namespace
@@ -175,6 +189,7 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
     }
 
     const TIME_T curr_time = uni_time_get_posix(); /* one time for the whole report */
+    const bool maybe_superseded = sf::packed_values_may_be_stale(data);
     bool final_need_send = false;
     for (cJSON *member = report->child; member != nullptr; member = member->next) {
         const INT_T id = sf::member_dp_id(member);
@@ -188,6 +203,10 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
         }
         if (__check_dp_flow_ctl(dp_cntl, curr_time)) {
             continue; /* force_send does not lift flow control */
+        }
+        if (maybe_superseded && holds_other_value(dp_cntl, member)) {
+            SF_LOG_DETAIL("DP ID:%d newer value held, packed one dropped", id);
+            continue;
         }
         if (__append_send_json(final_send_json.get(), dp_cntl, member, dev_cntl, filter_type, force_send)) {
             final_need_send = true;
