@@ -5,7 +5,6 @@
  */
 #include <strings.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "../../services/uni_memory.h"
@@ -15,6 +14,17 @@
 namespace {
 /* room for the fixed text, a 25-character device id and the terminator */
 constexpr size_t ENVELOPE_SLACK = 128;
+
+CHAR_T *append(CHAR_T *to, const CHAR_T *text, size_t len)
+{
+    std::memcpy(to, text, len);
+    return to + len;
+}
+
+CHAR_T *append(CHAR_T *to, const CHAR_T *text)
+{
+    return append(to, text, std::strlen(text));
+}
 } // namespace
 
 extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data,
@@ -34,18 +44,24 @@ extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl
 
     /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
     const bool is_gateway = strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) == 0;
-    int len = is_gateway ? std::snprintf(buf, size, "{\"dps\":%s", data)
-                         : std::snprintf(buf, size, "{\"dps\":%s,\"cid\":\"%s\"", data, dev_cntl->dev_if.id);
-    if (len >= 1 && time != nullptr) {
-        const int added = std::snprintf(buf + len, size - static_cast<size_t>(len), ",\"t\":%s", time);
-        len = added < 1 ? added : len + added;
+    /*
+     * Copied piece by piece rather than formatted: the pieces are known and
+     * formatting cost more than the rest of the envelope. The id is at most
+     * its array's size (DEV_ID_LEN and a terminator), so the text
+     * fits the slack; the zero fill terminates it.
+     */
+    CHAR_T *to = append(buf, "{\"dps\":");
+    to = append(to, data);
+    if (!is_gateway) {
+        to = append(to, ",\"cid\":\"");
+        to = append(to, dev_cntl->dev_if.id, strnlen(dev_cntl->dev_if.id, sizeof dev_cntl->dev_if.id));
+        to = append(to, "\"");
     }
-    if (len < 1) {
-        Free(buf);
-        SF_LOG_ERR("sprintf %d", len);
-        return RC_FAIL;
+    if (time != nullptr) {
+        to = append(to, ",\"t\":");
+        to = append(to, time);
     }
-    buf[len] = '}';
+    *to = '}';
 
     SF_LOG_DETAIL("added buf:%s", buf);
     *pp_out = buf;
