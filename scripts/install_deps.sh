@@ -7,7 +7,7 @@ packages=(
   cmake g++ make pkg-config
   libcjson-dev
   googletest libgtest-dev libgmock-dev
-  libbenchmark-dev
+  libbenchmark-dev valgrind
   libmosquitto-dev mosquitto
   clang libclang-rt-14-dev
 )

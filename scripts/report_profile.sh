@@ -10,7 +10,7 @@ build=${1:-build/release}
 reports=${2:-2000}
 out="$build/bench-results"
 mkdir -p "$out"
-command -v valgrind >/dev/null || { echo "valgrind is not installed (scripts/install_deps.sh)" >&2; exit 1; }
+command -v valgrind >/dev/null || scripts/install_deps.sh
 
 inclusive() { # callgrind file, function: the function's inclusive instruction count
   local listing
