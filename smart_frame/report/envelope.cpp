@@ -38,7 +38,9 @@ struct Pieces {
         /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
         if (strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) != 0) {
             id = dev_cntl->dev_if.id;
-            id_len = strnlen(id, sizeof dev_cntl->dev_if.id);
+            while (id_len < sizeof dev_cntl->dev_if.id && id[id_len] != '\0') {
+                ++id_len;
+            }
         }
     }
 
