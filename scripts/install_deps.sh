@@ -7,7 +7,7 @@ packages=(
   cmake g++ make pkg-config
   libcjson-dev
   googletest libgtest-dev libgmock-dev
-  libbenchmark-dev
+  libbenchmark-dev valgrind
   libmosquitto-dev mosquitto
   libsqlite3-dev sqlite3
   python3 python3-paho-mqtt

@@ -13,7 +13,7 @@ extern "C" {
 #endif
 
 typedef struct {
-    MUTEX_HANDLE mutex;    /* guards rfc */
+    MUTEX_HANDLE mutex;    /* the backend's guard of rfc, if it uses one (POSIX: NULL, atomic rfc) */
     BOOL_T       malk;     /* data and block are one allocation */
     UINT_T       rfc;      /* current reference count */
     UINT_T       data_len;

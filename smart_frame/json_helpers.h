@@ -20,7 +20,24 @@ namespace sf {
  */
 inline INT_T member_dp_id(const cJSON *member)
 {
-    return member->string != nullptr ? std::atoi(member->string) : 0;
+    const char *name = member->string;
+    if (name == nullptr) {
+        return 0;
+    }
+    /* names of one to three digits (every DP number) read directly; atoi's cost is for the rest */
+    if (name[0] >= '0' && name[0] <= '9') {
+        INT_T id = name[0] - '0';
+        for (int i = 1; i < 4; ++i) {
+            if (name[i] == '\0') {
+                return id;
+            }
+            if (name[i] < '0' || name[i] > '9') {
+                break;
+            }
+            id = id * 10 + (name[i] - '0');
+        }
+    }
+    return std::atoi(name);
 }
 
 /*

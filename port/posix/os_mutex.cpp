@@ -1,7 +1,9 @@
 /*
- * Non-recursive mutexes: error-checking pthread mutexes, so that a
- * relock by the holder or an unlock by another thread is caught (logged
- * and aborted) instead of deadlocking or corrupting silently.
+ * Non-recursive mutexes. With SF_OS_CHECKED_MUTEXES (Debug builds and
+ * test builds, posix_tunables.h) they are error-checking pthread mutexes,
+ * so that a relock by the holder or an unlock by another thread is caught
+ * (logged and aborted) instead of deadlocking or corrupting silently;
+ * otherwise plain ones, whose lock and unlock are a single atomic step.
  */
 #include <pthread.h>
 
@@ -10,6 +12,7 @@
 
 #include "../../services/uni_log.h"
 #include "../../services/uni_mutex.h"
+#include "posix_tunables.h"
 
 namespace {
 
@@ -36,11 +39,15 @@ extern "C" OPERATE_RET CreateMutexAndInit(MUTEX_HANDLE *handle)
     if (mutex == nullptr) {
         return RC_NO_MEMORY;
     }
+#if SF_OS_CHECKED_MUTEXES
     pthread_mutexattr_t attr;
     pthread_mutexattr_init(&attr);
     pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
     const int err = pthread_mutex_init(mutex, &attr);
     pthread_mutexattr_destroy(&attr);
+#else
+    const int err = pthread_mutex_init(mutex, nullptr);
+#endif
     if (err != 0) {
         std::free(mutex);
         return RC_NO_MEMORY;

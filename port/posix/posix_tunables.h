@@ -250,4 +250,21 @@
 #define SF_LOG_RATE_SITES 256
 #endif
 
+/* ---- OS layer (os_*.cpp) ---- */
+
+/*
+ * 1: mutexes are error-checking pthread mutexes, so a relock by the holder
+ * or an unlock by another thread is logged and aborts; 0: plain (default
+ * kind) mutexes, which do not check and cost less on every lock. Checked
+ * in Debug builds and whenever the tests are built (their death tests rely
+ * on it, see CMakeLists.txt); plain in Release builds without tests.
+ */
+#ifndef SF_OS_CHECKED_MUTEXES
+#ifdef NDEBUG
+#define SF_OS_CHECKED_MUTEXES 0
+#else
+#define SF_OS_CHECKED_MUTEXES 1
+#endif
+#endif
+
 #endif /* SF_POSIX_TUNABLES_H */

@@ -1,15 +1,16 @@
 /*
- * Reference-counted data blocks. The count is guarded by the block's own
- * mutex, so holders on different threads (report path, LAN channel, MQTT
- * client) may get and put concurrently; the put that reaches zero is the
- * only one that can see zero, and it frees.
+ * Reference-counted data blocks. The count is changed with atomic
+ * read-modify-write steps, so holders on different threads (report path,
+ * LAN channel, MQTT client) may get and put concurrently without a lock;
+ * the put that takes the count to zero is the only one that can see zero,
+ * and it frees. The block's mutex field is not used (NULL): a mutex per
+ * block cost an allocation and two lock steps per reference change.
  */
 #include <cstdlib>
 #include <cstring>
 
 #include "../../services/uni_log.h"
 #include "../../services/uni_memory.h"
-#include "../../services/uni_mutex.h"
 #include "../../services/uni_rfc.h"
 
 /*
@@ -29,10 +30,7 @@ extern "C" RFC_DATA_S *cr_rfc_data(void *data, UINT_T data_len, BOOL_T malk, UIN
     if (block == nullptr) {
         return nullptr;
     }
-    if (CreateMutexAndInit(&block->mutex) != RC_OK) {
-        Free(block);
-        return nullptr;
-    }
+    block->mutex = nullptr;
     block->malk = malk == TRUE ? TRUE : FALSE;
     block->rfc = rfc;
     block->data_len = data_len;
@@ -47,32 +45,34 @@ extern "C" RFC_DATA_S *cr_rfc_data(void *data, UINT_T data_len, BOOL_T malk, UIN
     return block;
 }
 
+/* The holder already has a reference, so the count cannot reach zero meanwhile: relaxed is enough. */
 extern "C" void get_rfc_data(RFC_DATA_S *rfc_data)
 {
     if (rfc_data == nullptr) {
         return;
     }
-    MutexLock(rfc_data->mutex);
-    ++rfc_data->rfc;
-    MutexUnLock(rfc_data->mutex);
+    __atomic_add_fetch(&rfc_data->rfc, 1, __ATOMIC_RELAXED);
 }
 
+/*
+ * Release order on every put, acquire on the last: whatever a holder wrote
+ * before its put happens before the free.
+ */
 extern "C" void put_rfc_data(RFC_DATA_S *rfc_data)
 {
     if (rfc_data == nullptr) {
         return;
     }
-    MutexLock(rfc_data->mutex);
-    if (rfc_data->rfc == 0) {
-        /* a put without a reference: the block may already be gone */
-        MutexUnLock(rfc_data->mutex);
-        PrintLog(0, LOG_LEVEL_ERROR, "rfc_data.cpp", __LINE__, __func__, "put without reference");
-        std::abort();
-    }
-    const bool last = --rfc_data->rfc == 0;
-    MutexUnLock(rfc_data->mutex);
-    if (last) {
-        ReleaseMutex(rfc_data->mutex);
+    UINT_T count = __atomic_load_n(&rfc_data->rfc, __ATOMIC_RELAXED);
+    do {
+        if (count == 0) {
+            /* a put without a reference: the block may already be gone */
+            PrintLog(0, LOG_LEVEL_ERROR, "rfc_data.cpp", __LINE__, __func__, "put without reference");
+            std::abort();
+        }
+    } while (!__atomic_compare_exchange_n(&rfc_data->rfc, &count, count - 1, true, __ATOMIC_ACQ_REL,
+                                          __ATOMIC_RELAXED));
+    if (count == 1) {
         if (rfc_data->malk != TRUE) {
             Free(rfc_data->data);
         }

@@ -9,6 +9,7 @@
 #include "../../services/uni_memory.h"
 #include "../device_list.h"
 #include "../frame_cntl.h"
+#include "../report/packed_sync.h"
 #include "../report/report.h"
 #include "../sf_log.h"
 #include "presence.h"
@@ -34,7 +35,8 @@ extern "C" void sf_start_sync_obj_dp(void)
 /*
  * Dispatch thread, so runs never overlap. The device list is walked
  * without dev_mutex (the registry keeps nodes alive); the packing and the
- * report path take it for their own steps. A failing device never stops
+ * report path take it for their own steps (see packed_sync.h for a report
+ * of the application that comes in between). A failing device never stops
  * the walk. RC_REPORT_SUPERSEDED (-916) from the report path counts as done.
  */
 extern "C" void __tmm_dp_sync_cb(TM_MSG_S *tm_msg)
@@ -48,7 +50,8 @@ extern "C" void __tmm_dp_sync_cb(TM_MSG_S *tm_msg)
     for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
         BOOL_T all_packed = TRUE;
         SF_LOG_PROG("Start To Sync Dev:%s", dev->dev_if.id);
-        CHAR_T *out = sf_pack_local_obj_dp_data(dev, SYNC_PACK_BUDGET, FALSE, &all_packed, TRUE);
+        UINT_T stored = 0;
+        CHAR_T *out = sf::pack_for_sync(dev, SYNC_PACK_BUDGET, FALSE, &all_packed, TRUE, &stored);
         if (all_packed == FALSE) {
             SF_LOG_DETAIL("DP Msg Too Long, schedule again");
             sf_start_sync_obj_dp(); /* the rest goes in the next run; this piece is still sent */
@@ -57,9 +60,13 @@ extern "C" void __tmm_dp_sync_cb(TM_MSG_S *tm_msg)
             SF_LOG_DETAIL("OUT IS NULL");
             continue;
         }
-        const OPERATE_RET op_ret = __sf_dp_report_aysnc(dev->dev_if.id, FALSE, SF_FILTER_OBJ, out, nullptr, FALSE,
-                                                        SYNC_REPORT_TIMEOUT_S, __sf_obj_dp_report_async_cb,
-                                                        nullptr, nullptr);
+        OPERATE_RET op_ret;
+        {
+            /* a newer value reported after the packing is not overwritten by the packed one */
+            const sf::PackedReport packed(out, stored);
+            op_ret = __sf_dp_report_aysnc(dev->dev_if.id, FALSE, SF_FILTER_OBJ, out, nullptr, FALSE,
+                                          SYNC_REPORT_TIMEOUT_S, __sf_obj_dp_report_async_cb, nullptr, nullptr);
+        }
         if (op_ret != RC_OK && op_ret != RC_REPORT_SUPERSEDED) {
             SF_LOG_PROG("__sf_dp_report_aysnc fail %d, schedule again", op_ret);
             sf_start_sync_obj_dp();

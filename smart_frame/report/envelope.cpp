@@ -5,16 +5,79 @@
  */
 #include <strings.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "../../services/uni_memory.h"
 #include "../sf_log.h"
+#include "msg_block.h"
 #include "report.h"
 
 namespace {
 /* room for the fixed text, a 25-character device id and the terminator */
 constexpr size_t ENVELOPE_SLACK = 128;
+
+CHAR_T *append(CHAR_T *to, const CHAR_T *text, size_t len)
+{
+    std::memcpy(to, text, len);
+    return to + len;
+}
+
+/* The pieces of one envelope. */
+struct Pieces {
+    const CHAR_T *data;
+    size_t data_len;
+    const CHAR_T *id; /* NULL for the gateway's own DPs: no "cid" */
+    size_t id_len;
+    const CHAR_T *time; /* may be NULL */
+    size_t time_len;
+
+    Pieces(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data_text, const CHAR_T *time_text)
+        : data(data_text), data_len(std::strlen(data_text)), id(nullptr), id_len(0), time(time_text),
+          time_len(time_text != nullptr ? std::strlen(time_text) : 0)
+    {
+        /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
+        if (strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) != 0) {
+            id = dev_cntl->dev_if.id;
+            while (id_len < sizeof dev_cntl->dev_if.id && id[id_len] != '\0') {
+                ++id_len;
+            }
+        }
+    }
+
+    /* the size of the envelope's own buffer: room for the fixed text, the id and the terminator */
+    size_t buffer_size() const { return data_len + time_len + ENVELOPE_SLACK; }
+
+    /* the length of the text, without terminator */
+    size_t length() const
+    {
+        return 7 + data_len + (id != nullptr ? 9 + id_len : 0) + (time != nullptr ? 5 + time_len : 0) + 1;
+    }
+
+    /*
+     * Copied piece by piece rather than formatted: the pieces are known and
+     * formatting cost more than the rest of the envelope. The id is at most
+     * its array's size (DEV_ID_LEN and a terminator), so the text fits the
+     * slack. Writes length() bytes, no terminator.
+     */
+    void write(CHAR_T *to) const
+    {
+        to = append(to, "{\"dps\":", 7);
+        to = append(to, data, data_len);
+        if (id != nullptr) {
+            to = append(to, ",\"cid\":\"", 8);
+            to = append(to, id, id_len);
+            to = append(to, "\"", 1);
+        }
+        if (time != nullptr) {
+            to = append(to, ",\"t\":", 5);
+            to = append(to, time, time_len);
+        }
+        *to = '}';
+    }
+};
+
+constexpr const char ENVELOPE_FUNC[] = "__sf_add_devid_time_to_dpstr";
+
 } // namespace
 
 extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data,
@@ -30,24 +93,36 @@ extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl
         SF_LOG_ERR("Malloc Fails %d", static_cast<INT_T>(size));
         return RC_NO_MEMORY;
     }
-    std::memset(buf, 0, size);
-
-    /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
-    const bool is_gateway = strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) == 0;
-    int len = is_gateway ? std::snprintf(buf, size, "{\"dps\":%s", data)
-                         : std::snprintf(buf, size, "{\"dps\":%s,\"cid\":\"%s\"", data, dev_cntl->dev_if.id);
-    if (len >= 1 && time != nullptr) {
-        const int added = std::snprintf(buf + len, size - static_cast<size_t>(len), ",\"t\":%s", time);
-        len = added < 1 ? added : len + added;
-    }
-    if (len < 1) {
-        Free(buf);
-        SF_LOG_ERR("sprintf %d", len);
-        return RC_FAIL;
-    }
-    buf[len] = '}';
+    std::memset(buf, 0, size); /* terminates the text */
+    Pieces(dev_cntl, data, time).write(buf);
 
     SF_LOG_DETAIL("added buf:%s", buf);
     *pp_out = buf;
     return RC_OK;
 }
+
+namespace sf {
+
+/* The logs are those of the two steps it fuses, under their names. */
+EnvelopeBlock envelope_block(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data, const CHAR_T *time,
+                             RFC_DATA_S **rfc_da, OPERATE_RET *rc)
+{
+    const Pieces pieces(dev_cntl, data, time);
+    const size_t len = pieces.length();
+    MSG_DATA_S *msg_data = alloc_msg_data(static_cast<UINT_T>(len));
+    if (msg_data == nullptr) {
+        SF_LOG_AS(ENVELOPE_FUNC, LOG_LEVEL_ERROR, "Malloc Fails %d", static_cast<INT_T>(pieces.buffer_size()));
+        *rc = RC_NO_MEMORY;
+        return EnvelopeBlock::NO_ENVELOPE;
+    }
+    CHAR_T *text = reinterpret_cast<CHAR_T *>(msg_data->data);
+    pieces.write(text);
+    text[len] = '\0';
+    SF_LOG_AS(ENVELOPE_FUNC, LOG_LEVEL_DETAIL, "added buf:%s", text);
+    *rc = wrap_msg_data(msg_data, static_cast<UINT_T>(len), rfc_da);
+    return *rc == RC_OK ? EnvelopeBlock::DONE : EnvelopeBlock::NO_BLOCK;
+}
+
+} // namespace sf
+
+

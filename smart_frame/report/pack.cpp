@@ -14,6 +14,7 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
+#include "packed_sync.h"
 #include "report.h"
 
 namespace {
@@ -152,3 +153,15 @@ extern "C" CHAR_T *sf_pack_local_obj_dp_data(DEV_CNTL_N_S *dev_cntl, const UINT_
     sf::ScopedLock lock(get_gw_cntl()->dev_mutex);
     return __sf_pack_local_obj_data(dev_cntl, max_len, addDevId, p_all_data_packed, reset_flow_ctl);
 }
+
+namespace sf {
+
+CHAR_T *pack_for_sync(DEV_CNTL_N_S *dev_cntl, UINT_T max_len, BOOL_T addDevId, BOOL_T *p_all_data_packed,
+                      BOOL_T reset_flow_ctl, UINT_T *stored)
+{
+    ScopedLock lock(get_gw_cntl()->dev_mutex);
+    *stored = stored_values();
+    return __sf_pack_local_obj_data(dev_cntl, max_len, addDevId, p_all_data_packed, reset_flow_ctl);
+}
+
+} // namespace sf

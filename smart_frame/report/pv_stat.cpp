@@ -7,6 +7,10 @@
  * synchronous reporter after its wait, the dispatch thread of the DP sync).
  * Parsing happens before dev_mutex is taken; every read and write of
  * pv_stat, passive and the flow-control counters happens under it.
+ *
+ * The texts are read by the allocation-free scan of dp_scan.h when they are
+ * in its subset of JSON (the module's own envelopes always are), and by
+ * cJSON otherwise; both give the same members.
  */
 #include <cstdint>
 
@@ -16,6 +20,7 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
+#include "dp_scan.h"
 #include "report.h"
 
 /*
@@ -64,6 +69,11 @@ extern "C" OPERATE_RET __sf_set_obj_dp_pv_stat(const CHAR_T *data, DP_PV_STAT_E 
         SF_LOG_ERR("Invalid Param");
         return RC_BAD_PARAM;
     }
+    sf::ScannedDps scanned;
+    if (sf::scan_envelope(data, &scanned)) {
+        __dev_obj_dp_set_pv_stat(scanned.has_cid ? scanned.cid : nullptr, scanned.first(), pv_stat, set_flow_ctl);
+        return RC_OK;
+    }
     sf::JsonPtr envelope(cJSON_Parse(data));
     if (envelope == nullptr) {
         SF_LOG_ERR("json parse fail %s", data);
@@ -84,6 +94,11 @@ extern "C" OPERATE_RET __sf_set_obj_dp_pv_stat(const CHAR_T *data, DP_PV_STAT_E 
 extern "C" OPERATE_RET __sf_set_obj_dp_pv_stat_by_dc(const CHAR_T *id, const CHAR_T *data, DP_PV_STAT_E pv_stat,
                                                      BOOL_T set_flow_ctl)
 {
+    sf::ScannedDps scanned;
+    if (data != nullptr && sf::scan_dp_object(data, &scanned)) {
+        __dev_obj_dp_set_pv_stat(id, scanned.first(), pv_stat, set_flow_ctl);
+        return RC_OK;
+    }
     sf::JsonPtr dps(data != nullptr ? cJSON_Parse(data) : nullptr);
     if (dps == nullptr) {
         SF_LOG_ERR("json parse fail %s", sf::log_text(data));

@@ -17,6 +17,8 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
+#include "output_text.h"
+#include "packed_sync.h"
 #include "report.h"
 
 namespace {
@@ -47,21 +49,19 @@ bool value_differs(const DP_CNTL_S *dp, const cJSON *node, INT_T enum_idx)
     }
 }
 
-/* The value as it goes out: enums by the schema's own name, numbers as integers. NULL on allocation failure. */
-cJSON *output_item(const DP_CNTL_S *dp, const cJSON *node, INT_T enum_idx)
+/* The value as it goes out: enums by the schema's own name, numbers as integers. */
+sf::OutputValue output_item(const DP_CNTL_S *dp, const cJSON *node, INT_T enum_idx)
 {
     switch (dp->dp_desc.prop_tp) {
     case PROP_BOOL:
-        return cJSON_CreateBool(sf::json_type(node));
+        return {sf::OutputValue::BOOL, sf::json_type(node), nullptr};
     case PROP_VALUE:
     case PROP_BITMAP:
-        return cJSON_CreateNumber(node->valueint);
+        return {sf::OutputValue::INT, node->valueint, nullptr};
     case PROP_STR:
-        return cJSON_CreateString(node->valuestring);
-    case PROP_ENUM:
-        return cJSON_CreateString(dp->prop.prop_enum.pp_enum[enum_idx]);
-    default:
-        return nullptr;
+        return {sf::OutputValue::STRING, 0, node->valuestring};
+    default: /* PROP_ENUM: the only other type that reaches here */
+        return {sf::OutputValue::STRING, 0, dp->prop.prop_enum.pp_enum[enum_idx]};
     }
 }
 
@@ -88,6 +88,19 @@ void store_value(DP_CNTL_S *dp, const cJSON *node, INT_T enum_idx)
     default:
         break;
     }
+    sf::note_value_stored();
+}
+
+/* An admitted object DP whose held value differs from node: a newer value than a packed one. */
+bool holds_other_value(const DP_CNTL_S *dp, const cJSON *node)
+{
+    const DP_DESC_IF_S &desc = dp->dp_desc;
+    if (desc.type != DP_TYPE_OBJ || desc.prop_tp > PROP_BITMAP ||
+        (desc.prop_tp == PROP_STR && dp->prop.prop_str.value == nullptr)) {
+        return false;
+    }
+    const INT_T enum_idx = desc.prop_tp == PROP_ENUM ? sf::enum_index(dp, node->valuestring) : 0;
+    return enum_idx >= 0 && value_differs(dp, node, enum_idx);
 }
 
 } // namespace
@@ -113,7 +126,7 @@ extern "C" BOOL_T __append_send_json(cJSON *final_send_json, DP_CNTL_S *dp_cntl,
         break;
     case DP_TYPE_RAW:
         /* raw values are always sent, never stored here, and the passive rule does not apply */
-        if (!sf::add_member(final_send_json, p_dp_json->string, cJSON_CreateString(p_dp_json->valuestring))) {
+        if (!sf::add_output(final_send_json, p_dp_json->string, {sf::OutputValue::STRING, 0, p_dp_json->valuestring})) {
             SF_LOG_ERR("DP ID:%d add json fails", desc.dp_id);
             return FALSE;
         }
@@ -146,7 +159,7 @@ extern "C" BOOL_T __append_send_json(cJSON *final_send_json, DP_CNTL_S *dp_cntl,
         return FALSE;
     }
     if (!is_dp_passive &&
-        !sf::add_member(final_send_json, p_dp_json->string, output_item(dp_cntl, p_dp_json, enum_idx))) {
+        !sf::add_output(final_send_json, p_dp_json->string, output_item(dp_cntl, p_dp_json, enum_idx))) {
         SF_LOG_ERR("DP ID:%d add json fails", desc.dp_id);
         return FALSE;
     }
@@ -159,6 +172,12 @@ extern "C" BOOL_T __append_send_json(cJSON *final_send_json, DP_CNTL_S *dp_cntl,
 /*
  * A text that parses but is not a JSON object (an array, a number) names
  * no DPs; it is refused like an unparsable one.
+ *
+ * The reduced object is written as text while the members are walked
+ * (output_text.h) into one buffer sized for the whole report before the
+ * walk: that buffer stands where the output object was created, and its
+ * allocation failure is that one's ("Json Fails"). The text is the one
+ * cJSON would print for the object, so nothing is left to fail at the end.
  */
 extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T filter_type, const CHAR_T *data,
                                                   BOOL_T force_send, CHAR_T **final_send_str)
@@ -168,13 +187,17 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
         return RC_BAD_PARAM;
     }
     sf::JsonPtr report(cJSON_Parse(data));
-    sf::JsonPtr final_send_json(cJSON_CreateObject());
-    if (report == nullptr || final_send_json == nullptr || sf::json_type(report.get()) != sf::JSON_OBJECT) {
+    const bool is_object = report != nullptr && sf::json_type(report.get()) == sf::JSON_OBJECT;
+    sf::TextPtr text(is_object ? static_cast<CHAR_T *>(Malloc(sf::output_bound(report.get()))) : nullptr);
+    if (!is_object || text == nullptr) {
         SF_LOG_ERR("Json Fails");
         return RC_JSON_FAIL;
     }
+    sf::OutputText output;
+    sf::output_begin(&output, text.get());
 
     const TIME_T curr_time = uni_time_get_posix(); /* one time for the whole report */
+    const bool maybe_superseded = sf::packed_values_may_be_stale(data);
     bool final_need_send = false;
     for (cJSON *member = report->child; member != nullptr; member = member->next) {
         const INT_T id = sf::member_dp_id(member);
@@ -189,7 +212,11 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
         if (__check_dp_flow_ctl(dp_cntl, curr_time)) {
             continue; /* force_send does not lift flow control */
         }
-        if (__append_send_json(final_send_json.get(), dp_cntl, member, dev_cntl, filter_type, force_send)) {
+        if (maybe_superseded && holds_other_value(dp_cntl, member)) {
+            SF_LOG_DETAIL("DP ID:%d newer value held, packed one dropped", id);
+            continue;
+        }
+        if (__append_send_json(&output.anchor, dp_cntl, member, dev_cntl, filter_type, force_send)) {
             final_need_send = true;
         }
     }
@@ -200,11 +227,8 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
         SF_LOG_PROG("Need NOT Send");
         return RC_OK;
     }
-    *final_send_str = cJSON_PrintUnformatted(final_send_json.get());
-    if (*final_send_str == nullptr) {
-        SF_LOG_ERR("cJson print fails");
-        return RC_FAIL;
-    }
+    sf::output_end(&output);
+    *final_send_str = text.release();
     SF_LOG_DETAIL("Need Send %s", *final_send_str);
     return RC_OK;
 }

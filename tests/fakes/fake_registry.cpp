@@ -25,6 +25,7 @@ struct RegistryState {
     std::vector<fake::registry::SceneUpdate> scene_updates;
     std::deque<OPERATE_RET> grp_results;
     std::deque<OPERATE_RET> scene_results;
+    std::function<void(const CHAR_T *)> lookup_hook;
 };
 
 RegistryState &state()
@@ -126,6 +127,11 @@ extern "C" GW_CNTL_S *get_gw_cntl(void)
 extern "C" DEV_CNTL_N_S *get_dev_cntl(const CHAR_T *id)
 {
     fake::contract::check_dev_mutex_not_held("get_dev_cntl");
+    if (state().lookup_hook) {
+        std::function<void(const CHAR_T *)> hook = std::move(state().lookup_hook);
+        state().lookup_hook = nullptr;
+        hook(id);
+    }
     MutexLock(state().gw.dev_mutex);
     ++state().dev_calls; /* under the lock: application threads look devices up concurrently */
     DEV_CNTL_N_S *node = lookup(id);
@@ -298,6 +304,11 @@ int nw_status_calls()
 int get_dev_cntl_calls()
 {
     return state().dev_calls;
+}
+
+void on_next_lookup(std::function<void(const CHAR_T *id)> hook)
+{
+    state().lookup_hook = std::move(hook);
 }
 
 const std::vector<GrpUpdate> &grp_updates()

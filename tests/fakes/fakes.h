@@ -13,6 +13,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -287,6 +288,12 @@ void set_nw_status(GW_BASE_NW_STAT_T status); /* default GW_NW_CLOUD */
 void push_nw_status(GW_BASE_NW_STAT_T status); /* one-shot answers of the next calls, before the default */
 int nw_status_calls();
 int get_dev_cntl_calls();
+/*
+ * Run hook once, at the start of the next get_dev_cntl call (before that
+ * lookup takes dev_mutex, with the id looked up): a test's way into the
+ * window between two steps of the module. Cleared before it runs.
+ */
+void on_next_lookup(std::function<void(const CHAR_T *id)> hook);
 
 struct GrpUpdate {
     GRP_ACTION_E action;

@@ -25,13 +25,10 @@ inline RFC_DATA_S *make_block(const std::string &text, UINT_T serno)
     return cr_rfc_data(msg, static_cast<UINT_T>(sizeof(MSG_DATA_S) + text.size()), FALSE, 1);
 }
 
-/* The block's reference count, read under its lock. */
+/* The block's reference count (the POSIX backend changes it with atomic steps, without a lock). */
 inline UINT_T references(RFC_DATA_S *block)
 {
-    MutexLock(block->mutex);
-    const UINT_T count = block->rfc;
-    MutexUnLock(block->mutex);
-    return count;
+    return __atomic_load_n(&block->rfc, __ATOMIC_ACQUIRE);
 }
 
 } // namespace it

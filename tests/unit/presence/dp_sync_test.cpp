@@ -116,6 +116,39 @@ TEST_F(DpSync, ValueStillInFlightIsPackedButNotPublishedTwice)
     EXPECT_EQ(PV_STAT_SENDING, pv("a1b2c3", 2));
 }
 
+/*
+ * The application reports a newer value between the packing and the
+ * sync's own filter (the lookup of the report path lies in that window):
+ * the newer value stays held and is the last one published; the packed,
+ * older one is not written back nor published after it.
+ */
+TEST_F(DpSync, ReportBetweenPackingAndFilterKeepsTheNewerValue)
+{
+    DEV_CNTL_N_S *dev = add_device("a1b2c3", {dp_value(1, 0, 100), dp_bool(2)});
+    dev->dp[0].prop.prop_value.value = 10; /* V1, its publication failed */
+    dev->dp[0].pv_stat = PV_STAT_LOCAL;
+    dev->dp[1].pv_stat = PV_STAT_LOCAL;
+    bool reported = false;
+    fake::registry::on_next_lookup([&reported](const CHAR_T *id) {
+        ASSERT_STREQ("a1b2c3", id);
+        reported = sf_obj_dp_report_async("a1b2c3", "{\"1\":20}", FALSE) == RC_OK; /* V2 */
+    });
+    fake::timers::fire(tm());
+    ASSERT_TRUE(reported);
+    EXPECT_TRUE(fake::log::has(LOG_LEVEL_PROGRESS, "__sf_pack_local_obj_data", "final pack:{\"1\":10,\"2\":false}"));
+
+    EXPECT_EQ(20, dev->dp[0].prop.prop_value.value) << "V2 held";
+    const auto &reports = fake::mqtt::dp_reports();
+    ASSERT_EQ(2u, reports.size()) << fake::log::dump();
+    EXPECT_EQ("{\"dps\":{\"1\":20},\"cid\":\"a1b2c3\"}", reports[0].text) << "V2, the application's report";
+    EXPECT_EQ("{\"dps\":{\"2\":false},\"cid\":\"a1b2c3\"}", reports[1].text)
+        << "the sync re-sends the other pending value, not V1";
+    fake::mqtt::complete_all(RC_OK);
+    EXPECT_EQ(20, dev->dp[0].prop.prop_value.value);
+    EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", 1));
+    EXPECT_EQ(PV_STAT_CLOUD, pv("a1b2c3", 2));
+}
+
 TEST_F(DpSync, FlowControlDoesNotHoldBackTheRepublication)
 {
     DEV_CNTL_N_S *dev = add_device("a1b2c3", {dp_bool(1).flow(60, 1)});
