@@ -26,10 +26,6 @@ constexpr const char *source_basename(const char *path)
 #define SF_LOG_AT(level, ...) \
     PrintLog(0, (level), ::sf::source_basename(__FILE__), __LINE__, __func__, __VA_ARGS__)
 
-/* For a step done on another function's behalf (that function's own line, e.g. by a fused path). */
-#define SF_LOG_AS(func, level, ...) \
-    PrintLog(0, (level), ::sf::source_basename(__FILE__), __LINE__, (func), __VA_ARGS__)
-
 #define SF_LOG_ERR(...)    SF_LOG_AT(LOG_LEVEL_ERROR, __VA_ARGS__)
 #define SF_LOG_PROG(...)   SF_LOG_AT(LOG_LEVEL_PROGRESS, __VA_ARGS__)
 #define SF_LOG_DETAIL(...) SF_LOG_AT(LOG_LEVEL_DETAIL, __VA_ARGS__)

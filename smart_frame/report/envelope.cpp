@@ -9,7 +9,6 @@
 
 #include "../../services/uni_memory.h"
 #include "../sf_log.h"
-#include "msg_block.h"
 #include "report.h"
 
 namespace {
@@ -44,20 +43,11 @@ struct Pieces {
         }
     }
 
-    /* the size of the envelope's own buffer: room for the fixed text, the id and the terminator */
-    size_t buffer_size() const { return data_len + time_len + ENVELOPE_SLACK; }
-
-    /* the length of the text, without terminator */
-    size_t length() const
-    {
-        return 7 + data_len + (id != nullptr ? 9 + id_len : 0) + (time != nullptr ? 5 + time_len : 0) + 1;
-    }
-
     /*
      * Copied piece by piece rather than formatted: the pieces are known and
      * formatting cost more than the rest of the envelope. The id is at most
      * its array's size (DEV_ID_LEN and a terminator), so the text fits the
-     * slack. Writes length() bytes, no terminator.
+     * slack. Writes no terminator.
      */
     void write(CHAR_T *to) const
     {
@@ -75,8 +65,6 @@ struct Pieces {
         *to = '}';
     }
 };
-
-constexpr const char ENVELOPE_FUNC[] = "__sf_add_devid_time_to_dpstr";
 
 } // namespace
 
@@ -100,29 +88,3 @@ extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl
     *pp_out = buf;
     return RC_OK;
 }
-
-namespace sf {
-
-/* The logs are those of the two steps it fuses, under their names. */
-EnvelopeBlock envelope_block(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data, const CHAR_T *time,
-                             RFC_DATA_S **rfc_da, OPERATE_RET *rc)
-{
-    const Pieces pieces(dev_cntl, data, time);
-    const size_t len = pieces.length();
-    MSG_DATA_S *msg_data = alloc_msg_data(static_cast<UINT_T>(len));
-    if (msg_data == nullptr) {
-        SF_LOG_AS(ENVELOPE_FUNC, LOG_LEVEL_ERROR, "Malloc Fails %d", static_cast<INT_T>(pieces.buffer_size()));
-        *rc = RC_NO_MEMORY;
-        return EnvelopeBlock::NO_ENVELOPE;
-    }
-    CHAR_T *text = reinterpret_cast<CHAR_T *>(msg_data->data);
-    pieces.write(text);
-    text[len] = '\0';
-    SF_LOG_AS(ENVELOPE_FUNC, LOG_LEVEL_DETAIL, "added buf:%s", text);
-    *rc = wrap_msg_data(msg_data, static_cast<UINT_T>(len), rfc_da);
-    return *rc == RC_OK ? EnvelopeBlock::DONE : EnvelopeBlock::NO_BLOCK;
-}
-
-} // namespace sf
-
-

@@ -20,7 +20,6 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "block_send.h"
-#include "msg_block.h"
 #include "report.h"
 #include "../json_helpers.h"
 
@@ -76,14 +75,22 @@ extern "C" OPERATE_RET __sf_dp_report_aysnc(const CHAR_T *id, BOOL_T is_lan_send
             op_ret = RC_NET_DOWN;
             break;
         }
-        /* the envelope written straight into the message block: one allocation, no copy */
-        RFC_DATA_S *rfc_da = nullptr;
-        const sf::EnvelopeBlock made = sf::envelope_block(dev, filter_data.get(), time, &rfc_da, &op_ret);
-        if (made == sf::EnvelopeBlock::NO_ENVELOPE) {
+        /*
+         * The envelope and the message block stay two steps, each with its
+         * own allocation, failure and log: an integrator's fault injection
+         * can aim at either one.
+         */
+        CHAR_T *final_data = nullptr;
+        op_ret = __sf_add_devid_time_to_dpstr(dev, filter_data.get(), time, &final_data);
+        if (op_ret != RC_OK) {
             SF_LOG_ERR("add time && devid fails %d", op_ret);
             break;
         }
-        if (made == sf::EnvelopeBlock::NO_BLOCK) {
+        RFC_DATA_S *rfc_da = nullptr;
+        op_ret = __sf_mk_rfc_msg_data(reinterpret_cast<const BYTE_T *>(final_data),
+                                      static_cast<UINT_T>(std::strlen(final_data)), &rfc_da);
+        Free(final_data);
+        if (op_ret != RC_OK) {
             SF_LOG_ERR("md rfc fail %d", op_ret);
             break;
         }
