@@ -235,7 +235,8 @@ void on_log(mosquitto *, void *, int level, const char *text)
     }
 }
 
-void stop_threads(Client *client)
+/* End the network and expiry threads; the inbound worker is left running. */
+void stop_network(Client *client)
 {
     {
         std::lock_guard<std::mutex> hold(client->connect_mutex);
@@ -252,7 +253,13 @@ void stop_threads(Client *client)
     if (client->expiry.joinable()) {
         client->expiry.join();
     }
-    client->inbound->stop();
+}
+
+/* Complete every publication still waiting with MQC_RC_STOPPED. No thread of the client completes any more. */
+void complete_all_stopped(Client *client)
+{
+    PendingPublications::complete(client->pending.take_settled());
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
 }
 
 bool set_up_mosquitto(Client *client)
@@ -349,15 +356,21 @@ extern "C" void mqc_stop(void)
         mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1,
                           OFFLINE_STATUS, 1, true);
     }
-    stop_threads(client);
+    stop_network(client);
     g_connected = false;
+    // The inbound worker may be inside a synchronous report made from the
+    // application's query callback, waiting for one of these: complete them
+    // before joining it, or the join would wait for ever. The table is
+    // closed from here on, so nothing new is recorded.
+    complete_all_stopped(client);
+    client->inbound->stop();
     {
         std::unique_lock<std::shared_mutex> life(g_life);
         g_client = nullptr;
     }
-    // No publisher is left (g_life was taken exclusively): nothing settles after this.
-    PendingPublications::complete(client->pending.take_settled());
-    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
+    // No publisher is left (g_life was taken exclusively): one that was
+    // between publish and record when the table closed has settled by now.
+    complete_all_stopped(client);
     destroy(client);
     gw_registry_set_nw_status(GW_NW_LAN);
     g_stopping = false;
