@@ -3,10 +3,12 @@
  * stop (services/mqtt_client.h, port/posix/mqtt_config.h).
  *
  * Threads: the network thread runs libmosquitto's loop: connect and
- * disconnect, acknowledgements (completions) and inbound messages (queued
- * for the inbound thread); the expiry thread completes publications whose
- * time limit passed and those settled while being recorded (mqtt_pending.h).
- * Completions never run with a lock of this client held.
+ * disconnect, acknowledgements and inbound messages (queued for the
+ * inbound thread); the expiry thread runs every completion: those settled
+ * by an acknowledgement or the loss of the connection, those settled while
+ * being recorded (mqtt_pending.h) and those whose time limit passed. So no
+ * completion runs inside libmosquitto's callback lock or with a lock of
+ * this client held, and a slow one never holds up the network.
  *
  * The network thread is ours rather than mosquitto_loop_start's because
  * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
@@ -101,17 +103,16 @@ void on_disconnect(mosquitto *, void *obj, int rc)
         }
     }
     // libmosquitto will re-send these after a reconnect, but their callers
-    // are told now; the late acknowledgements then find no entry.
-    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
+    // are told now (by the expiry thread); the late acknowledgements then
+    // find no entry.
+    client->pending.settle(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
 }
 
 void on_publish(mosquitto *, void *obj, int mid)
 {
-    auto *client = static_cast<Client *>(obj);
-    Completion done;
-    if (client->pending.take(mid, &done)) {
-        PendingPublications::complete(done, RC_OK);
-    }
+    // Completed on the expiry thread: a completion that takes its time
+    // must not hold up the network thread (acknowledgements, commands).
+    static_cast<Client *>(obj)->pending.settle_acked(mid);
 }
 
 void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
