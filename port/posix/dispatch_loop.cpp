@@ -12,12 +12,17 @@
 #include "../../services/uni_memory.h"
 #include "dispatch_core.h"
 #include "posix_runtime.h"
+#include "posix_tunables.h"
 
 namespace posix_rt {
 
 Dispatch &dispatch()
 {
-    static Dispatch &d = *new Dispatch();
+    static Dispatch &d = *[] {
+        auto *made = new Dispatch();
+        made->limit = SF_DISPATCH_QUEUE_LIMIT;
+        return made;
+    }();
     return d;
 }
 
@@ -65,6 +70,9 @@ void run_message(Dispatch &d, std::unique_lock<std::mutex> &held)
 {
     MESSAGE msg = d.queue.front().msg;
     d.queue.pop_front();
+    if (d.waiting != 0) {
+        d.room.notify_one();
+    }
     auto handler = d.handlers.find(msg.msgID);
     const MSG_CALLBACK cb = handler != d.handlers.end() ? handler->second : nullptr;
     held.unlock();
@@ -147,6 +155,7 @@ extern "C" void cmmod_stop(void)
     }
     d.state = RunState::Stopping;
     d.wake.notify_all();
+    d.room.notify_all(); /* waiting posters give up */
     std::thread thread = std::move(d.thread);
     held.unlock();
     thread.join();

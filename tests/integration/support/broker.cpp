@@ -81,6 +81,13 @@ bool Broker::write_config(std::string *why)
     } else {
         conf << "allow_anonymous true\n";
     }
+    if (!options_.acl.empty()) {
+        std::ofstream(dir_ + "/acl") << options_.acl;
+        conf << "acl_file " << dir_ << "/acl\n";
+    }
+    if (options_.max_queued_messages > 0) {
+        conf << "max_queued_messages " << options_.max_queued_messages << "\n";
+    }
     if (options_.tls) {
         const std::string d = "'" + dir_ + "'";
         const std::string new_key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";

@@ -18,6 +18,8 @@ struct BrokerOptions {
     bool persistence = false;         // sessions survive a graceful stop (SIGTERM)
     std::string user;              // non-empty: anonymous clients are refused
     std::string password;
+    std::string acl;              // non-empty: the text of the broker's acl_file
+    int max_queued_messages = 0;  // > 0: messages the broker queues per client beyond those in flight
 };
 
 class Broker {

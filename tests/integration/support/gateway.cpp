@@ -19,6 +19,7 @@ std::vector<ObjCmd> g_obj_cmds;
 
 std::vector<std::string> g_app_calls;
 std::function<void(const std::string &)> g_query_hook;
+std::function<void(const it::ObjCmd &)> g_obj_cmd_hook;
 
 void record_app_call(const std::string &call)
 {
@@ -74,6 +75,14 @@ void record_obj_cmd(const KL_RECV_OBJ_DP_S *cmd)
         default: break;
         }
         copy.dps.push_back(one);
+    }
+    std::function<void(const ObjCmd &)> hook;
+    {
+        std::lock_guard<std::mutex> hold(g_mutex);
+        hook = g_obj_cmd_hook;
+    }
+    if (hook) {
+        hook(copy);
     }
     std::lock_guard<std::mutex> hold(g_mutex);
     g_obj_cmds.push_back(copy);
@@ -154,6 +163,12 @@ void set_query_hook(std::function<void(const std::string &cid)> hook)
 {
     std::lock_guard<std::mutex> hold(g_mutex);
     g_query_hook = std::move(hook);
+}
+
+void set_obj_cmd_hook(std::function<void(const ObjCmd &cmd)> hook)
+{
+    std::lock_guard<std::mutex> hold(g_mutex);
+    g_obj_cmd_hook = std::move(hook);
 }
 
 bool eventually(const std::function<bool()> &cond, std::chrono::milliseconds timeout)

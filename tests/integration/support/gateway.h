@@ -66,6 +66,12 @@ bool wait_app_calls(size_t count, std::chrono::milliseconds timeout);
  */
 void set_query_hook(std::function<void(const std::string &cid)> hook);
 
+/*
+ * What the DP command callback does before recording: by default nothing.
+ * The hook runs on the dispatch thread.
+ */
+void set_obj_cmd_hook(std::function<void(const ObjCmd &cmd)> hook);
+
 /* Poll cond every 20 ms until it holds or timeout passes. */
 bool eventually(const std::function<bool()> &cond, std::chrono::milliseconds timeout);
 
