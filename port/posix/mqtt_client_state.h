@@ -48,6 +48,7 @@ struct Client {
     std::atomic<bool> settled{false};     // the pending table settled publications: complete them now
     std::atomic<bool> subscribed{false};  // the command topics' SUBACK came: commands may follow
     std::atomic<int> connack_rc{0};       // the broker's answer to the last CONNECT
+    std::atomic<bool> sub_refused{false}; // the broker refused the command topics: reconnect with back-off
     std::mutex wait_mutex;
     std::condition_variable wake;
     std::mutex connect_mutex;

@@ -75,10 +75,33 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
                    (rc == 4 || rc == 5) ? " (check the user name and password)" : "");
         return;
     }
+    // Connected only once the SUBACK grants the command topics (on_subscribe).
     int sub_rc = mosquitto_subscribe(mosq, nullptr, client->cmd_filter.c_str(), 1);
     if (sub_rc != MOSQ_ERR_SUCCESS) {
         CH_LOG_ERR("subscribe %s failed: %s", client->cmd_filter.c_str(), mosquitto_strerror(sub_rc));
+        client->sub_refused = true;
+        mosquitto_disconnect(mosq);
     }
+}
+
+/*
+ * The SUBACK of the command topics. A refusal (granted QoS 0x80 in 3.1.1, a
+ * reason code from 0x80 in MQTT 5, e.g. an ACL that denies them) leaves a
+ * connection that can publish but never receives a command: it is not
+ * counted as connected; it is dropped and tried again with back-off.
+ */
+void on_subscribe(mosquitto *mosq, void *obj, int, int qos_count, const int *granted_qos)
+{
+    auto *client = static_cast<Client *>(obj);
+    if (qos_count < 1 || granted_qos == nullptr || granted_qos[0] >= 0x80) {
+        CH_LOG_ERR("MQTT broker %s:%d refused the subscription to %s (reason %d): no command can arrive",
+                   client->host.c_str(), client->port, client->cmd_filter.c_str(),
+                   qos_count < 1 || granted_qos == nullptr ? -1 : granted_qos[0]);
+        client->sub_refused = true;
+        mosquitto_disconnect(mosq);
+        return;
+    }
+    client->subscribed = true;
     mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
                       true);
     client->pending.open();
@@ -88,11 +111,6 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
     CH_LOG_INFO("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
     // Values whose publication failed while the cloud was away go out again.
     sf_start_sync_obj_dp();
-}
-
-void on_subscribe(mosquitto *, void *obj, int, int, const int *)
-{
-    static_cast<Client *>(obj)->subscribed = true;
 }
 
 void on_disconnect(mosquitto *, void *obj, int rc)
@@ -313,7 +331,9 @@ void run_network(Client *client)
         if (!was_established && reached) {
             fall_back_if_refused(client, rc);
         }
-        if (!was_established) {
+        if (client->sub_refused.exchange(false)) {
+            CH_LOG_ERR("MQTT subscription refused, reconnecting in %u s", delay_s);
+        } else if (!was_established) {
             // The loss of an accepted session is logged by on_disconnect already.
             CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
                        client->port, rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);

@@ -18,7 +18,7 @@ struct BrokerOptions {
     bool persistence = false;         // sessions survive a graceful stop (SIGTERM)
     std::string user;              // non-empty: anonymous clients are refused
     std::string password;
-    std::string acl;              // non-empty: the text of the broker's acl_file
+    bool deny_subscriptions = false; // every SUBSCRIBE is refused (dynamic-security plugin's default access)
     int max_queued_messages = 0;  // > 0: messages the broker queues per client beyond those in flight
 };
 
