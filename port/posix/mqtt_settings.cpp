@@ -67,7 +67,7 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     client->max_packet_bytes = max_bytes + SF_MQTT_PACKET_OVERHEAD;
     client->inbound = std::make_unique<InboundWorker>(max_bytes,
                                                       or_default(cfg->max_inbound_depth, SF_MQTT_MAX_INBOUND_DEPTH),
-                                                      INBOUND_QUEUE_LIMIT, SF_MQTT_RECEIVE_MAXIMUM);
+                                                      INBOUND_QUEUE_LIMIT, SF_MQTT_INBOUND_RESERVE);
     return true;
 }
 

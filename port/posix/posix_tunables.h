@@ -39,11 +39,21 @@
  * MQTT 5 receive maximum [1..65535]: QoS 1 commands the broker may have on
  * the way to us, unacknowledged, at once. While the inbound queue is full
  * the client stops reading its socket, so at most this many commands lie
- * between a report of ours and its acknowledgement; it is also the reserve
- * the inbound queue keeps for reading on to that acknowledgement.
+ * between a report of ours and its acknowledgement.
  */
 #ifndef SF_MQTT_RECEIVE_MAXIMUM
 #define SF_MQTT_RECEIVE_MAXIMUM 16
+#endif
+
+/*
+ * Inbound documents read past SF_MQTT_INBOUND_QUEUE_LIMIT, only to reach
+ * the acknowledgement a publication of ours waits for (or a ping answer).
+ * It must cover what the broker sends ahead of that acknowledgement: under
+ * MQTT 5 the receive maximum should bound that, but mosquitto 2.0 was seen
+ * to put more than 16 commands ahead of it, so the reserve is wider.
+ */
+#ifndef SF_MQTT_INBOUND_RESERVE
+#define SF_MQTT_INBOUND_RESERVE 64
 #endif
 
 /*
@@ -99,7 +109,7 @@
 /*
  * Inbound documents waiting for the inbound worker before the client stops
  * reading its socket (the broker then holds the rest). It reads on past
- * this, up to SF_MQTT_RECEIVE_MAXIMUM more, only to reach the
+ * this, up to SF_MQTT_INBOUND_RESERVE more, only to reach the
  * acknowledgement a publication of ours waits for, or a ping answer.
  */
 #ifndef SF_MQTT_INBOUND_QUEUE_LIMIT

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "port/posix/posix_runtime.h"
+#include "smart_frame/smart_frame.h"
 #include "support/channel_fixture.h"
 
 namespace it {
@@ -188,6 +189,47 @@ TEST_P(MqttBackpressure, CommandsWaitForABlockedApplicationAndAllArriveInOrder)
     }
     EXPECT_LE(dispatch_stat().peak, dispatch_stat().limit);
     EXPECT_EQ(0u, inbound_stat().dropped);
+}
+
+// The application reports synchronously from its DP callback while the
+// gateway is backed up: the acknowledgement lies behind commands the client
+// has stopped reading, so it reads on into its reserve to reach it.
+TEST_P(MqttBackpressure, ASynchronousReportFromABackedUpCallbackGetsItsAcknowledgement)
+{
+    protocol_ = GetParam();
+    BrokerOptions options;
+    options.max_queued_messages = COMMANDS * 2;
+    start({{"sub01", 1, 1}}, options);
+    struct State {
+        std::atomic<bool> first{true};
+        std::atomic<bool> backed_up{false};
+        std::atomic<bool> done{false};
+        std::atomic<int> result{1};
+    };
+    auto state = std::make_shared<State>();
+    set_obj_cmd_hook([state](const ObjCmd &) {
+        if (!state->first.exchange(false)) {
+            return;
+        }
+        state->backed_up = eventually(
+            [] { return dispatch_stat().waiting > 0 && inbound_stat().depth >= inbound_stat().limit; }, seconds(60));
+        state->result = sf_stat_dp_report_sync("sub01", "{\"1\":true}", nullptr, 60, FALSE);
+        state->done = true;
+    });
+    constexpr int BURST = 1000;
+    for (int i = 1; i <= BURST; ++i) {
+        ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), dp_command(i)));
+    }
+
+    ASSERT_TRUE(eventually([state] { return state->done.load(); }, seconds(90)));
+    EXPECT_TRUE(state->backed_up.load());
+    EXPECT_EQ(RC_OK, state->result.load());
+    EXPECT_LE(inbound_stat().depth, inbound_stat().limit + inbound_stat().reserve);
+    ASSERT_TRUE(wait_obj_cmds([](const std::vector<ObjCmd> &all) { return all.size() >= BURST; }, seconds(60)));
+    const std::vector<ObjCmd> all = obj_cmds();
+    for (int i = 0; i < BURST; ++i) {
+        ASSERT_EQ(i + 1, all[static_cast<size_t>(i)].dps[0].number) << "command " << i << " out of order";
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Protocols, MqttBackpressure, ::testing::Values(0u, 311u),
