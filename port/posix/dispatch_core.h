@@ -10,6 +10,7 @@
 #ifndef PORT_POSIX_DISPATCH_CORE_H
 #define PORT_POSIX_DISPATCH_CORE_H
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -45,7 +46,11 @@ struct Dispatch {
     std::mutex lock;
     std::condition_variable wake;    /* new work, a timer change, or a stop request */
     std::condition_variable settled; /* a timed-message callback returned, or the thread ended */
+    std::condition_variable room;    /* the queue shrank, or a stop: posters waiting for room look again */
     std::deque<QueuedMessage> queue;
+    size_t limit = 0;                /* SF_DISPATCH_QUEUE_LIMIT */
+    size_t peak = 0;                 /* deepest the queue has been */
+    size_t waiting = 0;              /* posters waiting for room */
     std::set<MSG_ID> allocated_ids;
     std::map<MSG_ID, MSG_CALLBACK> handlers;
     MSG_ID next_id = 0;
@@ -57,6 +62,16 @@ struct Dispatch {
     std::thread thread;
     std::thread::id thread_id;
 };
+
+/*
+ * Set for the calling thread: a post that waits for room gives up with
+ * RC_FAIL once *abort is true (the owner sets it, then calls
+ * wake_room_waiters). NULL: wait until there is room or the dispatch stops.
+ */
+void set_post_abort(const std::atomic<bool> *abort);
+
+/* Make every poster waiting for room look again (at its abort flag). Any thread. */
+void wake_room_waiters();
 
 /* The process-wide instance; never destroyed, so a thread still running at exit finds it intact. */
 Dispatch &dispatch();

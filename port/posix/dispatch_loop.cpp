@@ -13,12 +13,17 @@
 #include "dispatch_core.h"
 #include "metrics.h"
 #include "posix_runtime.h"
+#include "posix_tunables.h"
 
 namespace posix_rt {
 
 Dispatch &dispatch()
 {
-    static Dispatch &d = *new Dispatch();
+    static Dispatch &d = *[] {
+        auto *made = new Dispatch();
+        made->limit = SF_DISPATCH_QUEUE_LIMIT;
+        return made;
+    }();
     return d;
 }
 
@@ -67,6 +72,9 @@ void run_message(Dispatch &d, std::unique_lock<std::mutex> &held)
     MESSAGE msg = d.queue.front().msg;
     d.queue.pop_front();
     sf_metrics::dispatch_handled(d.queue.size());
+    if (d.waiting != 0) {
+        d.room.notify_one();
+    }
     auto handler = d.handlers.find(msg.msgID);
     const MSG_CALLBACK cb = handler != d.handlers.end() ? handler->second : nullptr;
     held.unlock();
@@ -149,6 +157,7 @@ extern "C" void cmmod_stop(void)
     }
     d.state = RunState::Stopping;
     d.wake.notify_all();
+    d.room.notify_all(); /* waiting posters give up */
     std::thread thread = std::move(d.thread);
     held.unlock();
     thread.join();

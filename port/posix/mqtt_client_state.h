@@ -29,6 +29,10 @@ struct Client {
     bool tls_insecure = false;
     UINT_T keepalive_s = 60, reconnect_min_s = 1, reconnect_max_s = 30, default_timeout_s = 30;
     UINT_T max_inflight = 20;
+    int protocol = 5;          // MQTT_PROTOCOL_V5 or MQTT_PROTOCOL_V311 level of the next connect
+    bool fall_back = true;     // MQTT 5 refused by the broker: use 3.1.1 from then on
+    UINT_T receive_maximum = 16;
+    UINT_T max_packet_bytes = 0; // MQTT 5 maximum packet size we announce
     std::string up_topic, cmd_filter, cmd_prefix, status_topic;
 
     mosquitto *mosq = nullptr;
@@ -42,6 +46,9 @@ struct Client {
     std::atomic<bool> stop{false};
     std::atomic<bool> established{false}; // a session was accepted since the last back-off
     std::atomic<bool> settled{false};     // the pending table settled publications: complete them now
+    std::atomic<bool> subscribed{false};  // the command topics' SUBACK came: commands may follow
+    std::atomic<int> connack_rc{0};       // the broker's answer to the last CONNECT
+    std::atomic<bool> sub_refused{false}; // the broker refused the command topics: reconnect with back-off
     std::mutex wait_mutex;
     std::condition_variable wake;
     std::mutex connect_mutex;

@@ -53,6 +53,9 @@ typedef struct {
     UINT_T        max_inbound_bytes; /* larger inbound documents are dropped [65536] */
     UINT_T        max_inbound_depth; /* deeper nested documents are dropped [32] */
     UINT_T        max_inflight;      /* QoS 1 messages on the wire at once; more wait in order [20] */
+    UINT_T        protocol;          /* 5: MQTT 5 only; 311: MQTT 3.1.1 only; 0: MQTT 5, or 3.1.1
+                                        when the broker refuses 5 [SF_MQTT_PROTOCOL]. See
+                                        docs/robustness.md for what each can bound. */
 } MQC_CONFIG_S;
 
 /*
@@ -71,6 +74,17 @@ OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg);
  * callback (they run on the client's threads).
  */
 void mqc_stop(void);
+
+/* The MQTT client's inbound queue, for metrics and tests. */
+typedef struct {
+    UINT_T depth;   /* commands read and waiting for the inbound worker */
+    UINT_T limit;   /* reading stops at this depth (SF_MQTT_INBOUND_QUEUE_LIMIT) ... */
+    UINT_T reserve; /* ... unless it reads on for an acknowledgement, up to limit + reserve */
+    UINT_T dropped; /* commands dropped since mqc_start: over the byte limit, or QoS 0 past the reserve */
+} MQC_INBOUND_STAT_S;
+
+/* Fill *stat (all zero while the client is not started). Any thread. */
+void mqc_get_inbound_stat(MQC_INBOUND_STAT_S *stat);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -3,10 +3,12 @@
  * stop (services/mqtt_client.h, port/posix/mqtt_config.h).
  *
  * Threads: the network thread runs libmosquitto's loop: connect and
- * disconnect, acknowledgements (completions) and inbound messages (queued
- * for the inbound thread); the expiry thread completes publications whose
- * time limit passed and those settled while being recorded (mqtt_pending.h).
- * Completions never run with a lock of this client held.
+ * disconnect, acknowledgements and inbound messages (queued for the
+ * inbound thread); the expiry thread runs every completion: those settled
+ * by an acknowledgement or the loss of the connection, those settled while
+ * being recorded (mqtt_pending.h) and those whose time limit passed. So no
+ * completion runs inside libmosquitto's callback lock or with a lock of
+ * this client held, and a slow one never holds up the network.
  *
  * The network thread is ours rather than mosquitto_loop_start's because
  * libmosquitto's own loop gives up for good on errors it deems fatal (a TLS
@@ -22,6 +24,7 @@
  * once mqc_stop has set stop none begins.
  */
 #include <mosquitto.h>
+#include <mqtt_protocol.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -57,6 +60,7 @@ namespace {
 constexpr auto EXPIRY_TICK = std::chrono::milliseconds(SF_MQTT_EXPIRY_TICK_MS);
 constexpr int LOOP_WAIT_MS = SF_MQTT_LOOP_WAIT_MS;
 constexpr auto STOP_GRACE = std::chrono::seconds(SF_MQTT_STOP_GRACE_S);
+constexpr auto HELD_POLL = std::chrono::milliseconds(SF_MQTT_HELD_POLL_MS);
 
 constexpr char ONLINE_STATUS[] = "{\"online\":true}";
 constexpr char OFFLINE_STATUS[] = "{\"online\":false}";
@@ -64,6 +68,7 @@ constexpr char OFFLINE_STATUS[] = "{\"online\":false}";
 void on_connect(mosquitto *mosq, void *obj, int rc)
 {
     auto *client = static_cast<Client *>(obj);
+    client->connack_rc = rc;
     if (rc != 0) {
         // 4 and 5 are the broker's answers to a wrong user name or password.
         CH_LOG_ERR("MQTT broker %s:%d refused the connection: %s%s", client->host.c_str(), client->port,
@@ -71,10 +76,33 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
                    (rc == 4 || rc == 5) ? " (check the user name and password)" : "");
         return;
     }
+    // Connected only once the SUBACK grants the command topics (on_subscribe).
     int sub_rc = mosquitto_subscribe(mosq, nullptr, client->cmd_filter.c_str(), 1);
     if (sub_rc != MOSQ_ERR_SUCCESS) {
         CH_LOG_ERR("subscribe %s failed: %s", client->cmd_filter.c_str(), mosquitto_strerror(sub_rc));
+        client->sub_refused = true;
+        mosquitto_disconnect(mosq);
     }
+}
+
+/*
+ * The SUBACK of the command topics. A refusal (granted QoS 0x80 in 3.1.1, a
+ * reason code from 0x80 in MQTT 5, e.g. an ACL that denies them) leaves a
+ * connection that can publish but never receives a command: it is not
+ * counted as connected; it is dropped and tried again with back-off.
+ */
+void on_subscribe(mosquitto *mosq, void *obj, int, int qos_count, const int *granted_qos)
+{
+    auto *client = static_cast<Client *>(obj);
+    if (qos_count < 1 || granted_qos == nullptr || granted_qos[0] >= 0x80) {
+        CH_LOG_ERR("MQTT broker %s:%d refused the subscription to %s (reason %d): no command can arrive",
+                   client->host.c_str(), client->port, client->cmd_filter.c_str(),
+                   qos_count < 1 || granted_qos == nullptr ? -1 : granted_qos[0]);
+        client->sub_refused = true;
+        mosquitto_disconnect(mosq);
+        return;
+    }
+    client->subscribed = true;
     mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
                       true);
     client->pending.open();
@@ -90,6 +118,7 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
 void on_disconnect(mosquitto *, void *obj, int rc)
 {
     auto *client = static_cast<Client *>(obj);
+    client->subscribed = false;
     const bool was_connected = g_connected.exchange(false);
     if (!g_stopping) {
         gw_registry_set_nw_status(GW_NW_LAN);
@@ -104,17 +133,16 @@ void on_disconnect(mosquitto *, void *obj, int rc)
         }
     }
     // libmosquitto will re-send these after a reconnect, but their callers
-    // are told now; the late acknowledgements then find no entry.
-    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
+    // are told now (by the expiry thread); the late acknowledgements then
+    // find no entry.
+    client->pending.settle(client->pending.close_and_take_all(), MQC_RC_CONN_LOST);
 }
 
 void on_publish(mosquitto *, void *obj, int mid)
 {
-    auto *client = static_cast<Client *>(obj);
-    Completion done;
-    if (client->pending.take(mid, &done)) {
-        PendingPublications::complete(done, RC_OK);
-    }
+    // Completed on the expiry thread: a completion that takes its time
+    // must not hold up the network thread (acknowledgements, commands).
+    static_cast<Client *>(obj)->pending.settle_acked(mid);
 }
 
 void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
@@ -130,7 +158,8 @@ void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
         return;
     }
     sf_metrics::inbound_received(static_cast<int>(kind));
-    client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen));
+    client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen),
+                          msg->qos);
 }
 
 /* Sleep up to span unless the client stops; false when it stops. */
@@ -168,6 +197,40 @@ void run_expiry(Client *client)
 }
 
 /*
+ * Whether this turn of the network thread may read the socket. Until the
+ * SUBACK came nothing but the broker's answers can arrive; after it,
+ * reading stops while the inbound queue is full, so the broker holds the
+ * commands it has not sent (libmosquitto acknowledges each one it reads,
+ * so reading is where a command becomes ours to keep). It goes on, into
+ * the queue's reserve, while a publication of ours waits for its
+ * acknowledgement (which may be all that stands between the application
+ * and room in the queue: never wait for what needs this thread) and once
+ * each half keep-alive (the ping's answer). Network thread.
+ */
+bool may_read(Client *client, Clock::time_point last_read)
+{
+    if (client->stop || !client->subscribed) {
+        return true;
+    }
+    const bool waits = client->pending.size() > 0 ||
+                       Clock::now() - last_read >= std::chrono::milliseconds(client->keepalive_s * 500);
+    return client->inbound->accepts(waits);
+}
+
+/* A turn without reading: keep-alive and queued writes only, then a short wait for room. */
+int serve_held(Client *client)
+{
+    int rc = mosquitto_loop_misc(client->mosq);
+    if (rc == MOSQ_ERR_SUCCESS && mosquitto_want_write(client->mosq)) {
+        rc = mosquitto_loop_write(client->mosq, 1);
+    }
+    if (rc == MOSQ_ERR_SUCCESS) {
+        client->inbound->wait_for_room(HELD_POLL);
+    }
+    return rc;
+}
+
+/*
  * Serve one connection until it ends; returns why (never MOSQ_ERR_SUCCESS
  * unless stop's grace ran out). After stop it runs on only until our
  * DISCONNECT is written (libmosquitto then closes the socket and the next
@@ -176,8 +239,15 @@ void run_expiry(Client *client)
 int run_session(Client *client)
 {
     Clock::time_point give_up{};
+    Clock::time_point last_read = Clock::now();
     for (;;) {
-        const int rc = mosquitto_loop(client->mosq, LOOP_WAIT_MS, 1);
+        int rc;
+        if (may_read(client, last_read)) {
+            last_read = Clock::now();
+            rc = mosquitto_loop(client->mosq, LOOP_WAIT_MS, 1);
+        } else {
+            rc = serve_held(client);
+        }
         if (rc != MOSQ_ERR_SUCCESS) {
             return rc;
         }
@@ -192,9 +262,54 @@ int run_session(Client *client)
     }
 }
 
+/*
+ * Connect (again) with the protocol level in force: MQTT 5 announces our
+ * receive maximum and maximum packet size. A full connect every time
+ * rather than mosquitto_reconnect, so a fall-back to 3.1.1 takes effect.
+ * Network thread, connect_mutex held.
+ */
+int connect_now(Client *client)
+{
+    client->connack_rc = 0;
+    client->subscribed = false;
+    mosquitto_int_option(client->mosq, MOSQ_OPT_PROTOCOL_VERSION, client->protocol);
+    const int keepalive = static_cast<int>(client->keepalive_s);
+    if (client->protocol != MQTT_PROTOCOL_V5) {
+        return mosquitto_connect(client->mosq, client->host.c_str(), client->port, keepalive);
+    }
+    mosquitto_property *props = nullptr;
+    int rc = mosquitto_property_add_int16(&props, MQTT_PROP_RECEIVE_MAXIMUM,
+                                          static_cast<uint16_t>(client->receive_maximum));
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_property_add_int32(&props, MQTT_PROP_MAXIMUM_PACKET_SIZE, client->max_packet_bytes);
+    }
+    if (rc == MOSQ_ERR_SUCCESS) {
+        rc = mosquitto_connect_bind_v5(client->mosq, client->host.c_str(), client->port, keepalive, nullptr, props);
+    }
+    mosquitto_property_free_all(&props);
+    return rc;
+}
+
+/*
+ * After a session that was never accepted: when the broker said it does
+ * not speak MQTT 5 (CONNACK 1, "unacceptable protocol version", as a 3.1.1
+ * broker answers, or MQTT 5's 132), or answered in a form MQTT 5 cannot
+ * read, connect with 3.1.1 from now on, if the settings allow it.
+ */
+void fall_back_if_refused(Client *client, int rc)
+{
+    const int connack = client->connack_rc;
+    const bool refused = connack == 1 || connack == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION ||
+                         rc == MOSQ_ERR_PROTOCOL || rc == MOSQ_ERR_MALFORMED_PACKET;
+    if (client->protocol == MQTT_PROTOCOL_V5 && client->fall_back && refused) {
+        client->protocol = MQTT_PROTOCOL_V311;
+        CH_LOG_ERR("MQTT broker %s:%d does not accept MQTT 5; using MQTT 3.1.1", client->host.c_str(),
+                   client->port);
+    }
+}
+
 void run_network(Client *client)
 {
-    bool first = true;
     UINT_T delay_s = client->reconnect_min_s;
     for (;;) {
         int rc;
@@ -203,12 +318,10 @@ void run_network(Client *client)
             if (client->stop) {
                 return;
             }
-            rc = first ? mosquitto_connect(client->mosq, client->host.c_str(), client->port,
-                                           static_cast<int>(client->keepalive_s))
-                       : mosquitto_reconnect(client->mosq);
+            rc = connect_now(client);
         }
-        first = false;
-        if (rc == MOSQ_ERR_SUCCESS) {
+        const bool reached = rc == MOSQ_ERR_SUCCESS;
+        if (reached) {
             rc = run_session(client);
         }
         const bool was_established = client->established.exchange(false);
@@ -219,7 +332,12 @@ void run_network(Client *client)
         if (client->stop) {
             return;
         }
-        if (!was_established) {
+        if (!was_established && reached) {
+            fall_back_if_refused(client, rc);
+        }
+        if (client->sub_refused.exchange(false)) {
+            CH_LOG_ERR("MQTT subscription refused, reconnecting in %u s", delay_s);
+        } else if (!was_established) {
             // The loss of an accepted session is logged by on_disconnect already.
             CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
                        client->port, rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
@@ -239,7 +357,8 @@ void on_log(mosquitto *, void *, int level, const char *text)
     }
 }
 
-void stop_threads(Client *client)
+/* End the network and expiry threads; the inbound worker is left running. */
+void stop_network(Client *client)
 {
     {
         std::lock_guard<std::mutex> hold(client->connect_mutex);
@@ -256,7 +375,13 @@ void stop_threads(Client *client)
     if (client->expiry.joinable()) {
         client->expiry.join();
     }
-    client->inbound->stop();
+}
+
+/* Complete every publication still waiting with MQC_RC_STOPPED. No thread of the client completes any more. */
+void complete_all_stopped(Client *client)
+{
+    PendingPublications::complete(client->pending.take_settled());
+    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
 }
 
 bool set_up_mosquitto(Client *client)
@@ -271,6 +396,7 @@ bool set_up_mosquitto(Client *client)
     mosquitto_disconnect_callback_set(mosq, on_disconnect);
     mosquitto_publish_callback_set(mosq, on_publish);
     mosquitto_message_callback_set(mosq, on_message);
+    mosquitto_subscribe_callback_set(mosq, on_subscribe);
     mosquitto_log_callback_set(mosq, on_log);
     mosquitto_threaded_set(mosq, true);
     mosquitto_max_inflight_messages_set(mosq, client->max_inflight);
@@ -353,18 +479,40 @@ extern "C" void mqc_stop(void)
         mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1,
                           OFFLINE_STATUS, 1, true);
     }
-    stop_threads(client);
+    stop_network(client);
     g_connected = false;
+    // The inbound worker may be inside a synchronous report made from the
+    // application's query callback, waiting for one of these: complete them
+    // before joining it, or the join would wait for ever. The table is
+    // closed from here on, so nothing new is recorded.
+    complete_all_stopped(client);
+    client->inbound->stop();
     {
         std::unique_lock<std::shared_mutex> life(g_life);
         g_client = nullptr;
     }
-    // No publisher is left (g_life was taken exclusively): nothing settles after this.
-    PendingPublications::complete(client->pending.take_settled());
-    PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
+    // No publisher is left (g_life was taken exclusively): one that was
+    // between publish and record when the table closed has settled by now.
+    complete_all_stopped(client);
     destroy(client);
     gw_registry_set_nw_status(GW_NW_LAN);
     g_stopping = false;
 }
 
 extern "C" BOOL_T get_mqc_conn_stat(void) { return g_connected ? TRUE : FALSE; }
+
+extern "C" void mqc_get_inbound_stat(MQC_INBOUND_STAT_S *stat)
+{
+    if (stat == nullptr) {
+        return;
+    }
+    *stat = MQC_INBOUND_STAT_S{};
+    std::shared_lock<std::shared_mutex> life(g_life);
+    if (g_client != nullptr) {
+        InboundWorker &inbound = *g_client->inbound;
+        stat->depth = static_cast<UINT_T>(inbound.depth());
+        stat->limit = static_cast<UINT_T>(inbound.limit());
+        stat->reserve = static_cast<UINT_T>(inbound.reserve());
+        stat->dropped = static_cast<UINT_T>(inbound.dropped());
+    }
+}

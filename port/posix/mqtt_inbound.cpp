@@ -5,12 +5,13 @@
 
 #include "channel_log.h"
 #include "metrics.h"
+#include "dispatch_core.h"
 #include "wire_json.h"
 
 namespace sf_mqtt {
 
-InboundWorker::InboundWorker(size_t max_bytes, size_t max_depth, size_t max_queued)
-    : max_bytes_(max_bytes), max_depth_(max_depth), max_queued_(max_queued)
+InboundWorker::InboundWorker(size_t max_bytes, size_t max_depth, size_t limit, size_t reserve)
+    : max_bytes_(max_bytes), max_depth_(max_depth), limit_(limit), reserve_(reserve)
 {
 }
 
@@ -19,6 +20,7 @@ InboundWorker::~InboundWorker() { stop(); }
 void InboundWorker::start()
 {
     stopping_ = false;
+    abort_ = false;
     thread_ = std::thread([this] { run(); });
 }
 
@@ -29,18 +31,22 @@ void InboundWorker::stop()
         stopping_ = true;
         queue_.clear();
     }
+    abort_ = true;
+    posix_rt::wake_room_waiters();
     wake_.notify_all();
+    room_.notify_all();
     if (thread_.joinable()) {
         thread_.join();
     }
 }
 
-void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len)
+void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len, int qos)
 {
     if (len > max_bytes_) {
         sf_metrics::count(sf_metrics::InboundDroppedOversize);
-        CH_LOG_ERR("%s command dropped: %zu bytes, at most %zu accepted", sf_wire::cmd_kind_name(kind), len,
-                   max_bytes_);
+        const size_t count = ++dropped_;
+        CH_LOG_ERR("%s command dropped: %zu bytes, at most %zu accepted (%zu inbound commands dropped)",
+                   sf_wire::cmd_kind_name(kind), len, max_bytes_, count);
         return;
     }
     {
@@ -48,10 +54,13 @@ void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len)
         if (stopping_) {
             return;
         }
-        if (queue_.size() >= max_queued_) {
+        // A QoS 1 command is acknowledged already: it is kept whatever the
+        // fill. One of QoS 0 carries no promise and may go.
+        if (qos == 0 && queue_.size() >= limit_ + reserve_) {
             sf_metrics::count(sf_metrics::InboundDroppedQueueFull);
-            CH_LOG_ERR("%s command dropped: %zu commands already waiting", sf_wire::cmd_kind_name(kind),
-                       queue_.size());
+            const size_t count = ++dropped_;
+            CH_LOG_ERR("%s command dropped: QoS 0 and %zu commands already waiting (%zu inbound commands dropped)",
+                       sf_wire::cmd_kind_name(kind), queue_.size(), count);
             return;
         }
         queue_.push_back(Item{kind, std::string(static_cast<const char *>(payload), len)});
@@ -59,8 +68,28 @@ void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len)
     wake_.notify_one();
 }
 
+bool InboundWorker::accepts(bool waits_for_answer)
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    return queue_.size() < limit_ || (waits_for_answer && queue_.size() < limit_ + reserve_);
+}
+
+void InboundWorker::wait_for_room(std::chrono::milliseconds span)
+{
+    std::unique_lock<std::mutex> hold(mutex_);
+    room_.wait_for(hold, span, [this] { return stopping_ || queue_.size() < limit_; });
+}
+
+size_t InboundWorker::depth()
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    return queue_.size();
+}
+
 void InboundWorker::run()
 {
+    // A post that waits for room in the full dispatch queue gives up when we stop.
+    posix_rt::set_post_abort(&abort_);
     for (;;) {
         Item item;
         {
@@ -72,6 +101,7 @@ void InboundWorker::run()
             item = std::move(queue_.front());
             queue_.pop_front();
         }
+        room_.notify_all();
         const char *why = "";
         cJSON *doc = sf_wire::parse_bounded(item.payload.data(), item.payload.size(), max_bytes_, max_depth_, &why);
         if (doc == nullptr) {

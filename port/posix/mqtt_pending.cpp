@@ -79,6 +79,11 @@ void PendingPublications::park_early_ack(int mid)
 bool PendingPublications::take(int mid, Completion *out)
 {
     std::lock_guard<std::mutex> hold(mutex_);
+    return take_locked(mid, out);
+}
+
+bool PendingPublications::take_locked(int mid, Completion *out)
+{
     auto found = by_mid_.find(mid);
     if (found == by_mid_.end()) {
         if (recording_ > 0) {
@@ -89,6 +94,38 @@ bool PendingPublications::take(int mid, Completion *out)
     *out = found->second;
     by_mid_.erase(found);
     return true;
+}
+
+bool PendingPublications::settle_acked(int mid)
+{
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        Completion done;
+        if (!take_locked(mid, &done)) {
+            return false;
+        }
+        settled_.push_back({done, RC_OK});
+    }
+    if (on_settled_) {
+        on_settled_();
+    }
+    return true;
+}
+
+void PendingPublications::settle(const std::vector<Completion> &done, OPERATE_RET op_ret)
+{
+    if (done.empty()) {
+        return;
+    }
+    {
+        std::lock_guard<std::mutex> hold(mutex_);
+        for (const Completion &one : done) {
+            settled_.push_back({one, op_ret});
+        }
+    }
+    if (on_settled_) {
+        on_settled_();
+    }
 }
 
 std::vector<Settled> PendingPublications::take_settled()

@@ -91,7 +91,18 @@ public:
      */
     bool take(int mid, Completion *out);
 
-    /* Publications settled while being recorded; the expiry thread and the stop complete them. */
+    /*
+     * Settle the entry of an acknowledged message id with RC_OK, for the
+     * expiry thread to complete (libmosquitto calls us with its callback
+     * lock held: the smart frame is never entered from there). Without an
+     * entry the id is parked as take() does. True when one was settled.
+     */
+    bool settle_acked(int mid);
+
+    /* Settle done with op_ret, for the expiry thread to complete. */
+    void settle(const std::vector<Completion> &done, OPERATE_RET op_ret);
+
+    /* Publications settled and not completed yet; the expiry thread and the stop complete them. */
     std::vector<Settled> take_settled();
 
     /* Entries whose deadline is not after now. */
@@ -121,6 +132,8 @@ private:
     static constexpr size_t EARLY_ACK_LIMIT = 256;
 
     void park_early_ack(int mid);
+    /* take(), lock held. */
+    bool take_locked(int mid, Completion *out);
     /* The second half of publish_and_record, lock held; true when c was settled. */
     bool record_locked(int rc, int mid, const Completion &c, unsigned long closes_before, unsigned long parked_before);
 

@@ -55,9 +55,19 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     client->cmd_prefix = base + "cmd/";
     client->cmd_filter = client->cmd_prefix + "+";
     client->status_topic = base + "status";
-    client->inbound = std::make_unique<InboundWorker>(or_default(cfg->max_inbound_bytes, SF_MQTT_MAX_INBOUND_BYTES),
-                                                               or_default(cfg->max_inbound_depth, SF_MQTT_MAX_INBOUND_DEPTH),
-                                                               INBOUND_QUEUE_LIMIT);
+    const UINT_T protocol = or_default(cfg->protocol, SF_MQTT_PROTOCOL);
+    if (protocol != 5 && protocol != 311) {
+        CH_LOG_ERR("MQTT protocol %u unknown: 5 or 311", protocol);
+        return false;
+    }
+    client->protocol = protocol == 5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
+    client->fall_back = cfg->protocol == 0 && protocol == 5;
+    client->receive_maximum = SF_MQTT_RECEIVE_MAXIMUM;
+    const UINT_T max_bytes = or_default(cfg->max_inbound_bytes, SF_MQTT_MAX_INBOUND_BYTES);
+    client->max_packet_bytes = max_bytes + SF_MQTT_PACKET_OVERHEAD;
+    client->inbound = std::make_unique<InboundWorker>(max_bytes,
+                                                      or_default(cfg->max_inbound_depth, SF_MQTT_MAX_INBOUND_DEPTH),
+                                                      INBOUND_QUEUE_LIMIT, SF_MQTT_INBOUND_RESERVE);
     return true;
 }
 

@@ -1,6 +1,11 @@
 /*
  * Queued messages: message ids, handler bindings and posting.
  *
+ * The queue holds at most SF_DISPATCH_QUEUE_LIMIT messages: a post from
+ * any thread but the dispatch thread waits for room (the channels feeding
+ * it are held back, not the messages dropped), and a handler's own post is
+ * taken at once, since the dispatch thread cannot wait for itself.
+ *
  * Ids are handed out round-robin over 0..0xFFFE (0xFFFF means "none"), so
  * an id that was just freed is not reused at once, and a late message for
  * it cannot reach a new owner. Unregistering also drops the id's queued
@@ -11,6 +16,7 @@
 #include "../../services/uni_memory.h"
 #include "dispatch_core.h"
 #include "metrics.h"
+#include "posix_runtime.h"
 
 using posix_rt::Dispatch;
 using posix_rt::RunState;
@@ -65,16 +71,58 @@ extern "C" void cmmod_unreg_msgcb(MSG_ID mid)
             }
         }
     }
+    d.room.notify_all();
     for (const posix_rt::QueuedMessage &queued : dropped) {
         Free(queued.msg.pMsgData);
     }
 }
 
+namespace posix_rt {
+
+namespace {
+
+thread_local const std::atomic<bool> *t_post_abort = nullptr;
+
+/*
+ * Wait, lock held, until the queue has room, the dispatch stops or the
+ * caller's abort flag is set; false when it did not get room. The
+ * dispatch thread never waits (it would wait for itself).
+ */
+bool wait_for_room(Dispatch &d, std::unique_lock<std::mutex> &held)
+{
+    if (d.queue.size() < d.limit || on_dispatch_thread(d)) {
+        return true;
+    }
+    const std::atomic<bool> *abort = t_post_abort;
+    ++d.waiting;
+    d.room.wait(held, [&d, abort] {
+        return d.queue.size() < d.limit || d.state != RunState::Running || (abort != nullptr && abort->load());
+    });
+    --d.waiting;
+    return d.queue.size() < d.limit && d.state == RunState::Running;
+}
+
+} // namespace
+
+void set_post_abort(const std::atomic<bool> *abort) { t_post_abort = abort; }
+
+void wake_room_waiters()
+{
+    Dispatch &d = dispatch();
+    std::lock_guard<std::mutex> guard(d.lock);
+    d.room.notify_all();
+}
+
+} // namespace posix_rt
+
 /*
  * Results: RC_OK; RC_BAD_PARAM for an id without a handler, or NULL data
  * with a non-zero len; RC_FAIL when the dispatch thread is not running (not
  * started, or stopping); RC_NO_MEMORY. A len of 0 queues a message whose
- * pMsgData is a valid block of no bytes (Free it all the same).
+ * pMsgData is a valid block of no bytes (Free it all the same). While the
+ * queue is full a caller other than the dispatch thread waits for room;
+ * RC_FAIL when the dispatch stops meanwhile, or the caller's abort flag
+ * (posix_rt::set_post_abort) is set.
  */
 extern "C" OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LEN len)
 {
@@ -91,14 +139,17 @@ extern "C" OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LE
     Dispatch &d = posix_rt::dispatch();
     OPERATE_RET result = RC_OK;
     {
-        std::lock_guard<std::mutex> guard(d.lock);
+        std::unique_lock<std::mutex> held(d.lock);
         if (d.handlers.count(mid) == 0) {
             result = RC_BAD_PARAM;
-        } else if (d.state != RunState::Running) {
+        } else if (d.state != RunState::Running || !posix_rt::wait_for_room(d, held)) {
             result = RC_FAIL;
+        } else if (d.handlers.count(mid) == 0) {
+            result = RC_BAD_PARAM; /* unregistered while waiting */
         } else {
             d.queue.push_back({MESSAGE{mid, copy, len}, posix_rt::Clock::now()});
             sf_metrics::dispatch_depth(d.queue.size());
+            d.peak = d.queue.size() > d.peak ? d.queue.size() : d.peak;
             d.wake.notify_one();
         }
     }
@@ -106,4 +157,17 @@ extern "C" OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LE
         Free(copy);
     }
     return result;
+}
+
+extern "C" void cmmod_get_queue_stat(CMMOD_QUEUE_STAT_S *stat)
+{
+    if (stat == nullptr) {
+        return;
+    }
+    Dispatch &d = posix_rt::dispatch();
+    std::lock_guard<std::mutex> guard(d.lock);
+    stat->depth = static_cast<UINT_T>(d.queue.size());
+    stat->peak = static_cast<UINT_T>(d.peak);
+    stat->limit = static_cast<UINT_T>(d.limit);
+    stat->waiting = static_cast<UINT_T>(d.waiting);
 }

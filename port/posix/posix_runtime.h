@@ -37,6 +37,17 @@ extern "C" {
  */
 void cmmod_stop(void);
 
+/* The dispatch queue's fill, for metrics and tests. */
+typedef struct {
+    UINT_T depth;   /* messages waiting now */
+    UINT_T peak;    /* most messages that ever waited at once */
+    UINT_T limit;   /* the bound (SF_DISPATCH_QUEUE_LIMIT); only the dispatch thread's own posts pass it */
+    UINT_T waiting; /* posting threads held until there is room */
+} CMMOD_QUEUE_STAT_S;
+
+/* Fill *stat (ignored when NULL). Any thread; takes the queue's lock briefly. */
+void cmmod_get_queue_stat(CMMOD_QUEUE_STAT_S *stat);
+
 /* 1 when called on the dispatch thread, else 0. Any thread. */
 BOOL_T cmmod_on_dispatch_thread(void);
 

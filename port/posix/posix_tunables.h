@@ -10,7 +10,66 @@
 #ifndef SF_POSIX_TUNABLES_H
 #define SF_POSIX_TUNABLES_H
 
+/* ---- Message module (msg_queue.cpp, dispatch_loop.cpp) ---- */
+
+/*
+ * Messages waiting for the dispatch thread [16..65535]. A post from any
+ * other thread waits while the queue is full (backpressure on the channel
+ * that feeds it), so memory stays bounded however fast commands arrive; a
+ * handler's own posts are never held (the dispatch thread cannot wait for
+ * itself) and may pass it. Each message is a command envelope and its
+ * parsed document (at most SF_MQTT_MAX_INBOUND_BYTES of text).
+ */
+#ifndef SF_DISPATCH_QUEUE_LIMIT
+#define SF_DISPATCH_QUEUE_LIMIT 128
+#endif
+
 /* ---- MQTT client (mqtt_*.cpp) ---- */
+
+/*
+ * MQTT protocol level when MQC_CONFIG_S.protocol is 0: 5 (MQTT 5, falling
+ * back to 3.1.1 when the broker refuses it) or 311 (MQTT 3.1.1 only). MQTT
+ * 5 lets the broker know our receive maximum and maximum packet size.
+ */
+#ifndef SF_MQTT_PROTOCOL
+#define SF_MQTT_PROTOCOL 5
+#endif
+
+/*
+ * MQTT 5 receive maximum [1..65535]: QoS 1 commands the broker may have on
+ * the way to us, unacknowledged, at once. While the inbound queue is full
+ * the client stops reading its socket, so at most this many commands lie
+ * between a report of ours and its acknowledgement.
+ */
+#ifndef SF_MQTT_RECEIVE_MAXIMUM
+#define SF_MQTT_RECEIVE_MAXIMUM 16
+#endif
+
+/*
+ * Inbound documents read past SF_MQTT_INBOUND_QUEUE_LIMIT, only to reach
+ * the acknowledgement a publication of ours waits for (or a ping answer).
+ * It must cover what the broker sends ahead of that acknowledgement: under
+ * MQTT 5 the receive maximum should bound that, but mosquitto 2.0 was seen
+ * to put more than 16 commands ahead of it, so the reserve is wider.
+ */
+#ifndef SF_MQTT_INBOUND_RESERVE
+#define SF_MQTT_INBOUND_RESERVE 64
+#endif
+
+/*
+ * Bytes an MQTT packet may have beyond its payload (fixed header, topic,
+ * MQTT 5 properties). Our MQTT 5 maximum packet size is the largest
+ * accepted document plus this, so the broker never sends what we would
+ * refuse.
+ */
+#ifndef SF_MQTT_PACKET_OVERHEAD
+#define SF_MQTT_PACKET_OVERHEAD 1024
+#endif
+
+/* Milliseconds between looks at the inbound queue while reading is held back. */
+#ifndef SF_MQTT_HELD_POLL_MS
+#define SF_MQTT_HELD_POLL_MS 20
+#endif
 
 /* Seconds between keep-alive pings [5..3600]. Brokers drop a client after 1.5x this. */
 #ifndef SF_MQTT_KEEPALIVE_S
@@ -47,7 +106,12 @@
 #define SF_MQTT_MAX_INBOUND_DEPTH 32
 #endif
 
-/* Inbound documents parsed and waiting for the inbound worker. */
+/*
+ * Inbound documents waiting for the inbound worker before the client stops
+ * reading its socket (the broker then holds the rest). It reads on past
+ * this, up to SF_MQTT_INBOUND_RESERVE more, only to reach the
+ * acknowledgement a publication of ours waits for, or a ping answer.
+ */
 #ifndef SF_MQTT_INBOUND_QUEUE_LIMIT
 #define SF_MQTT_INBOUND_QUEUE_LIMIT 64
 #endif

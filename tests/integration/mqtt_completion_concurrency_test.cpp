@@ -103,5 +103,34 @@ TEST_F(MqttCompletion, BrokerDeathDuringConcurrentPublicationsCompletesEachAccep
     EXPECT_EQ(0, get_mqc_conn_stat());
 }
 
+TEST_F(MqttCompletion, ACompletionThatTakesItsTimeDoesNotHoldUpInboundCommands)
+{
+    start({{"sub01", 1, 1}});
+    // Shared with the callback, which outlives the test when it fails.
+    struct Gate {
+        std::atomic<bool> entered{false};
+        std::atomic<bool> open{false};
+        std::atomic<int> calls{0};
+    };
+    static auto gate = std::make_shared<Gate>();
+    gate = std::make_shared<Gate>();
+    auto held = [](OPERATE_RET, const void *) {
+        gate->calls.fetch_add(1);
+        gate->entered = true;
+        eventually([] { return gate->open.load(); }, seconds(30));
+    };
+    // Recorded before the acknowledgement can come: it arrives as one, not as an early ack.
+    broker_->pause();
+    ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_PRESENCE, "{\"online\":[\"a\"]}", 1, 0, held, nullptr));
+    broker_->resume();
+    ASSERT_TRUE(eventually([] { return gate->entered.load(); }, seconds(10))) << "no completion";
+
+    ASSERT_TRUE(cloud_.publish(topic("cmd/dp"), "{\"devId\":\"sub01\",\"dps\":{\"1\":true}}"));
+    EXPECT_TRUE(wait_obj_cmds([](const std::vector<ObjCmd> &all) { return all.size() == 1; }, seconds(10)))
+        << "the command waited for the completion";
+    gate->open = true;
+    EXPECT_EQ(1, gate->calls.load());
+}
+
 } // namespace
 } // namespace it

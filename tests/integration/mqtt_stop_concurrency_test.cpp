@@ -13,6 +13,7 @@
 #include <memory>
 #include <thread>
 
+#include "smart_frame/smart_frame.h"
 #include "support/channel_fixture.h"
 
 namespace it {
@@ -109,6 +110,49 @@ TEST_F(MqttStop, ReturnsPromptlyWhileConnected)
     // Not held up by the grace a broker that reads slowly would get.
     EXPECT_LT(std::chrono::steady_clock::now() - begun, milliseconds(1900));
     EXPECT_EQ(0, get_mqc_conn_stat());
+}
+
+TEST_F(MqttStop, ReturnsWhileTheQueryCallbackWaitsInASynchronousReport)
+{
+    start({{"sub01", 1, 1}});
+    // Again with a keep-alive that the frozen broker cannot end first.
+    mqc_stop();
+    MQC_CONFIG_S cfg = mqtt_config();
+    cfg.keepalive_s = 120;
+    ASSERT_EQ(RC_OK, mqc_start(&cfg));
+    ASSERT_TRUE(eventually([] { return get_mqc_conn_stat() == 1; }, seconds(10)));
+    // Shared with the hook, which outlives the test when the stop hangs.
+    struct State {
+        std::atomic<bool> in_hook{false};
+        std::atomic<bool> paused{false};
+        std::atomic<bool> done{false};
+        std::atomic<int> result{1};
+    };
+    auto state = std::make_shared<State>();
+    set_query_hook([state](const std::string &cid) {
+        state->in_hook = true;
+        eventually([state] { return state->paused.load(); }, seconds(10));
+        // Far longer than the test waits: only the stop can end it.
+        state->result = sf_stat_dp_report_sync(cid.c_str(), "{\"2\":77}", nullptr, 120, FALSE);
+        state->done = true;
+    });
+    ASSERT_TRUE(cloud_.publish(topic("cmd/query"), "{\"cids\":[\"sub01\"],\"dpids\":[2]}"));
+    ASSERT_TRUE(eventually([state] { return state->in_hook.load(); }, seconds(10))) << "no query callback";
+    broker_->pause(); // the report's acknowledgement never comes
+    state->paused = true;
+    ASSERT_TRUE(eventually([] { return pv_stat("sub01", 2) == PV_STAT_SENDING; }, seconds(10)));
+    // Fill the socket towards the frozen broker, so that not even the
+    // DISCONNECT gets out and no loss of the connection completes the report.
+    const std::string blob = "\"" + std::string(256 * 1024, 'x') + "\"";
+    for (int i = 0; i < 96; ++i) {
+        ASSERT_EQ(RC_OK, mqc_prot_data_rept_seq(MQC_PRO_PRESENCE, blob.c_str(), 0, 0, nullptr, nullptr));
+    }
+
+    EXPECT_TRUE(stop_returns_within(seconds(10)));
+    broker_->resume();
+    EXPECT_TRUE(eventually([state] { return state->done.load(); }, seconds(10)));
+    EXPECT_EQ(MQC_RC_STOPPED, state->result.load());
+    set_query_hook(nullptr);
 }
 
 } // namespace

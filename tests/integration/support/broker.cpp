@@ -1,6 +1,7 @@
 #include "broker.h"
 
 #include <arpa/inet.h>
+#include <glob.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -80,6 +81,20 @@ bool Broker::write_config(std::string *why)
         conf << "allow_anonymous false\npassword_file " << pw << "\n";
     } else {
         conf << "allow_anonymous true\n";
+    }
+    if (options_.deny_subscriptions) {
+        // mosquitto's acl_file never refuses a SUBSCRIBE (it filters at delivery); this plugin does.
+        std::ofstream(dir_ + "/dynsec.json")
+            << "{\"defaultACLAccess\":{\"publishClientSend\":true,\"publishClientReceive\":true,"
+               "\"subscribe\":false,\"unsubscribe\":true},\"clients\":[],\"groups\":[],\"roles\":[]}\n";
+        glob_t found{};
+        const bool have = ::glob("/usr/lib/*/mosquitto_dynamic_security.so", 0, nullptr, &found) == 0;
+        const std::string plugin = have ? found.gl_pathv[0] : "/usr/lib/mosquitto_dynamic_security.so";
+        ::globfree(&found);
+        conf << "plugin " << plugin << "\nplugin_opt_config_file " << dir_ << "/dynsec.json\n";
+    }
+    if (options_.max_queued_messages > 0) {
+        conf << "max_queued_messages " << options_.max_queued_messages << "\n";
     }
     if (options_.tls) {
         const std::string d = "'" + dir_ + "'";

@@ -18,6 +18,8 @@ struct BrokerOptions {
     bool persistence = false;         // sessions survive a graceful stop (SIGTERM)
     std::string user;              // non-empty: anonymous clients are refused
     std::string password;
+    bool deny_subscriptions = false; // every SUBSCRIBE is refused (dynamic-security plugin's default access)
+    int max_queued_messages = 0;  // > 0: messages the broker queues per client beyond those in flight
 };
 
 class Broker {

@@ -78,6 +78,7 @@ protected:
         cfg.reconnect_min_s = 1;
         cfg.reconnect_max_s = 2;
         cfg.keepalive_s = 5;
+        cfg.protocol = protocol_;
         return cfg;
     }
 
@@ -138,6 +139,7 @@ protected:
         return out;
     }
 
+    UINT_T protocol_ = 0; // MQC_CONFIG_S.protocol of start()
     std::unique_ptr<Broker> broker_;
     CloudPeer cloud_{"sf-it-cloud"};
     LanPeer lan_;

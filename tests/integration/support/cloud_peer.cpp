@@ -11,6 +11,21 @@ CloudPeer::CloudPeer(const std::string &persistent_id)
                                   : mosquitto_new(persistent_id.c_str(), false, this);
     mosquitto_message_callback_set(mosq_, on_message);
     mosquitto_subscribe_callback_set(mosq_, on_subscribe);
+    mosquitto_publish_callback_set(mosq_, on_publish);
+}
+
+void CloudPeer::on_publish(mosquitto *, void *obj, int)
+{
+    auto *self = static_cast<CloudPeer *>(obj);
+    std::lock_guard<std::mutex> hold(self->mutex_);
+    ++self->acknowledged_;
+    self->changed_.notify_all();
+}
+
+size_t CloudPeer::acknowledged()
+{
+    std::lock_guard<std::mutex> hold(mutex_);
+    return acknowledged_;
 }
 
 CloudPeer::~CloudPeer()

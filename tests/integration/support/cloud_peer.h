@@ -38,6 +38,9 @@ public:
 
     bool publish(const std::string &topic, const std::string &payload, int qos = 1);
 
+    /* QoS 1 publications of this peer the broker has acknowledged so far. */
+    size_t acknowledged();
+
     /* Copy of everything received so far. */
     std::vector<Received> received();
 
@@ -54,12 +57,14 @@ public:
 private:
     static void on_message(mosquitto *, void *obj, const mosquitto_message *msg);
     static void on_subscribe(mosquitto *, void *obj, int, int, const int *);
+    static void on_publish(mosquitto *, void *obj, int);
 
     mosquitto *mosq_ = nullptr;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<Received> received_;
     bool subscribed_ = false;
+    size_t acknowledged_ = 0;
 };
 
 } // namespace it

@@ -7,6 +7,7 @@
 #include <thread>
 #include <vector>
 
+#include "port/posix/dispatch_core.h"
 #include "port/posix/posix_runtime.h"
 #include "posix_test_util.h"
 #include "services/uni_memory.h"
@@ -238,6 +239,81 @@ TEST_F(MsgQueue, StopCalledOnTheDispatchThreadIsRefusedAndTheThreadGoesOn)
     ASSERT_TRUE(posix_test::eventually([] { return g_stop_returned.load(); }));
     ASSERT_EQ(RC_OK, cmmod_post_msg_malloc(mid, &value, sizeof(value)));
     ASSERT_TRUE(posix_test::eventually([this] { return seen_count() == 1; }));
+}
+
+std::atomic<bool> g_hold_open{false};
+std::atomic<int> g_held_calls{0};
+
+void holding_handler(MESSAGE *msg)
+{
+    ++g_held_calls;
+    posix_test::eventually([] { return g_hold_open.load(); });
+    Free(msg->pMsgData);
+}
+
+CMMOD_QUEUE_STAT_S queue_stat()
+{
+    CMMOD_QUEUE_STAT_S stat{};
+    cmmod_get_queue_stat(&stat);
+    return stat;
+}
+
+/* Hold the dispatch thread in holding_handler and fill the queue behind it. */
+void fill_behind_a_held_handler(MSG_ID mid)
+{
+    MSG_ID held = NO_MSG_ID;
+    ASSERT_EQ(RC_OK, cmmod_get_free_msgid(&held));
+    ASSERT_EQ(RC_OK, cmmod_reg_msgcb(held, holding_handler));
+    int value = -1;
+    ASSERT_EQ(RC_OK, cmmod_post_msg_malloc(held, &value, sizeof(value)));
+    ASSERT_TRUE(posix_test::eventually([] { return g_held_calls == 1; }));
+    const UINT_T limit = queue_stat().limit;
+    ASSERT_EQ(128u, limit);
+    for (int i = 0; i < static_cast<int>(limit); ++i) {
+        ASSERT_EQ(RC_OK, cmmod_post_msg_malloc(mid, &i, sizeof(i)));
+    }
+    EXPECT_EQ(limit, queue_stat().depth);
+}
+
+TEST_F(MsgQueue, AFullQueueHoldsAPosterUntilThereIsRoomAndLosesNothing)
+{
+    fill_behind_a_held_handler(mid);
+    std::atomic<int> result{1};
+    std::thread poster([this, &result] {
+        int value = 128;
+        result = cmmod_post_msg_malloc(mid, &value, sizeof(value));
+    });
+    ASSERT_TRUE(posix_test::eventually([] { return queue_stat().waiting == 1; }));
+    EXPECT_EQ(1, result.load()); /* still waiting */
+    EXPECT_EQ(128u, queue_stat().depth);
+
+    g_hold_open = true;
+    poster.join();
+    EXPECT_EQ(RC_OK, result.load());
+    ASSERT_TRUE(posix_test::eventually([this] { return seen_count() == 129; }));
+    for (int i = 0; i < 129; ++i) {
+        EXPECT_EQ(i, seen.values[static_cast<size_t>(i)]);
+    }
+    EXPECT_EQ(128u, queue_stat().peak);
+}
+
+TEST_F(MsgQueue, AWaitingPosterGivesUpWhenItsAbortFlagIsSet)
+{
+    fill_behind_a_held_handler(mid);
+    std::atomic<bool> abort{false};
+    std::atomic<int> result{1};
+    std::thread poster([this, &abort, &result] {
+        posix_rt::set_post_abort(&abort);
+        int value = 128;
+        result = cmmod_post_msg_malloc(mid, &value, sizeof(value));
+    });
+    ASSERT_TRUE(posix_test::eventually([] { return queue_stat().waiting == 1; }));
+    abort = true;
+    posix_rt::wake_room_waiters();
+    poster.join();
+    EXPECT_EQ(RC_FAIL, result.load());
+    g_hold_open = true;
+    ASSERT_TRUE(posix_test::eventually([this] { return seen_count() == 128; }));
 }
 
 TEST(MsgQueueLifecycle, PostBeforeStartIsRefused)
