@@ -65,6 +65,14 @@ bool read_mqtt(const cJSON *node, MqttSettings *mqtt, std::string *error)
             *s.field = static_cast<int>(number);
         }
     }
+    number = mqtt->protocol;
+    if (r.integer("protocol", false, 0, 311, &number)) {
+        if (number != 0 && number != 5 && number != 311) {
+            r.fail("protocol", "expected 5 or 311, got " + std::to_string(number));
+        } else {
+            mqtt->protocol = static_cast<int>(number);
+        }
+    }
     if (r.ok() && mqtt->topic_root.empty()) {
         r.fail("topic_root", "empty");
     }

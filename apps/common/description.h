@@ -30,6 +30,7 @@ struct MqttSettings {
     int keepalive_s = 0;      /* 0: the client's default */
     int reconnect_min_s = 0;
     int reconnect_max_s = 0;
+    int protocol = 0;         /* 5 or 311; 0: MQTT 5, falling back to 3.1.1 when the broker refuses it */
 };
 
 struct LanSettings {

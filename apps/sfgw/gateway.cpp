@@ -24,6 +24,9 @@ Gateway::Gateway(const Options &options, const apps::Description &description)
     if (options.mqtt_port != 0) {
         mqtt_.port = options.mqtt_port;
     }
+    if (options.mqtt_protocol != 0) {
+        mqtt_.protocol = options.mqtt_protocol;
+    }
 }
 
 Gateway::~Gateway() { stop(); }
@@ -73,6 +76,7 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     cfg.keepalive_s = static_cast<UINT_T>(mqtt_.keepalive_s);
     cfg.reconnect_min_s = static_cast<UINT_T>(mqtt_.reconnect_min_s);
     cfg.reconnect_max_s = static_cast<UINT_T>(mqtt_.reconnect_max_s);
+    cfg.protocol = static_cast<UINT_T>(mqtt_.protocol);
     rc = mqc_start(&cfg);
     if (rc != RC_OK) {
         *why = "the MQTT client did not start: " + std::to_string(rc);

@@ -33,6 +33,8 @@ const char *usage_text()
            "Options:\n"
            "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
            "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883)\n"
+           "  --mqtt-protocol 5|311   MQTT version (default: connection.mqtt.protocol, else 5 with a\n"
+           "                          fall-back to 3.1.1 when the broker refuses 5)\n"
            "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"
            "  --no-lan                do not open the LAN channel\n"
            "  --log-level LEVEL       0..5 or error, warn, notice, info, progress, detail\n"
@@ -110,6 +112,15 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 return false;
             }
             (arg == "--mqtt-port" ? out->mqtt_port : out->lan_port) = port;
+        } else if (arg == "--mqtt-protocol") {
+            if (!need_value("5 or 311")) {
+                return false;
+            }
+            if (value != "5" && value != "311") {
+                *why = arg + ": expected 5 or 311, got " + value;
+                return false;
+            }
+            out->mqtt_protocol = value == "5" ? 5 : 311;
         } else if (arg == "--log-level") {
             if (!need_value("a level")) {
                 return false;

@@ -11,6 +11,7 @@ struct Options {
     std::string description;
     std::string mqtt_host; /* empty: from the description */
     int mqtt_port = 0;     /* 0: from the description */
+    int mqtt_protocol = 0; /* 5 or 311; 0: from the description */
     int lan_port = -1;     /* -1: from the description; 0: any free port */
     bool no_lan = false;
     int log_level = -1;    /* -1: SF_LOG_LEVEL or the runtime's default */

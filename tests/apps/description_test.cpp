@@ -50,6 +50,20 @@ TEST(Description, ReadsConnectionAndSimulationAndKeepsTheRestForTheRegistry)
     EXPECT_NE(std::string::npos, d.registry_text.find("\"local_key\":\"k1\""));
 }
 
+TEST(Description, TheMqttProtocolIsReadAndAnyOtherVersionIsRefused)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(
+        R"({"connection":{"mqtt":{"protocol":311}},"gateway":{"id":"g"},"devices":[{"id":"a"}]})", "f", &d, &why))
+        << why;
+    EXPECT_EQ(311, d.mqtt.protocol);
+    apps::Description bad;
+    EXPECT_FALSE(apps::read_description_text(
+        R"({"connection":{"mqtt":{"protocol":4}},"gateway":{"id":"g"},"devices":[{"id":"a"}]})", "f", &bad, &why));
+    EXPECT_EQ("f: connection.mqtt.protocol: expected 5 or 311, got 4", why);
+}
+
 TEST(Description, DefaultsApplyWithoutTheAppsSections)
 {
     apps::Description d;

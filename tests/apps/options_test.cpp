@@ -17,6 +17,23 @@ TEST(GatewayOptions, OverridesAndTheDescriptionAreRead)
     EXPECT_EQ(5, o.log_level);
 }
 
+TEST(GatewayOptions, TheMqttProtocolIsFiveOrThreeOneOneAndNothingElse)
+{
+    sfgw::Options unset;
+    sfgw::Options v311;
+    sfgw::Options v5;
+    sfgw::Options bad;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"gw.json"}, &unset, &why)) << why;
+    ASSERT_TRUE(sfgw::parse_options({"--mqtt-protocol", "311", "gw.json"}, &v311, &why)) << why;
+    ASSERT_TRUE(sfgw::parse_options({"--mqtt-protocol", "5", "gw.json"}, &v5, &why)) << why;
+    EXPECT_EQ(0, unset.mqtt_protocol);
+    EXPECT_EQ(311, v311.mqtt_protocol);
+    EXPECT_EQ(5, v5.mqtt_protocol);
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-protocol", "4", "gw.json"}, &bad, &why));
+    EXPECT_EQ("--mqtt-protocol: expected 5 or 311, got 4", why);
+}
+
 TEST(GatewayOptions, CommandsAreCheckedAtTheEdgeUnlessLenientIsAsked)
 {
     sfgw::Options checked;

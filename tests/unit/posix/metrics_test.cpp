@@ -64,19 +64,21 @@ TEST_F(Metrics, LatencyFallsInTheBucketOfItsDuration)
 
 TEST_F(Metrics, ADroppedOversizeDocumentMovesItsCounter)
 {
-    sf_mqtt::InboundWorker worker(16, 4, 8);
+    sf_mqtt::InboundWorker worker(16, 4, 8, 0);
     const std::string big(17, ' ');
-    worker.push(sf_wire::CmdKind::Dp, big.data(), big.size());
+    worker.push(sf_wire::CmdKind::Dp, big.data(), big.size(), 1);
     EXPECT_EQ(1u, counter(sf_metrics::InboundDroppedOversize));
     EXPECT_EQ(0u, counter(sf_metrics::InboundDroppedQueueFull));
 }
 
-TEST_F(Metrics, AQueueFullDropMovesItsCounter)
+TEST_F(Metrics, AQueueFullDropOfAQos0CommandMovesItsCounter)
 {
-    sf_mqtt::InboundWorker worker(64, 4, 2); /* not started: nothing takes from the queue */
+    sf_mqtt::InboundWorker worker(64, 4, 2, 1); /* not started: nothing takes from the queue */
     for (int i = 0; i < 3; ++i) {
-        worker.push(sf_wire::CmdKind::Dp, "{}", 2);
+        worker.push(sf_wire::CmdKind::Dp, "{}", 2, 1); /* QoS 1: acknowledged, so kept past limit and reserve */
     }
+    EXPECT_EQ(0u, counter(sf_metrics::InboundDroppedQueueFull));
+    worker.push(sf_wire::CmdKind::Dp, "{}", 2, 0);
     EXPECT_EQ(1u, counter(sf_metrics::InboundDroppedQueueFull));
 }
 
