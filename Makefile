@@ -3,6 +3,9 @@
 #   make demo   the gateway and cloud console end to end
 #   make bench  benchmarks (Release build)
 #   make fuzz   fuzz targets (clang, libFuzzer)
+#   make test-cross    the module's unit tests on 32- and 64-bit ARM under qemu-user
+#   make package       .deb files of the library (-dev) and the gateway daemon
+#   make test-brokers  the demo scenario against a private RabbitMQ node
 
 JOBS ?= $(shell nproc)
 SAN_BUILD := build/asan
@@ -10,7 +13,7 @@ TSAN_BUILD := build/tsan
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-tsan demo run bench fuzz clean
+.PHONY: all deps build test test-tsan test-cross package test-brokers demo run bench fuzz clean
 
 all: build
 
@@ -37,6 +40,11 @@ test-tsan: deps
 	  cmake --build $(TSAN_BUILD) -j $(JOBS) && \
 	  cd $(TSAN_BUILD) && ctest -j $(JOBS) -L concurrency --output-on-failure --timeout 300; \
 	fi
+
+# The module, the fakes and the module's unit tests cross-built for ARM
+# (build/cross-armhf, build/cross-arm64) and run under qemu-user.
+test-cross:
+	JOBS=$(JOBS) scripts/cross_test.sh
 
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi
