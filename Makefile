@@ -46,6 +46,16 @@ test-tsan: deps
 test-cross:
 	JOBS=$(JOBS) scripts/cross_test.sh
 
+# .deb files of the library (libsmart-frame-dev) and the daemon (sfgw), from
+# a Release build without tests, in build/package/debs.
+PKG_BUILD := build/package
+package: deps
+	cmake -S . -B $(PKG_BUILD) -DCMAKE_BUILD_TYPE=Release -DSF_BUILD_TESTS=OFF -DSF_BUILD_BENCH=OFF \
+	  -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(PKG_BUILD) -j $(JOBS) --target smart_frame sf_posix sf_base64 sfgw
+	cd $(PKG_BUILD) && cpack --config CPackConfig.cmake -B debs
+	@ls -1 $(PKG_BUILD)/debs/*.deb
+
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi
 

@@ -48,7 +48,3 @@ if(TARGET sf_posix)
   install(FILES ${CMAKE_BINARY_DIR}/package/smart_frame-posix.pc
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT posix)
 endif()
-
-if(EXISTS ${CMAKE_CURRENT_LIST_DIR}/package_tests.cmake)
-  include(${CMAKE_CURRENT_LIST_DIR}/package_tests.cmake)
-endif()
