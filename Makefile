@@ -56,6 +56,10 @@ package: deps
 	cd $(PKG_BUILD) && cpack --config CPackConfig.cmake -B debs
 	@ls -1 $(PKG_BUILD)/debs/*.deb
 
+# The demo scenario against a private RabbitMQ node (MQTT plugin), outage included.
+test-brokers:
+	scripts/rabbitmq_scenario.sh
+
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi
 

@@ -32,7 +32,7 @@ if dpkg-deb -c "$dev" | awk '{print $6}' | grep -q 'frame_cntl\.h$'; then
   echo "the -dev package ships a private header" >&2; exit 1
 fi
 if [ -n "$daemon" ]; then
-  has "$daemon" ./usr/bin/sfgw ./lib/systemd/system/sfgw.service ./etc/sfgw/gateway.json ./var/lib/sfgw/
+  has "$daemon" ./usr/bin/sfgw ./usr/lib/systemd/system/sfgw.service ./etc/sfgw/gateway.json ./var/lib/sfgw/
   echo "sfgw package: $(basename "$daemon")"
 fi
 

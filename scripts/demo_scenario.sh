@@ -15,6 +15,14 @@ root=$(dirname "$here")
 # shellcheck source=lib/demo_lib.sh
 . "$here/lib/demo_lib.sh"
 
+# SF_BROKER_CTL: another broker than the private mosquitto, as a program
+# answering "start DIR PORT" and "stop DIR" (e.g. scripts/rabbitmq_broker.sh);
+# SF_BROKER_DIR: its folder (default: the scenario's scratch folder).
+if [ -n "${SF_BROKER_CTL:-}" ]; then
+  broker_start() { "$SF_BROKER_CTL" start "${SF_BROKER_DIR:-$1}" "$2"; }
+  broker_stop() { "$SF_BROKER_CTL" stop "${SF_BROKER_DIR:-$1}"; }
+fi
+
 if [ $# -lt 1 ] || [ ! -x "$1/sfgw" ] || [ ! -x "$1/sfcloud" ]; then
   echo "usage: $0 BIN_DIR [--json]   (BIN_DIR with sfgw and sfcloud)" >&2
   exit 2
