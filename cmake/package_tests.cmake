@@ -29,4 +29,5 @@ add_test(NAME package_deb_c_consumer
   COMMAND ${CMAKE_SOURCE_DIR}/packaging/check_debs.sh
           ${CMAKE_BINARY_DIR} ${CMAKE_BINARY_DIR}/package-tests/deb ${SF_CONSUMER_FLAGS})
 set_tests_properties(package_install_c_consumer package_deb_c_consumer PROPERTIES
-  LABELS package TIMEOUT 600 ENVIRONMENT "${SF_PACKAGE_TEST_ENV}")
+  LABELS package TIMEOUT 600 ENVIRONMENT "${SF_PACKAGE_TEST_ENV}"
+  RESOURCE_LOCK sf_install_from_build_tree)

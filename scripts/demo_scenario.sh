@@ -18,6 +18,8 @@ root=$(dirname "$here")
 # SF_BROKER_CTL: another broker than the private mosquitto, as a program
 # answering "start DIR PORT" and "stop DIR" (e.g. scripts/rabbitmq_broker.sh);
 # SF_BROKER_DIR: its folder (default: the scenario's scratch folder).
+# SF_BROKER_NAME: its name in the step headings.
+broker=${SF_BROKER_NAME:-mosquitto}
 if [ -n "${SF_BROKER_CTL:-}" ]; then
   broker_start() { "$SF_BROKER_CTL" start "${SF_BROKER_DIR:-$1}" "$2"; }
   broker_stop() { "$SF_BROKER_CTL" stop "${SF_BROKER_DIR:-$1}"; }
@@ -69,7 +71,7 @@ expect_ok() {
   fi
 }
 
-heading "Start: mosquitto on 127.0.0.1:$mqtt_port, then sfgw with examples/gateway.json (LAN port $lan_port)"
+heading "Start: $broker on 127.0.0.1:$mqtt_port, then sfgw with examples/gateway.json (LAN port $lan_port)"
 broker_start "$work" "$mqtt_port" || exit 1
 # sessions that keep what the gateway says from its first message on
 expect_ok --session demo-reports subscribe
@@ -106,16 +108,16 @@ heading "It wakes up, sends a heartbeat and comes back online"
 expect_ok wake sensor01
 expect_ok --timeout 25 wait online sensor01
 
-heading "Broker outage: mosquitto stops while values change on the LAN"
+heading "Broker outage: $broker stops while values change on the LAN"
 expect_ok --session outage subscribe
 broker_stop "$work"
-echo "   mosquitto stopped"
+echo "   $broker stopped"
 expect_ok --lan "127.0.0.1:$lan_port" set plug01 switch=off
 expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300 work_mode=scene
 sleep 2
 heading "The broker returns: the gateway re-sends every value the cloud did not confirm"
 broker_start "$work" "$mqtt_port" || exit 1
-echo "   mosquitto started again on the same port"
+echo "   $broker started again on the same port"
 expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300 work_mode=scene
 
 heading "Clean shutdown of the gateway (SIGTERM)"

@@ -13,4 +13,4 @@ bin=$("$here/build_apps.sh")
 dir=$root/build/brokers/rabbitmq
 rm -rf "$dir"
 mkdir -p "$dir"
-SF_BROKER_CTL="$here/rabbitmq_broker.sh" SF_BROKER_DIR="$dir" "$here/demo_scenario.sh" "$bin" "$@"
+SF_BROKER_CTL="$here/rabbitmq_broker.sh" SF_BROKER_DIR="$dir" SF_BROKER_NAME=RabbitMQ "$here/demo_scenario.sh" "$bin" "$@"
