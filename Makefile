@@ -3,6 +3,9 @@
 #   make demo   the gateway and cloud console end to end
 #   make bench  benchmarks (Release build)
 #   make fuzz   fuzz targets (clang, libFuzzer)
+#   make test-cross    the module's unit tests on 32- and 64-bit ARM under qemu-user
+#   make package       .deb files of the library (-dev) and the gateway daemon
+#   make test-brokers  the demo scenario against a private RabbitMQ node
 
 JOBS ?= $(shell nproc)
 SAN_BUILD := build/asan
@@ -11,7 +14,7 @@ TSA_BUILD := build/tsa
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-tsan test-thread-safety demo run bench fuzz clean
+.PHONY: all deps build test test-tsan test-thread-safety test-cross package test-brokers demo run bench fuzz clean
 
 all: build
 
@@ -46,6 +49,25 @@ test-thread-safety: deps
 	CC=clang CXX=clang++ cmake -S . -B $(TSA_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSF_BUILD_TESTS=OFF \
 	  -DCMAKE_CXX_FLAGS=-Wthread-safety $(CMAKE_FLAGS) >/dev/null
 	cmake --build $(TSA_BUILD) -j $(JOBS) --target smart_frame sf_posix
+
+# The module, the fakes and the module's unit tests cross-built for ARM
+# (build/cross-armhf, build/cross-arm64) and run under qemu-user.
+test-cross:
+	JOBS=$(JOBS) scripts/cross_test.sh
+
+# .deb files of the library (libsmart-frame-dev) and the daemon (sfgw), from
+# a Release build without tests, in build/package/debs.
+PKG_BUILD := build/package
+package: deps
+	cmake -S . -B $(PKG_BUILD) -DCMAKE_BUILD_TYPE=Release -DSF_BUILD_TESTS=OFF -DSF_BUILD_BENCH=OFF \
+	  -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_FLAGS) >/dev/null
+	cmake --build $(PKG_BUILD) -j $(JOBS) --target smart_frame sf_posix sf_base64 sfgw
+	cd $(PKG_BUILD) && cpack --config CPackConfig.cmake -B debs
+	@ls -1 $(PKG_BUILD)/debs/*.deb
+
+# The demo scenario against a private RabbitMQ node (MQTT plugin), outage included.
+test-brokers:
+	scripts/rabbitmq_scenario.sh
 
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi

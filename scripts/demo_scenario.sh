@@ -15,6 +15,18 @@ root=$(dirname "$here")
 # shellcheck source=lib/demo_lib.sh
 . "$here/lib/demo_lib.sh"
 
+# SF_BROKER_CTL: another broker than the private mosquitto, as a program
+# answering "start DIR PORT" and "stop DIR" (e.g. scripts/rabbitmq_broker.sh);
+# SF_BROKER_DIR: its folder (default: the scenario's scratch folder).
+# SF_BROKER_NAME: its name in the step headings.
+# SF_GATEWAY_OPTIONS: more sfgw options for that broker (e.g. --mqtt-protocol 311).
+read -r -a gateway_options <<<"${SF_GATEWAY_OPTIONS:-}"
+broker=${SF_BROKER_NAME:-mosquitto}
+if [ -n "${SF_BROKER_CTL:-}" ]; then
+  broker_start() { "$SF_BROKER_CTL" start "${SF_BROKER_DIR:-$1}" "$2"; }
+  broker_stop() { "$SF_BROKER_CTL" stop "${SF_BROKER_DIR:-$1}"; }
+fi
+
 if [ $# -lt 1 ] || [ ! -x "$1/sfgw" ] || [ ! -x "$1/sfcloud" ]; then
   echo "usage: $0 BIN_DIR [--json]   (BIN_DIR with sfgw and sfcloud)" >&2
   exit 2
@@ -64,14 +76,14 @@ expect_ok() {
   fi
 }
 
-heading "Start: mosquitto on 127.0.0.1:$mqtt_port, then sfgw with examples/gateway.json (LAN port $lan_port)"
+heading "Start: $broker on 127.0.0.1:$mqtt_port, then sfgw with examples/gateway.json (LAN port $lan_port)"
 broker_start "$work" "$mqtt_port" || exit 1
 # sessions that keep what the gateway says from its first message on
 expect_ok --session demo-reports subscribe
 expect_ok --session demo-presence subscribe
 metrics=$work/metrics.prom
 gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info \
-  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 || exit 1
+  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 ${gateway_options[@]+"${gateway_options[@]}"} || exit 1
 sed 's/^/   /' "$work/sfgw.out"
 
 heading "Initial reports: every device reports its start-up values, then comes online in one batch"
@@ -106,17 +118,17 @@ expect_ok --session wake subscribe
 expect_ok wake sensor01
 expect_ok --session wake --timeout 25 wait online sensor01
 
-heading "Broker outage: mosquitto stops while values change on the LAN"
+heading "Broker outage: $broker stops while values change on the LAN"
 expect_ok --session outage subscribe
 broker_stop "$work"
-echo "   mosquitto stopped"
+echo "   $broker stopped"
 expect_ok --lan "127.0.0.1:$lan_port" set plug01 switch=off
 expect_ok --lan "127.0.0.1:$lan_port" set bulb01 bright_value=300 work_mode=scene
 metric_wait "$metrics" sf_dps_pending -gt 0 20 | sed 's/^/   values waiting for the cloud (metrics file): /' ||
   failures+=("step $step_no: the pending gauge did not rise")
 heading "The broker returns: the gateway re-sends every value the cloud did not confirm"
 broker_start "$work" "$mqtt_port" || exit 1
-echo "   mosquitto started again on the same port"
+echo "   $broker started again on the same port"
 expect_ok --session outage --timeout 40 wait report plug01 switch=off bulb01 bright_value=300 work_mode=scene
 metric_wait "$metrics" sf_dps_pending -eq 0 20 | sed 's/^/   values waiting for the cloud (metrics file): /' ||
   failures+=("step $step_no: the pending gauge did not return to 0")
@@ -139,7 +151,7 @@ fi
 gateway_kill "$work"
 echo "   sfgw killed with SIGKILL"
 gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info \
-  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 || exit 1
+  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 ${gateway_options[@]+"${gateway_options[@]}"} || exit 1
 grep -h "state: .* restored" "$work/sfgw.log" | tail -n 1 | sed 's/^.*state: /   state: /'
 heading "The broker returns: every value changed during the outage reaches the cloud, and a query shows the devices as they were left"
 broker_start "$work" "$mqtt_port" || exit 1

@@ -1,22 +1,17 @@
 #!/usr/bin/env bash
-# Code size of the module (libsmart_frame.a at -Os) for x86-64 and 32-bit
-# ARM Linux, and the heap the POSIX registry keeps per sub-device and per DP.
+# Code size of the module (libsmart_frame.a at -Os) for x86-64, 32-bit
+# ARM and 64-bit ARM Linux, and the heap the POSIX registry keeps per sub-device and per DP.
 #   scripts/footprint.sh [build-dir]     (build-dir: a Release build with
 #                                         the benchmarks, for the heap tool)
-# Installs the ARM cross compiler (g++-arm-linux-gnueabihf) when missing:
-# a benchmark-only dependency, not needed by `make test`.
+# Installs the ARM cross compilers when missing (scripts/install_cross_deps.sh,
+# the same set `make test-cross` uses).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build/release}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-if ! command -v arm-linux-gnueabihf-g++ >/dev/null; then
-  echo "installing the ARM cross compiler (benchmarks only)" >&2
-  SUDO=""; if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-  $SUDO apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq --no-install-recommends g++-arm-linux-gnueabihf >&2
-fi
+scripts/install_cross_deps.sh >&2
 
 # cJSON's header only (no host headers on the cross compiler's path)
 mkdir -p "$work/include"
@@ -42,6 +37,7 @@ echo "| target (-Os) | text bytes | text KiB | data | bss |"
 echo "|---|---|---|---|---|"
 size_of "" "x86-64 ($(g++ -dumpversion))"
 size_of arm-linux-gnueabihf- "ARM 32-bit Linux gnueabihf ($(arm-linux-gnueabihf-g++ -dumpversion))"
+size_of aarch64-linux-gnu- "ARM 64-bit Linux aarch64 ($(aarch64-linux-gnu-g++ -dumpversion))"
 echo
 if [ -x "$build/bench/sf_heap_footprint" ]; then
   "$build/bench/sf_heap_footprint"

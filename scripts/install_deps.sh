@@ -8,7 +8,7 @@ packages=(
   libcjson-dev
   googletest libgtest-dev libgmock-dev
   libbenchmark-dev valgrind
-  libmosquitto-dev mosquitto
+  libmosquitto-dev mosquitto mosquitto-clients
   libsqlite3-dev sqlite3
   python3 python3-paho-mqtt
   clang libclang-rt-14-dev

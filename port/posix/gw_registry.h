@@ -125,6 +125,17 @@ void gw_registry_set_nw_status(GW_BASE_NW_STAT_T status);
 /* The local key of the LAN channel, NUL-terminated, "" when none; valid until unload. */
 const CHAR_T *gw_registry_local_key(void);
 
+/*
+ * The loader for C programs: load the gateway description in `file` (see
+ * load_file). RC_OK, or RC_BAD_PARAM with `why` (when not NULL and
+ * why_len > 0) holding "file: path: reason", cut to why_len - 1 characters.
+ * Call it before smart_frame_init; not thread-safe.
+ */
+OPERATE_RET gw_registry_load_file(const CHAR_T *file, CHAR_T *why, UINT_T why_len);
+
+/* Free the loaded description (see unload): after cmmod_stop, last of all. */
+void gw_registry_unload(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 #endif

@@ -1,0 +1,49 @@
+# make package: CPack .deb files.
+#   libsmart-frame-dev  components dev + posix: static libraries, public
+#                       headers, CMake package, pkg-config files
+#   sfgw                component daemon: the gateway daemon, its systemd
+#                       unit, an example description in /etc/sfgw and the
+#                       state directory /var/lib/sfgw
+if(TARGET sfgw)
+  install(TARGETS sfgw RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT daemon)
+  install(FILES ${CMAKE_SOURCE_DIR}/packaging/sfgw.service DESTINATION lib/systemd/system COMPONENT daemon)
+  install(FILES ${CMAKE_SOURCE_DIR}/examples/gateway.json DESTINATION /etc/sfgw COMPONENT daemon)
+  file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/package/state)
+  install(DIRECTORY ${CMAKE_BINARY_DIR}/package/state/ DESTINATION /var/lib/sfgw COMPONENT daemon)
+endif()
+
+set(CPACK_PACKAGE_NAME smart-frame)
+set(CPACK_PACKAGE_VENDOR "smart frame")
+set(CPACK_PACKAGE_CONTACT "smart frame maintainers <maintainers@smart-frame.invalid>")
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "data-point engine of an IoT gateway SDK")
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_COMPONENTS_ALL dev posix)
+if(TARGET sfgw)
+  list(APPEND CPACK_COMPONENTS_ALL daemon)
+endif()
+
+set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_PACKAGE_NAME libsmart-frame-dev)
+set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_PACKAGE_DEPENDS "libcjson-dev, libmosquitto-dev, libsqlite3-dev")
+set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_DESCRIPTION
+    "smart frame static libraries, headers, CMake package and pkg-config files")
+set(CPACK_DEBIAN_SFGW_PACKAGE_NAME sfgw)
+set(CPACK_DEBIAN_SFGW_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_SFGW_PACKAGE_DEPENDS "libcjson1, libmosquitto1, libsqlite3-0, libstdc++6, libc6")
+set(CPACK_DEBIAN_SFGW_PACKAGE_CONTROL_EXTRA "")
+
+include(CPack)
+cpack_add_component_group(libsmart-frame-dev DESCRIPTION "smart frame development files")
+cpack_add_component_group(sfgw DESCRIPTION "smart frame gateway daemon")
+cpack_add_component(dev GROUP libsmart-frame-dev)
+cpack_add_component(posix GROUP libsmart-frame-dev)
+cpack_add_component(daemon GROUP sfgw)
+
+# make test: the installed package and the .deb files, each used by the C
+# gateway (label package)
+include(${CMAKE_CURRENT_LIST_DIR}/package_tests.cmake)
