@@ -13,7 +13,7 @@ bin=$("$here/build_apps.sh")
 dir=$root/build/brokers/rabbitmq
 rm -rf "$dir"
 mkdir -p "$dir"
-# RabbitMQ's MQTT plugin speaks 3.1.1 only, and closes an MQTT 5 connection
-# without the answer the gateway's fall-back would recognise.
+# RabbitMQ's MQTT plugin speaks 3.1.1 only: the gateway is told so rather
+# than left to find out from the broker's answer.
 SF_BROKER_CTL="$here/rabbitmq_broker.sh" SF_BROKER_DIR="$dir" SF_BROKER_NAME=RabbitMQ \
   SF_GATEWAY_OPTIONS="--mqtt-protocol 311" "$here/demo_scenario.sh" "$bin" "$@"
