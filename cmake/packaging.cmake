@@ -35,7 +35,10 @@ set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_DESCRIPTION
 set(CPACK_DEBIAN_SFGW_PACKAGE_NAME sfgw)
 set(CPACK_DEBIAN_SFGW_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_SFGW_PACKAGE_DEPENDS "libcjson1, libmosquitto1, libsqlite3-0, libstdc++6, libc6")
-set(CPACK_DEBIAN_SFGW_PACKAGE_CONTROL_EXTRA "")
+# The description under /etc is the administrator's once installed: an
+# upgrade must not overwrite their edits.
+file(WRITE ${CMAKE_BINARY_DIR}/package/conffiles "/etc/sfgw/gateway.json\n")
+set(CPACK_DEBIAN_SFGW_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/package/conffiles)
 
 include(CPack)
 cpack_add_component_group(libsmart-frame-dev DESCRIPTION "smart frame development files")
