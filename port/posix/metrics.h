@@ -21,6 +21,7 @@ namespace sf_metrics {
 enum Counter : int {
     MqttConnects,        /* sessions the broker accepted */
     MqttDisconnects,     /* accepted sessions that ended */
+    MqttConnectFailures, /* connection attempts that did not reach a session */
     MqttAccepted,        /* publications libmosquitto accepted */
     MqttConfirmed,       /* QoS 1 publications the broker acknowledged */
     MqttFailed,          /* publications completed with the connection lost or the client stopped */

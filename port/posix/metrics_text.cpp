@@ -78,6 +78,8 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
     e.one("sf_mqtt_connected", "gauge", "1 while the broker connection is up, else 0.", s.mqtt_connected ? "1" : "0");
     e.one("sf_mqtt_connects_total", "counter", "Sessions the broker accepted.", number(c[MqttConnects]));
     e.one("sf_mqtt_disconnects_total", "counter", "Accepted sessions that ended.", number(c[MqttDisconnects]));
+    e.one("sf_mqtt_connect_failures_total", "counter", "Connection attempts that did not reach a session.",
+          number(c[MqttConnectFailures]));
     e.one("sf_mqtt_publications_accepted_total", "counter", "Publications handed to the MQTT client.",
           number(c[MqttAccepted]));
     e.family("sf_mqtt_publications_completed_total", "counter",
@@ -157,6 +159,7 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
            field("mqtt", "{" + field("connected", s.mqtt_connected ? "true" : "false") + "," +
                              field("connects", number(c[MqttConnects])) + "," +
                              field("disconnects", number(c[MqttDisconnects])) + "," +
+                             field("connect_failures", number(c[MqttConnectFailures])) + "," +
                              field("publications", "{" + field("accepted", number(c[MqttAccepted])) + "," +
                                                        field("confirmed", number(c[MqttConfirmed])) + "," +
                                                        field("failed", number(c[MqttFailed])) + "," +

@@ -311,6 +311,9 @@ void fall_back_if_refused(Client *client, int rc)
 void run_network(Client *client)
 {
     UINT_T delay_s = client->reconnect_min_s;
+    // An outage is one state change: its first failed attempt, and any change
+    // of reason, are errors; the same failure again is detail, and counted.
+    std::string failing_because;
     for (;;) {
         int rc;
         {
@@ -328,6 +331,7 @@ void run_network(Client *client)
         if (was_established) {
             // The broker did accept us: this is a new outage, not a persisting one.
             delay_s = client->reconnect_min_s;
+            failing_because.clear();
         }
         if (client->stop) {
             return;
@@ -339,8 +343,16 @@ void run_network(Client *client)
             CH_LOG_ERR("MQTT subscription refused, reconnecting in %u s", delay_s);
         } else if (!was_established) {
             // The loss of an accepted session is logged by on_disconnect already.
-            CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
-                       client->port, rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc), delay_s);
+            sf_metrics::count(sf_metrics::MqttConnectFailures);
+            const std::string why = rc == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(rc);
+            if (why != failing_because) {
+                CH_LOG_ERR("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
+                           client->port, why.c_str(), delay_s);
+                failing_because = why;
+            } else {
+                CH_LOG_DEBUG("MQTT connection to %s:%d failed (%s), retrying in %u s", client->host.c_str(),
+                             client->port, why.c_str(), delay_s);
+            }
         }
         if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
             return;
