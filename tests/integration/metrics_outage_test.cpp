@@ -158,7 +158,8 @@ TEST_F(ChannelCounters, ARefusedLanKeyIsCountedAndLoggedAsAWarning)
     ASSERT_TRUE(intruder.send_line("{\"cmd\":\"auth\",\"key\":\"wrong\"}"));
     EXPECT_TRUE(eventually([] { return counter(sf_metrics::LanAuthRefused) == 1; }, seconds(10)));
     EXPECT_TRUE(log.wait_for(" refused: wrong key or not an authentication", seconds(10)));
-    EXPECT_NE(std::string::npos, log.text().find("WARN lan_admission.cpp:")) << log.text();
+    EXPECT_NE(std::string::npos, log.text().find(" WARN ")) << log.text();
+    EXPECT_NE(std::string::npos, log.text().find("lan_admission.cpp:")) << log.text();
 }
 
 } // namespace

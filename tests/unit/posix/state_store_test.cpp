@@ -3,6 +3,7 @@
 #include <fstream>
 #include <regex>
 
+#include "port/posix/log_output.h"
 #include "port/posix/posix_runtime.h"
 #include "port/posix/state_db.h"
 #include "port/posix/state_store.h"
@@ -14,6 +15,14 @@ namespace {
 
 using ::testing::internal::CaptureStderr;
 using ::testing::internal::GetCapturedStderr;
+
+/* What was logged since CaptureStderr: the log is written by its own thread, so it is flushed first. */
+std::string captured_log()
+{
+    sf_log::flush();
+    return GetCapturedStderr();
+}
+
 using posix_test::eventually;
 using state_test::rows;
 using std::chrono::milliseconds;
@@ -82,7 +91,7 @@ TEST_F(StateStore, ChangedValuesComeBackAfterARestartWithTheirPublishState)
 
     CaptureStderr();
     ASSERT_TRUE(restart());
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_NE(std::string::npos, log.find("state: 6 DP values restored from " + file_ +
                                           " (3 not confirmed by the cloud yet: sent again once connected)\n"))
         << log;
@@ -134,7 +143,7 @@ TEST_F(StateStore, RowsOfDevicesOrDpsNoLongerDescribedAreDroppedWithOneLine)
                        row("plug", 6, PROP_BOOL, "", 1, "", 3), row("plug", 2, PROP_VALUE, "0..1000/1/0", 5, "", 3)});
     CaptureStderr();
     ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_EQ(1u, state_test::count_of(log, "state: 3 stored values of devices or DPs no longer described were dropped\n"))
         << log;
     EXPECT_EQ(5, state_test::dp_of("plug", 2).prop.prop_value.value);
@@ -150,7 +159,7 @@ TEST_F(StateStore, ADpWhoseTypeOrRangeChangedKeepsTheDescriptionsDefaultWithOneL
                        row("lamp", 1, PROP_BOOL, "", 1, "", 3)});
     CaptureStderr();
     ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     for (const char *line : {"WARN ", "state: plug DP 1 changed type or range since it was stored: it keeps the description's default\n",
                              "state: plug DP 2 changed type or range since it was stored: it keeps the description's default\n",
                              "state: plug DP 4 changed type or range since it was stored: it keeps the description's default\n",
@@ -178,7 +187,7 @@ TEST_F(StateStore, ACorruptFileIsKeptAsideAndTheGatewayStartsFromTheDescription)
     }
     CaptureStderr();
     ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     const std::regex line("ERROR [^\\n]*state: " + file_ + " cannot be used \\(file is not a database\\); kept as (" +
                           file_ + "\\.bad-\\d{8}T\\d{6}Z), the gateway starts from its description\\n");
     std::smatch found;
@@ -198,7 +207,7 @@ TEST_F(StateStore, AFileOfAnotherSchemaVersionIsKeptAside)
                                                  "CREATE TABLE dp_state(x)"));
     CaptureStderr();
     ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_TRUE(std::regex_search(log, std::regex("state: " + file_ +
                                                   " cannot be used \\(schema version 7, this gateway reads version 1\\); "
                                                   "kept as " + file_ + "\\.bad-\\d{8}T\\d{6}Z, the gateway starts from its description\\n")))
@@ -212,7 +221,7 @@ TEST_F(StateStore, AnotherSqliteFileIsNoStateFileAndIsKeptAside)
     ASSERT_EQ(SQLITE_OK, state_test::exec(file_, "CREATE TABLE notes(x); INSERT INTO notes VALUES(1)"));
     CaptureStderr();
     ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_NE(std::string::npos, log.find("cannot be used (not a state file of this gateway); kept as ")) << log;
 }
 
@@ -221,7 +230,7 @@ TEST_F(StateStore, AnUnusableLocationLeavesTheGatewayRunningWithoutAStore)
     const std::string file = dir_.file("no/such/dir/state.db");
     CaptureStderr();
     EXPECT_FALSE(sf_state::start({file, milliseconds(20)}));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_EQ(1u, state_test::count_of(log, "state: ")) << log;
     EXPECT_NE(std::string::npos, log.find("ERROR ")) << log;
     EXPECT_NE(std::string::npos, log.find("state: cannot open " + file +
@@ -250,7 +259,7 @@ TEST_F(StateStore, AFullDiskIsLoggedOnceRetriedAndWrittenOnceThereIsRoom)
     ASSERT_TRUE(eventually([&] { return rows(file_).size() == 40; }));
     const unsigned long written = sf_state::passes(); /* the line comes before the pass ends */
     ASSERT_TRUE(eventually([&] { return sf_state::passes() > written; }));
-    const std::string log = GetCapturedStderr();
+    const std::string log = captured_log();
     EXPECT_EQ(1u, state_test::count_of(log, "ERROR ")) << log;
     EXPECT_EQ(1u, state_test::count_of(log, "state: writing " + file_ +
                                                 " failed (database or disk is full): the values stay in memory, "
