@@ -1,7 +1,8 @@
 /*
  * The LAN channel's inbound road without its socket: the bytes a client
  * sends, cut into reads of the sizes the first byte gives, framed into
- * lines by the session (longest line 65536, the default of lan_config.h).
+ * lines by the session's line buffer (longest line 65536, the default of
+ * lan_config.h).
  * The first line must authenticate (local key "0123456789abcdef"), as the
  * channel's thread requires; every later line goes to the channel's own
  * hand_over, which parses it within the bounds and hands it to the module
@@ -29,13 +30,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         const size_t chunk = static_cast<size_t>(data[0]) + 1;
         bool open = true;
         for (size_t at = 1; open && at < size; at += chunk) {
-            std::vector<std::string> lines;
             const size_t len = size - at < chunk ? size - at : chunk;
-            if (!session.take_bytes(reinterpret_cast<const char *>(data + at), len,
-                                    sf_lan::g_settings.max_frame_bytes, &lines)) {
-                break; /* the channel closes such a client */
-            }
-            for (const std::string &line : lines) {
+            session.take_bytes(reinterpret_cast<const char *>(data + at), len, sf_lan::Clock::now());
+            for (;;) {
+                std::string line;
+                const sf_lan::LineBuffer::Next next =
+                    session.input().next(sf_lan::g_settings.max_frame_bytes, &line);
+                if (next == sf_lan::LineBuffer::Next::None) {
+                    break;
+                }
+                if (next == sf_lan::LineBuffer::Next::TooLong) {
+                    open = false; /* the channel closes such a client */
+                    break;
+                }
                 if (!session.authed()) {
                     std::lock_guard<std::mutex> hold(sf_lan::g_mutex);
                     open = sf_lan::authenticate(&session, line);
