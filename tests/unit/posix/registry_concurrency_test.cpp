@@ -118,11 +118,21 @@ TEST_F(RegistryConcurrency, LookupsAndWalksRunSafelyWhileDevicesComeAndGo)
         while (!stop) {
             for (int i = 0; i < 8; ++i) {
                 const std::string id = "t" + std::to_string(i);
-                DEV_CNTL_N_S *node = get_dev_cntl(id.c_str());
+                /* the index lookup itself races with add and remove */
+                (void)get_dev_cntl(id.c_str());
+                /*
+                 * A node held on a thread other than the dispatch thread lives
+                 * for the grace period only (5 ms here, shorter than a thread
+                 * may be preempted for): its fields are read under dev_mutex,
+                 * where a node found is one not removed yet.
+                 */
+                MutexLock(get_gw_cntl()->dev_mutex);
+                DEV_CNTL_N_S *node = get_dev_cntl_unlock(id.c_str());
                 if (node != nullptr && (id != node->dev_if.id || node->dp_num != 1 ||
                                         node->dp[0].dp_desc.dp_id != 7)) {
                     mismatch = true;
                 }
+                MutexUnLock(get_gw_cntl()->dev_mutex);
                 ++lookups;
             }
             if (get_dev_cntl("s2") == nullptr) {
