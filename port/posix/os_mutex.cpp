@@ -12,6 +12,7 @@
 
 #include "../../services/uni_log.h"
 #include "../../services/uni_mutex.h"
+#include "log_output.h"
 #include "posix_tunables.h"
 
 namespace {
@@ -25,6 +26,8 @@ pthread_mutex_t *as_mutex(MUTEX_HANDLE handle)
 void contract_broken(const char *what, int err)
 {
     PrintLog(0, LOG_LEVEL_ERROR, "os_mutex.cpp", __LINE__, what, "mutex contract broken: %s", std::strerror(err));
+    /* the writer may hold the line half-way out when the abort lands: let it finish */
+    sf_log::flush(std::chrono::milliseconds(1000));
     std::abort();
 }
 

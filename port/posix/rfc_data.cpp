@@ -12,6 +12,7 @@
 #include "../../services/uni_log.h"
 #include "../../services/uni_memory.h"
 #include "../../services/uni_rfc.h"
+#include "log_output.h"
 
 /*
  * malk FALSE: the block wraps data, which passes to the block and is
@@ -68,6 +69,7 @@ extern "C" void put_rfc_data(RFC_DATA_S *rfc_data)
         if (count == 0) {
             /* a put without a reference: the block may already be gone */
             PrintLog(0, LOG_LEVEL_ERROR, "rfc_data.cpp", __LINE__, __func__, "put without reference");
+            sf_log::flush(std::chrono::milliseconds(1000)); /* the reason must reach the log before the abort */
             std::abort();
         }
     } while (!__atomic_compare_exchange_n(&rfc_data->rfc, &count, count - 1, true, __ATOMIC_ACQ_REL,
