@@ -21,13 +21,6 @@
 namespace it {
 namespace {
 
-LAN_STATS_S stats()
-{
-    LAN_STATS_S out{};
-    lan_stats(&out);
-    return out;
-}
-
 /* The captured log line that contains needle, or "". */
 std::string log_line(const StderrCapture &log, const std::string &needle)
 {
@@ -90,7 +83,7 @@ TEST_F(LanAdmission, ClientsWithoutTheKeyCannotKeepAClientWithTheKeyOut)
             }
         }
     });
-    ASSERT_TRUE(eventually([&] { return opened.load() >= 8 && stats().pending_clients >= 2; }, seconds(10)));
+    ASSERT_TRUE(eventually([&] { return opened.load() >= 8 && lan_stats_now().pending_clients >= 2; }, seconds(10)));
 
     int admitted = 0;
     for (int attempt = 0; attempt < 15; ++attempt) {
@@ -105,7 +98,7 @@ TEST_F(LanAdmission, ClientsWithoutTheKeyCannotKeepAClientWithTheKeyOut)
     intruder.join();
 
     EXPECT_EQ(15, admitted);
-    EXPECT_GT(stats().pending_evicted, 0u);
+    EXPECT_GT(lan_stats_now().pending_evicted, 0u);
 }
 
 TEST_F(LanAdmission, RefusedAuthenticationIsLoggedAsAWarning)
@@ -123,7 +116,7 @@ TEST_F(LanAdmission, RefusedAuthenticationIsLoggedAsAWarning)
     const std::string line = log_line(log, "refused: wrong key or not an authentication");
     EXPECT_NE(std::string::npos, line.find(" WARN ")) << line;
     EXPECT_NE(std::string::npos, line.find(": LAN client 127.0.0.1:")) << line;
-    EXPECT_EQ(1u, stats().auth_refused);
+    EXPECT_EQ(1u, lan_stats_now().auth_refused);
 }
 
 TEST_F(LanAdmission, AuthenticatedClientStalledInAFrameIsClosed)
@@ -140,7 +133,7 @@ TEST_F(LanAdmission, AuthenticatedClientStalledInAFrameIsClosed)
     std::string got;
     EXPECT_TRUE(peer.closed_without_data(seconds(20), &got)) << got;
     EXPECT_TRUE(eventually([] { return lan_authed_client_count() == 0; }, seconds(10)));
-    EXPECT_EQ(1u, stats().timed_out);
+    EXPECT_EQ(1u, lan_stats_now().timed_out);
 }
 
 TEST_F(LanAdmission, SilentAuthenticatedClientIsClosedAfterTheIdleTime)
@@ -154,7 +147,7 @@ TEST_F(LanAdmission, SilentAuthenticatedClientIsClosedAfterTheIdleTime)
 
     std::string got;
     EXPECT_TRUE(peer.closed_without_data(seconds(20), &got)) << got;
-    EXPECT_EQ(1u, stats().timed_out);
+    EXPECT_EQ(1u, lan_stats_now().timed_out);
 }
 
 } // namespace

@@ -67,13 +67,6 @@ private:
     int waiters_ = 0;
 };
 
-LAN_STATS_S stats()
-{
-    LAN_STATS_S out{};
-    lan_stats(&out);
-    return out;
-}
-
 class LanCommandBound : public ChannelTest {};
 
 TEST_F(LanCommandBound, BlockedApplicationHoldsTheClientBackAndGetsEveryCommandInOrderLater)
@@ -128,7 +121,7 @@ TEST_F(LanCommandBound, BlockedApplicationHoldsTheClientBackAndGetsEveryCommandI
         },
         seconds(30)));
     const long rss_held = rss_kb();
-    const LAN_STATS_S held = stats();
+    const LAN_STATS_S held = lan_stats_now();
     RecordProperty("rss_growth_kb", std::to_string(rss_held - rss_before));
 
     latch.open();
@@ -142,11 +135,11 @@ TEST_F(LanCommandBound, BlockedApplicationHoldsTheClientBackAndGetsEveryCommandI
         ASSERT_EQ(1u, all[i].dps.size()) << i;
         ASSERT_EQ(i, all[i].dps[0].number) << "command " << i << " out of order";
     }
-    EXPECT_TRUE(eventually([] { return stats().queued_commands == 0; }, seconds(10)));
+    EXPECT_TRUE(eventually([] { return lan_stats_now().queued_commands == 0; }, seconds(10)));
 
     EXPECT_LE(held.queued_commands, static_cast<UINT_T>(SF_LAN_MAX_CLIENT_COMMANDS));
-    EXPECT_LE(stats().queued_commands_peak, static_cast<UINT_T>(SF_LAN_MAX_CLIENT_COMMANDS));
-    EXPECT_GE(stats().queued_commands_peak, 1u);
+    EXPECT_LE(lan_stats_now().queued_commands_peak, static_cast<UINT_T>(SF_LAN_MAX_CLIENT_COMMANDS));
+    EXPECT_GE(lan_stats_now().queued_commands_peak, 1u);
     EXPECT_LT(rss_held - rss_before, RSS_GROWTH_LIMIT_KB)
         << "RSS grew from " << rss_before << " KiB to " << rss_held << " KiB while the application was blocked";
 }

@@ -18,13 +18,6 @@
 namespace it {
 namespace {
 
-LAN_STATS_S stats()
-{
-    LAN_STATS_S out{};
-    lan_stats(&out);
-    return out;
-}
-
 int highest_open_fd()
 {
     int highest = 2;
@@ -88,14 +81,14 @@ TEST_F(LanDescriptors, ThreadDoesNotSpinWithoutDescriptorsAndServesAgainOnceThey
     DescriptorFamine famine;
     const bool lowered = famine.lowered();
     const bool connected = peer.connect(lan_bound_port()); // queued by the kernel; the channel cannot accept it
-    const bool failed = eventually([] { return stats().accept_failures >= 1; }, seconds(10));
+    const bool failed = eventually([] { return lan_stats_now().accept_failures >= 1; }, seconds(10));
     // A spinning loop turns tens of thousands of times a second; a paused
     // one turns with its poll tick (10 a second) and its retries. Load can
     // only lower the count, so the bound cannot fail a correct build.
-    const UINT_T before = stats().poll_wakeups;
+    const UINT_T before = lan_stats_now().poll_wakeups;
     std::this_thread::sleep_for(seconds(1));
-    const UINT_T turns = stats().poll_wakeups - before;
-    const UINT_T accepted = stats().clients_accepted;
+    const UINT_T turns = lan_stats_now().poll_wakeups - before;
+    const UINT_T accepted = lan_stats_now().clients_accepted;
     famine.end();
 
     ASSERT_TRUE(lowered);

@@ -8,6 +8,13 @@
 
 namespace it {
 
+LAN_STATS_S lan_stats_now()
+{
+    LAN_STATS_S out{};
+    lan_stats(&out);
+    return out;
+}
+
 LanPeer::~LanPeer() { close(); }
 
 void LanPeer::close()

@@ -8,7 +8,12 @@
 #include <chrono>
 #include <string>
 
+#include "port/posix/lan_config.h"
+
 namespace it {
+
+/* The LAN channel's counters and gauges now (lan_stats). */
+LAN_STATS_S lan_stats_now();
 
 class LanPeer {
 public:
