@@ -69,7 +69,15 @@ void cmmod_unreg_msgcb(MSG_ID mid);
  * Copy len bytes of data into a block from Malloc and queue a MESSAGE whose
  * pMsgData is that copy. The handler owns the copy and releases it with Free.
  * Returns RC_OK, RC_NO_MEMORY, or a negative code for an unknown id; on
- * failure nothing is queued and data stays the caller's.
+ * failure nothing is queued and data stays the caller's. Any thread.
+ *
+ * A backend may bound its queue and hold a poster while the queue is full,
+ * until the dispatch thread has taken a message (the POSIX backend holds at
+ * SF_DISPATCH_QUEUE_LIMIT messages and answers RC_FAIL if the dispatch stops
+ * meanwhile). That is backpressure, not loss: a network thread held here
+ * stops reading, and its peer holds what it has not sent. It must never hold
+ * the dispatch thread itself, which would wait for itself; callers must
+ * therefore not hold a lock the dispatch thread needs while posting.
  */
 OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LEN len);
 
