@@ -31,6 +31,7 @@ struct Client {
     UINT_T max_inflight = 20;
     int protocol = 5;          // MQTT_PROTOCOL_V5 or MQTT_PROTOCOL_V311 level of the next connect
     bool fall_back = true;     // MQTT 5 refused by the broker: use 3.1.1 from then on
+    int unanswered_v5 = 0;     // MQTT 5 CONNECTs in a row the broker closed without an answer (network thread)
     UINT_T receive_maximum = 16;
     UINT_T max_packet_bytes = 0; // MQTT 5 maximum packet size we announce
     std::string up_topic, cmd_filter, cmd_prefix, status_topic;
@@ -48,6 +49,7 @@ struct Client {
     std::atomic<bool> settled{false};     // the pending table settled publications: complete them now
     std::atomic<bool> subscribed{false};  // the command topics' SUBACK came: commands may follow
     std::atomic<int> connack_rc{0};       // the broker's answer to the last CONNECT
+    std::atomic<bool> connack_seen{false}; // the broker answered the last CONNECT at all
     std::atomic<bool> sub_refused{false}; // the broker refused the command topics: reconnect with back-off
     std::mutex wait_mutex;
     std::condition_variable wake;

@@ -69,6 +69,7 @@ void on_connect(mosquitto *mosq, void *obj, int rc)
 {
     auto *client = static_cast<Client *>(obj);
     client->connack_rc = rc;
+    client->connack_seen = true;
     if (rc != 0) {
         // 4 and 5 are the broker's answers to a wrong user name or password.
         CH_LOG_ERR("MQTT broker %s:%d refused the connection: %s%s", client->host.c_str(), client->port,
@@ -271,6 +272,7 @@ int run_session(Client *client)
 int connect_now(Client *client)
 {
     client->connack_rc = 0;
+    client->connack_seen = false;
     client->subscribed = false;
     mosquitto_int_option(client->mosq, MOSQ_OPT_PROTOCOL_VERSION, client->protocol);
     const int keepalive = static_cast<int>(client->keepalive_s);
@@ -295,16 +297,33 @@ int connect_now(Client *client)
  * not speak MQTT 5 (CONNACK 1, "unacceptable protocol version", as a 3.1.1
  * broker answers, or MQTT 5's 132), or answered in a form MQTT 5 cannot
  * read, connect with 3.1.1 from now on, if the settings allow it.
+ *
+ * Some 3.1.1-only brokers (RabbitMQ's MQTT plugin) do not answer an MQTT 5
+ * CONNECT at all: they close the connection. One such close may be a
+ * broker going down; UNANSWERED_V5_LIMIT of them in a row, with no answer
+ * in between, is taken as the same refusal. A broker that speaks 5 speaks
+ * 3.1.1 too, so a wrong guess costs only MQTT 5's inbound limits, which the
+ * 3.1.1 path does without (see docs/brokers.md).
  */
+constexpr int UNANSWERED_V5_LIMIT = 2;
+
 void fall_back_if_refused(Client *client, int rc)
 {
+    if (client->protocol != MQTT_PROTOCOL_V5 || !client->fall_back) {
+        return;
+    }
     const int connack = client->connack_rc;
     const bool refused = connack == 1 || connack == MQTT_RC_UNSUPPORTED_PROTOCOL_VERSION ||
                          rc == MOSQ_ERR_PROTOCOL || rc == MOSQ_ERR_MALFORMED_PACKET;
-    if (client->protocol == MQTT_PROTOCOL_V5 && client->fall_back && refused) {
+    client->unanswered_v5 = client->connack_seen ? 0 : client->unanswered_v5 + 1;
+    if (refused) {
         client->protocol = MQTT_PROTOCOL_V311;
         CH_LOG_ERR("MQTT broker %s:%d does not accept MQTT 5; using MQTT 3.1.1", client->host.c_str(),
                    client->port);
+    } else if (client->unanswered_v5 >= UNANSWERED_V5_LIMIT) {
+        client->protocol = MQTT_PROTOCOL_V311;
+        CH_LOG_ERR("MQTT broker %s:%d closed %d MQTT 5 connections without an answer; using MQTT 3.1.1",
+                   client->host.c_str(), client->port, client->unanswered_v5);
     }
 }
 

@@ -1,8 +1,10 @@
 /*
  * The protocol level of the CONNECT: MQTT 5 by default, falling back to
- * 3.1.1 when the broker refuses 5 the way a 3.1.1 broker does (CONNACK 1),
- * and exactly what the `protocol` setting says otherwise. The broker here
- * is a stand-in that records each CONNECT's level and refuses it.
+ * 3.1.1 when the broker refuses 5 the way a 3.1.1 broker does (CONNACK 1)
+ * or closes MQTT 5 connections without an answer (as RabbitMQ's plugin
+ * does), and exactly what the `protocol` setting says otherwise. The
+ * broker here is a stand-in that records each CONNECT's level and refuses
+ * it, or closes the connection without an answer.
  */
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -20,9 +22,11 @@
 namespace it {
 namespace {
 
-/* Accepts connections on a free loopback port, reads each CONNECT, answers CONNACK 1 and closes. */
+/* Accepts connections on a free loopback port, reads each CONNECT, answers CONNACK 1 (or nothing) and closes. */
 class RefusingBroker {
 public:
+    void answer_nothing() { silent_ = true; }
+
     RefusingBroker()
     {
         listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -69,7 +73,9 @@ private:
                 levels_.push_back(body[6]);
             }
             const unsigned char refused[4] = {0x20, 0x02, 0x00, 0x01}; // unacceptable protocol version
-            ::send(fd, refused, sizeof refused, MSG_NOSIGNAL);
+            if (!silent_) {
+                ::send(fd, refused, sizeof refused, MSG_NOSIGNAL);
+            }
             ::close(fd);
         }
     }
@@ -77,6 +83,7 @@ private:
     int listener_ = -1;
     int port_ = 0;
     std::atomic<bool> stop_{false};
+    std::atomic<bool> silent_{false};
     std::mutex mutex_;
     std::vector<int> levels_;
     std::thread thread_;
@@ -115,9 +122,26 @@ TEST_F(MqttProtocol, ByDefaultMqtt5IsTriedAndA311RefusalFallsBackTo311)
         << log.text();
 }
 
+TEST_F(MqttProtocol, ByDefaultTwoMqtt5ConnectionsClosedWithoutAnAnswerFallBackTo311)
+{
+    broker_.answer_nothing();
+    StderrCapture log;
+    EXPECT_EQ((std::vector<int>{5, 5, 4, 4}), first_levels(0, 4));
+    EXPECT_TRUE(log.wait_for("MQTT broker 127.0.0.1:" + std::to_string(broker_.port()) +
+                                 " closed 2 MQTT 5 connections without an answer; using MQTT 3.1.1",
+                             seconds(5)))
+        << log.text();
+}
+
 TEST_F(MqttProtocol, Protocol5NeverFallsBack)
 {
     EXPECT_EQ((std::vector<int>{5, 5}), first_levels(5, 2));
+}
+
+TEST_F(MqttProtocol, Protocol5NeverFallsBackEvenWhenTheBrokerNeverAnswers)
+{
+    broker_.answer_nothing();
+    EXPECT_EQ((std::vector<int>{5, 5, 5}), first_levels(5, 3));
 }
 
 TEST_F(MqttProtocol, Protocol311Speaks311FromTheStart)
