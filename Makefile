@@ -43,12 +43,16 @@ test-tsan: deps
 	  cd $(TSAN_BUILD) && ctest -j $(JOBS) -L concurrency --output-on-failure --timeout 300; \
 	fi
 
-# The module and the POSIX backend built with clang's lock checks as errors
-# (-Wthread-safety, warnings are errors): a broken locking rule fails the build.
+# The module, the POSIX backend and the apps (gateway daemon, cloud console)
+# built with clang's lock checks as errors (-Wthread-safety, warnings are
+# errors): a broken locking rule fails the build.
+# Then a file of deliberately broken rules must be rejected line by line, so
+# a check that silently stopped checking fails too.
 test-thread-safety: deps
 	CC=clang CXX=clang++ cmake -S . -B $(TSA_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSF_BUILD_TESTS=OFF \
 	  -DCMAKE_CXX_FLAGS=-Wthread-safety $(CMAKE_FLAGS) >/dev/null
-	cmake --build $(TSA_BUILD) -j $(JOBS) --target smart_frame sf_posix
+	cmake --build $(TSA_BUILD) -j $(JOBS) --target smart_frame sf_posix sfgw sfcloud
+	scripts/check_lock_analysis.sh
 
 # The module, the fakes and the module's unit tests cross-built for ARM
 # (build/cross-armhf, build/cross-arm64) and run under qemu-user.

@@ -28,12 +28,21 @@
 #define SF_PT_GUARDED_BY(lock) SF_THREAD_ANNOTATION(pt_guarded_by(lock))
 /* The caller must hold the locks. */
 #define SF_REQUIRES(...) SF_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
+/* The caller must hold the locks, shared (readers) or exclusive. */
+#define SF_REQUIRES_SHARED(...) SF_THREAD_ANNOTATION(requires_shared_capability(__VA_ARGS__))
 /* The caller must not hold the locks (the function takes them). */
 #define SF_EXCLUDES(...) SF_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 /* The function takes the locks (no argument: the object itself) and returns holding them. */
 #define SF_ACQUIRE(...) SF_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
+/* The function takes the locks shared (no argument: the object itself) and returns holding them. */
+#define SF_ACQUIRE_SHARED(...) SF_THREAD_ANNOTATION(acquire_shared_capability(__VA_ARGS__))
+/* The function takes the locks only when it returns the first argument (true or false);
+ * the other arguments name the locks (none: the object itself). */
+#define SF_TRY_ACQUIRE(...) SF_THREAD_ANNOTATION(try_acquire_capability(__VA_ARGS__))
 /* The function gives back the locks (no argument: the object itself). */
 #define SF_RELEASE(...) SF_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+/* The function gives back locks it held shared (no argument: the object itself). */
+#define SF_RELEASE_SHARED(...) SF_THREAD_ANNOTATION(release_shared_capability(__VA_ARGS__))
 /* The function returns a reference to this lock. */
 #define SF_RETURN_CAPABILITY(lock) SF_THREAD_ANNOTATION(lock_returned(lock))
 /* The function is outside the analysis (the one place that maps a lock onto another API). */

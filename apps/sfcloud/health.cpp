@@ -5,14 +5,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <random>
 #include <thread>
 
 #include "common/json_reader.h"
+#include "port/posix/annotated_lock.h"
 
 namespace sfcloud {
 namespace {
@@ -66,12 +65,12 @@ void latency_of(const cJSON *latency, HealthRow *row)
 }
 
 struct Gatherer {
-    std::string prefix; /* "<root>/" */
-    std::mutex mutex;
-    std::condition_variable changed;
-    int connect_rc = -1;
-    bool subscribed = false;
-    std::map<std::string, GatewayHealth> seen;
+    std::string prefix; /* "<root>/"; set before libmosquitto's thread starts, read-only afterwards */
+    posix_sync::Mutex mutex;
+    posix_sync::CondVar changed;
+    int connect_rc SF_GUARDED_BY(mutex) = -1;
+    bool subscribed SF_GUARDED_BY(mutex) = false;
+    std::map<std::string, GatewayHealth> seen SF_GUARDED_BY(mutex);
 };
 
 void on_connect(mosquitto *mosq, void *self, int rc)
@@ -83,7 +82,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
         char *subs[] = {const_cast<char *>(metrics.c_str()), const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 2, subs, 0, 0, nullptr);
     }
-    std::lock_guard<std::mutex> hold(g->mutex);
+    posix_sync::Guard hold(g->mutex);
     g->connect_rc = rc;
     g->changed.notify_all();
 }
@@ -91,7 +90,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
 void on_subscribe(mosquitto *, void *self, int, int, const int *)
 {
     auto *g = static_cast<Gatherer *>(self);
-    std::lock_guard<std::mutex> hold(g->mutex);
+    posix_sync::Guard hold(g->mutex);
     g->subscribed = true;
     g->changed.notify_all();
 }
@@ -107,7 +106,7 @@ void on_message(mosquitto *, void *self, const mosquitto_message *msg)
     const std::string gateway = topic.substr(g->prefix.size(), slash - g->prefix.size());
     const std::string leaf = topic.substr(slash + 1);
     const std::string payload(static_cast<const char *>(msg->payload), static_cast<size_t>(msg->payloadlen));
-    std::lock_guard<std::mutex> hold(g->mutex);
+    posix_sync::Guard hold(g->mutex);
     GatewayHealth &h = g->seen[gateway];
     if (leaf == "metrics") {
         h.document = payload;
@@ -211,20 +210,21 @@ int health(const Options &options, const apps::Description *names, std::string *
     } else {
         mosquitto_loop_start(mosq);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
-        std::unique_lock<std::mutex> hold(g.mutex);
-        if (!g.changed.wait_until(hold, deadline, [&g] { return g.subscribed || g.connect_rc > 0; }) ||
+        posix_sync::Guard hold(g.mutex);
+        if (!g.changed.wait_until(g.mutex, deadline,
+                                  [&g]() SF_REQUIRES(g.mutex) { return g.subscribed || g.connect_rc > 0; }) ||
             g.connect_rc != 0) {
             why = "the MQTT broker at " + where + " did not accept the subscription";
         } else {
             /* retained documents arrive at once; the wait also catches gateways that publish now */
-            g.changed.wait_for(hold, std::chrono::seconds(options.for_s > 0 ? options.for_s : 3), [] { return false; });
+            g.changed.wait_for(g.mutex, std::chrono::seconds(options.for_s > 0 ? options.for_s : 3), [] { return false; });
         }
     }
     mosquitto_disconnect(mosq);
     mosquitto_loop_stop(mosq, true);
     std::map<std::string, GatewayHealth> seen;
     {
-        std::lock_guard<std::mutex> hold(g.mutex);
+        posix_sync::Guard hold(g.mutex);
         seen = g.seen;
     }
     mosquitto_destroy(mosq);

@@ -7,13 +7,12 @@
 #define SFCLOUD_LINK_H
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "common/topics.h"
+#include "port/posix/annotated_lock.h"
 #include "uplink.h"
 
 struct mosquitto;
@@ -59,11 +58,11 @@ private:
     std::string gateway_id_;
     MqttTarget target_;
     mosquitto *mosq_ = nullptr;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<std::pair<std::string, std::string>> inbox_;
-    int connect_rc_ = -1;
-    bool subscribed_ = false;
+    posix_sync::Mutex mutex_;
+    posix_sync::CondVar changed_;
+    std::deque<std::pair<std::string, std::string>> inbox_ SF_GUARDED_BY(mutex_);
+    int connect_rc_ SF_GUARDED_BY(mutex_) = -1;
+    bool subscribed_ SF_GUARDED_BY(mutex_) = false;
 };
 
 class LanLink : public Link {

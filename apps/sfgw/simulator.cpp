@@ -66,7 +66,7 @@ void Simulator::start()
 void Simulator::stop()
 {
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         stopping_ = true;
         jobs_.clear();
     }
@@ -79,7 +79,7 @@ void Simulator::stop()
 void Simulator::post(std::function<void()> job)
 {
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         if (stopping_) {
             return;
         }
@@ -266,7 +266,7 @@ void Simulator::fire(Timer &timer)
 
 void Simulator::run()
 {
-    std::unique_lock<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     while (!stopping_) {
         if (!jobs_.empty()) {
             std::function<void()> job = std::move(jobs_.front());
@@ -285,9 +285,9 @@ void Simulator::run()
             continue;
         }
         if (next == timers_.end()) {
-            wake_.wait(hold);
+            wake_.wait(mutex_);
         } else {
-            wake_.wait_until(hold, next->due);
+            wake_.wait_until(mutex_, next->due);
         }
     }
 }

@@ -11,14 +11,13 @@
 #define SFGW_SIMULATOR_H
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "port/posix/annotated_lock.h"
 #include "sim_device.h"
 
 namespace sfgw {
@@ -58,8 +57,8 @@ private:
         enum Kind { HEARTBEAT, DRIFT, RAW_SAMPLE } kind;
     };
 
-    void post(std::function<void()> job);
-    void run();
+    void post(std::function<void()> job) SF_EXCLUDES(mutex_);
+    void run() SF_EXCLUDES(mutex_);
     void fire(Timer &timer);
     SimDevice *find(const std::string &cid);
     void report(SimDevice &device, const std::string &text, bool force);
@@ -68,14 +67,15 @@ private:
     void handle_control(const std::string &payload);
     void event(const std::string &json);
 
+    // Set up by start() before the thread runs, then the thread's own: no lock.
     std::vector<SimDevice> devices_;
     std::vector<Timer> timers_;
     EventSink sink_;
 
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<std::function<void()>> jobs_;
-    bool stopping_ = false;
+    posix_sync::Mutex mutex_;
+    posix_sync::CondVar wake_;
+    std::deque<std::function<void()>> jobs_ SF_GUARDED_BY(mutex_);
+    bool stopping_ SF_GUARDED_BY(mutex_) = false;
     std::thread thread_;
 };
 

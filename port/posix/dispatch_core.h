@@ -12,14 +12,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 
 #include "../../services/uni_msg_queue.h"
+#include "annotated_lock.h"
+#include "posix_tunables.h"
 
 namespace posix_rt {
 
@@ -30,7 +30,13 @@ struct QueuedMessage {
     Clock::time_point posted; /* orders it against timed messages falling due */
 };
 
-/* A timed message; the public record comes first so the two convert. */
+/*
+ * A timed message; the public record comes first so the two convert. The
+ * fields after it are guarded by Dispatch::lock like the set that holds the
+ * record; the record has no typed link to its Dispatch, so the analysis
+ * cannot name that lock here, and every function touching them holds it
+ * (SF_REQUIRES on the helpers, a Guard in the entry points).
+ */
 struct TimedMessage {
     TM_MSG_S pub;
     bool armed = false;
@@ -43,24 +49,24 @@ struct TimedMessage {
 enum class RunState { Stopped, Running, Stopping };
 
 struct Dispatch {
-    std::mutex lock;
-    std::condition_variable wake;    /* new work, a timer change, or a stop request */
-    std::condition_variable settled; /* a timed-message callback returned, or the thread ended */
-    std::condition_variable room;    /* the queue shrank, or a stop: posters waiting for room look again */
-    std::deque<QueuedMessage> queue;
-    size_t limit = 0;                /* SF_DISPATCH_QUEUE_LIMIT */
-    size_t peak = 0;                 /* deepest the queue has been */
-    size_t waiting = 0;              /* posters waiting for room */
-    std::set<MSG_ID> allocated_ids;
-    std::map<MSG_ID, MSG_CALLBACK> handlers;
-    MSG_ID next_id = 0;
-    std::set<TimedMessage *> timers;
-    TimedMessage *running_timer = nullptr;
-    TIMER_ID next_timer_id = 0;
-    bool timer_service_up = false;
-    RunState state = RunState::Stopped;
-    std::thread thread;
-    std::thread::id thread_id;
+    posix_sync::Mutex lock;
+    posix_sync::CondVar wake;    /* new work, a timer change, or a stop request */
+    posix_sync::CondVar settled; /* a timed-message callback returned, or the thread ended */
+    posix_sync::CondVar room;    /* the queue shrank, or a stop: posters waiting for room look again */
+    std::deque<QueuedMessage> queue SF_GUARDED_BY(lock);
+    const size_t limit = SF_DISPATCH_QUEUE_LIMIT; /* never changes, so read without the lock */
+    size_t peak SF_GUARDED_BY(lock) = 0;    /* deepest the queue has been */
+    size_t waiting SF_GUARDED_BY(lock) = 0; /* posters waiting for room */
+    std::set<MSG_ID> allocated_ids SF_GUARDED_BY(lock);
+    std::map<MSG_ID, MSG_CALLBACK> handlers SF_GUARDED_BY(lock);
+    MSG_ID next_id SF_GUARDED_BY(lock) = 0;
+    std::set<TimedMessage *> timers SF_GUARDED_BY(lock);
+    TimedMessage *running_timer SF_GUARDED_BY(lock) = nullptr;
+    TIMER_ID next_timer_id SF_GUARDED_BY(lock) = 0;
+    bool timer_service_up SF_GUARDED_BY(lock) = false;
+    RunState state SF_GUARDED_BY(lock) = RunState::Stopped;
+    std::thread thread SF_GUARDED_BY(lock);
+    std::thread::id thread_id SF_GUARDED_BY(lock);
 };
 
 /*
@@ -76,8 +82,8 @@ void wake_room_waiters();
 /* The process-wide instance; never destroyed, so a thread still running at exit finds it intact. */
 Dispatch &dispatch();
 
-/* True when the caller runs on the dispatch thread. Lock held. */
-inline bool on_dispatch_thread(const Dispatch &d)
+/* True when the caller runs on the dispatch thread. */
+inline bool on_dispatch_thread(const Dispatch &d) SF_REQUIRES(d.lock)
 {
     return d.state != RunState::Stopped && d.thread_id == std::this_thread::get_id();
 }

@@ -13,24 +13,19 @@
 #include "dispatch_core.h"
 #include "metrics.h"
 #include "posix_runtime.h"
-#include "posix_tunables.h"
 
 namespace posix_rt {
 
 Dispatch &dispatch()
 {
-    static Dispatch &d = *[] {
-        auto *made = new Dispatch();
-        made->limit = SF_DISPATCH_QUEUE_LIMIT;
-        return made;
-    }();
+    static Dispatch &d = *new Dispatch();
     return d;
 }
 
 namespace {
 
-/* The armed timed message due first, or nullptr. Lock held. */
-TimedMessage *earliest_timer(Dispatch &d)
+/* The armed timed message due first, or nullptr. */
+TimedMessage *earliest_timer(Dispatch &d) SF_REQUIRES(d.lock)
 {
     TimedMessage *first = nullptr;
     for (TimedMessage *timer : d.timers) {
@@ -41,7 +36,8 @@ TimedMessage *earliest_timer(Dispatch &d)
     return first;
 }
 
-void run_timer(Dispatch &d, std::unique_lock<std::mutex> &held, TimedMessage *timer, Clock::time_point now)
+/* Runs the callback without the lock; returns holding it again. */
+void run_timer(Dispatch &d, TimedMessage *timer, Clock::time_point now) SF_REQUIRES(d.lock)
 {
     if (timer->type == TIMER_CYCLE) {
         timer->due += std::chrono::milliseconds(timer->period_ms);
@@ -55,11 +51,11 @@ void run_timer(Dispatch &d, std::unique_lock<std::mutex> &held, TimedMessage *ti
     }
     d.running_timer = timer;
     const TM_MSG_CB cb = timer->pub.cb;
-    held.unlock();
+    d.lock.unlock();
     if (cb != nullptr) {
         cb(&timer->pub);
     }
-    held.lock();
+    d.lock.lock();
     d.running_timer = nullptr;
     if (timer->released) {
         delete timer;
@@ -67,7 +63,8 @@ void run_timer(Dispatch &d, std::unique_lock<std::mutex> &held, TimedMessage *ti
     d.settled.notify_all();
 }
 
-void run_message(Dispatch &d, std::unique_lock<std::mutex> &held)
+/* Runs the handler without the lock; returns holding it again. */
+void run_message(Dispatch &d) SF_REQUIRES(d.lock)
 {
     MESSAGE msg = d.queue.front().msg;
     d.queue.pop_front();
@@ -77,41 +74,41 @@ void run_message(Dispatch &d, std::unique_lock<std::mutex> &held)
     }
     auto handler = d.handlers.find(msg.msgID);
     const MSG_CALLBACK cb = handler != d.handlers.end() ? handler->second : nullptr;
-    held.unlock();
+    d.lock.unlock();
     if (cb != nullptr) {
         cb(&msg);
     } else {
         Free(msg.pMsgData); /* unregistered meanwhile: nobody else will release the copy */
     }
-    held.lock();
+    d.lock.lock();
 }
 
 void dispatch_main(Dispatch *d)
 {
     pthread_setname_np(pthread_self(), "sf-dispatch");
-    std::unique_lock<std::mutex> held(d->lock);
+    posix_sync::Guard held(d->lock);
     for (;;) {
         if (d->state == RunState::Stopping) {
             /* drain what was posted before the stop; timers no longer fire */
             if (d->queue.empty()) {
                 break;
             }
-            run_message(*d, held);
+            run_message(*d);
             continue;
         }
         const Clock::time_point now = Clock::now();
         TimedMessage *timer = earliest_timer(*d);
         const bool timer_due = timer != nullptr && timer->due <= now;
         if (timer_due && (d->queue.empty() || timer->due <= d->queue.front().posted)) {
-            run_timer(*d, held, timer, now);
+            run_timer(*d, timer, now);
         } else if (!d->queue.empty()) {
-            run_message(*d, held);
+            run_message(*d);
         } else if (timer != nullptr) {
             /* a copy: the timer may be released while the lock is dropped */
             const Clock::time_point due = timer->due;
-            d->wake.wait_until(held, due);
+            d->wake.wait_until(d->lock, due);
         } else {
-            d->wake.wait(held);
+            d->wake.wait(d->lock);
         }
     }
 }
@@ -125,7 +122,7 @@ using posix_rt::RunState;
 extern "C" OPERATE_RET cmmod_init(void)
 {
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     if (d.state == RunState::Running) {
         return RC_OK;
     }
@@ -141,7 +138,7 @@ extern "C" OPERATE_RET cmmod_init(void)
 extern "C" void cmmod_stop(void)
 {
     Dispatch &d = posix_rt::dispatch();
-    std::unique_lock<std::mutex> held(d.lock);
+    posix_sync::Guard held(d.lock);
     if (posix_rt::on_dispatch_thread(d)) {
         held.unlock();
         PrintLog(0, LOG_LEVEL_ERROR, "dispatch_loop.cpp", __LINE__, __func__,
@@ -149,7 +146,7 @@ extern "C" void cmmod_stop(void)
         return;
     }
     if (d.state == RunState::Stopping) {
-        d.settled.wait(held, [&d] { return d.state == RunState::Stopped; });
+        d.settled.wait(d.lock, [&d]() SF_REQUIRES(d.lock) { return d.state == RunState::Stopped; });
         return;
     }
     if (d.state != RunState::Running) {
@@ -170,6 +167,6 @@ extern "C" void cmmod_stop(void)
 extern "C" BOOL_T cmmod_on_dispatch_thread(void)
 {
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     return posix_rt::on_dispatch_thread(d) ? TRUE : FALSE;
 }

@@ -17,8 +17,8 @@ namespace sf_lan {
 
 namespace {
 
-/* The oldest waiting session (of addr, when given) and how many wait. Caller holds g_mutex. */
-Session *oldest_pending(const std::string *addr, size_t *count)
+/* The oldest waiting session (of addr, when given) and how many wait. */
+Session *oldest_pending(const std::string *addr, size_t *count) SF_REQUIRES(g_mutex)
 {
     Session *oldest = nullptr;
     *count = 0;
@@ -34,7 +34,7 @@ Session *oldest_pending(const std::string *addr, size_t *count)
     return oldest;
 }
 
-void evict(Session *session)
+void evict(Session *session) SF_REQUIRES(g_mutex)
 {
     count(g_counters.pending_evicted);
     CH_LOG_WARN("LAN client %s closed before authenticating: a newer connection needs its place",

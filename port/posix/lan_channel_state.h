@@ -10,11 +10,11 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "../../cloud_defs/kelo_cloud_types.h"
+#include "annotated_lock.h"
 #include "lan_session.h"
 #include "posix_tunables.h"
 
@@ -64,22 +64,28 @@ extern Counters g_counters;
 /* Bump one counter of g_counters. */
 inline void count(std::atomic<UINT_T> &counter) { counter.fetch_add(1, std::memory_order_relaxed); }
 
-/*
- * Commands handed to the smart frame and not yet handled, of every client
- * (including clients gone since), and the most there have been. Guarded
- * by g_mutex; bounded by max_clients * max_client_commands.
- */
-extern size_t g_queued_commands;
-extern size_t g_queued_commands_peak;
-
 // g_mutex guards g_sessions, each session's state and g_settings (set by
 // lan_start before the channel's thread exists, read-only afterwards).
-extern std::mutex g_mutex;
-extern std::vector<std::unique_ptr<Session>> g_sessions;
-extern Settings g_settings;
+extern posix_sync::Mutex g_mutex;
+extern std::vector<std::unique_ptr<Session>> g_sessions SF_GUARDED_BY(g_mutex);
+extern Settings g_settings SF_GUARDED_BY(g_mutex);
+
+/*
+ * Commands handed to the smart frame and not yet handled, of every client
+ * (including clients gone since), and the most there have been. Bounded by
+ * max_clients * max_client_commands.
+ */
+extern size_t g_queued_commands SF_GUARDED_BY(g_mutex);
+extern size_t g_queued_commands_peak SF_GUARDED_BY(g_mutex);
 
 /* Wake the channel's thread so it writes what was queued. Any thread. */
 void wake_loop();
+
+/* The limits a parsed frame must keep to (bytes, nesting depth), for a parse made without g_mutex. */
+struct FrameLimits {
+    size_t max_bytes;
+    size_t max_depth;
+};
 
 /*
  * Admission of a new connection (lan_admission.cpp). Caller holds g_mutex.
@@ -88,19 +94,20 @@ void wake_loop();
  * oldest member; then true: the caller waits evict_pace before accepting
  * again, so the newcomer has time to present its key.
  */
-bool admit(int fd, const std::string &addr, const std::string &peer, uint64_t id, Clock::time_point now);
+bool admit(int fd, const std::string &addr, const std::string &peer, uint64_t id, Clock::time_point now)
+    SF_REQUIRES(g_mutex);
 
 /* Close a client that did not authenticate; logged where an operator sees it. Caller holds g_mutex. */
-void refuse(Session *session, const char *why);
+void refuse(Session *session, const char *why) SF_REQUIRES(g_mutex);
 
 /*
  * The clocks of a session: authentication, an unfinished line, silence.
  * Caller holds g_mutex.
  */
-void check_timeouts(Session *session, Clock::time_point now);
+void check_timeouts(Session *session, Clock::time_point now) SF_REQUIRES(g_mutex);
 
 /* Authenticated clients connected now (closing ones not counted). Caller holds g_mutex. */
-size_t authed_clients();
+size_t authed_clients() SF_REQUIRES(g_mutex);
 
 /* A command line of an authenticated client, taken in one turn of the loop. */
 struct Command {
@@ -115,10 +122,10 @@ struct Command {
  * dispatch thread reached them). 0: the channel does not read it. Caller
  * holds g_mutex.
  */
-size_t command_room(const Session &session);
+size_t command_room(const Session &session) SF_REQUIRES(g_mutex);
 
 /* Count one command of session as handed over (before it is). Caller holds g_mutex. */
-void command_taken(Session *session);
+void command_taken(Session *session) SF_REQUIRES(g_mutex);
 
 /*
  * Hand a turn's commands to the smart frame in their order, then post,
@@ -126,7 +133,7 @@ void command_taken(Session *session);
  * thread reaches it once it has handled them, and gives the client its
  * quota back. Caller holds no lock (see hand_over).
  */
-void hand_over_turn(const std::vector<Command> &commands);
+void hand_over_turn(const std::vector<Command> &commands, const FrameLimits &limits) SF_EXCLUDES(g_mutex);
 
 /* Take and release the dispatch message id of the markers; lan_start and lan_stop. */
 bool open_command_markers();
@@ -136,14 +143,14 @@ void close_command_markers();
  * The first line of a session: true when it is {"cmd":"auth","key":K} with
  * the right key; the greeting is then queued. Caller holds g_mutex.
  */
-bool authenticate(Session *session, const std::string &line);
+bool authenticate(Session *session, const std::string &line) SF_REQUIRES(g_mutex);
 
 /*
- * One line of an authenticated client: parsed within the bounds and handed
- * to the smart frame as a LAN command. Caller holds no lock: the
+ * One line of an authenticated client: parsed within limits and handed to
+ * the smart frame as a LAN command. Caller holds no lock: the
  * application's query callback may report back into this channel.
  */
-void hand_over(const std::string &peer, const std::string &line);
+void hand_over(const std::string &peer, const std::string &line, const FrameLimits &limits) SF_EXCLUDES(g_mutex);
 
 } // namespace sf_lan
 

@@ -32,8 +32,7 @@ struct Marker {
 // after it ended; the dispatch thread only receives it.
 MSG_ID g_marker_id = NO_MSG_ID;
 
-/* Caller holds g_mutex. */
-void give_back(uint64_t session_id, size_t count)
+void give_back(uint64_t session_id, size_t count) SF_REQUIRES(g_mutex)
 {
     g_queued_commands -= std::min(count, g_queued_commands);
     for (const auto &session : g_sessions) {
@@ -53,7 +52,7 @@ void commands_handled(MESSAGE *msg)
     }
     Free(msg->pMsgData);
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         give_back(marker.session, marker.count);
     }
     wake_loop();
@@ -66,7 +65,7 @@ void post_marker(uint64_t session_id, size_t count)
         // Without its marker the quota would never come back: the client
         // would hang. Give it back now; the commands are queued regardless.
         CH_LOG_ERR("LAN command marker not queued: %zu commands not counted", count);
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         give_back(session_id, count);
     }
 }
@@ -90,11 +89,11 @@ void command_taken(Session *session)
     g_queued_commands_peak = std::max(g_queued_commands_peak, g_queued_commands);
 }
 
-void hand_over_turn(const std::vector<Command> &commands)
+void hand_over_turn(const std::vector<Command> &commands, const FrameLimits &limits)
 {
     size_t run = 0;
     for (size_t i = 0; i < commands.size(); ++i) {
-        hand_over(commands[i].peer, commands[i].line);
+        hand_over(commands[i].peer, commands[i].line, limits);
         ++run;
         if (i + 1 == commands.size() || commands[i + 1].session != commands[i].session) {
             post_marker(commands[i].session, run);

@@ -49,11 +49,10 @@ bool authenticate(Session *session, const std::string &line)
     return true;
 }
 
-void hand_over(const std::string &peer, const std::string &line)
+void hand_over(const std::string &peer, const std::string &line, const FrameLimits &limits)
 {
     const char *why = "";
-    cJSON *doc = sf_wire::parse_bounded(line.data(), line.size(), g_settings.max_frame_bytes,
-                                        g_settings.max_frame_depth, &why);
+    cJSON *doc = sf_wire::parse_bounded(line.data(), line.size(), limits.max_bytes, limits.max_depth, &why);
     if (doc == nullptr) {
         CH_LOG_ERR("LAN frame from %s dropped: %s", peer.c_str(), why);
         return;

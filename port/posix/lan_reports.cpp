@@ -14,9 +14,9 @@ using namespace sf_lan; // this file is part of the channel
 
 namespace {
 
-/* Queue to every authenticated client; a full queue drops that client. Caller holds g_mutex. */
+/* Queue to every authenticated client; a full queue drops that client. */
 template <typename QueueFn>
-size_t queue_to_authed(QueueFn &&queue)
+size_t queue_to_authed(QueueFn &&queue) SF_REQUIRES(g_mutex)
 {
     size_t taken = 0;
     for (const auto &session : g_sessions) {
@@ -53,9 +53,10 @@ extern "C" OPERATE_RET lan_dp_sata_report(RFC_DATA_S *rfc_data, UINT_T frame_kin
     }
     size_t taken;
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
+        const size_t max_frames = g_settings.max_queue_frames;
         taken = queue_to_authed(
-            [&](Session *session) { return session->queue_block(rfc_data, frame_kind, g_settings.max_queue_frames); });
+            [&](Session *session) { return session->queue_block(rfc_data, frame_kind, max_frames); });
         if (taken > 0) {
             // Each session holds a reference of its own; the caller's goes.
             put_rfc_data(rfc_data);
@@ -77,9 +78,9 @@ extern "C" OPERATE_RET lan_data_report_cb(UINT_T fr_type, UINT_T ret_flag, const
         sf_wire::wrap_frame({{"type", fr_type}, {"flag", ret_flag}}, data == nullptr ? "" : data, len) + "\n";
     size_t taken;
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
-        taken = queue_to_authed(
-            [&](Session *session) { return session->queue_text(line, g_settings.max_queue_frames); });
+        posix_sync::Guard hold(g_mutex);
+        const size_t max_frames = g_settings.max_queue_frames;
+        taken = queue_to_authed([&](Session *session) { return session->queue_text(line, max_frames); });
     }
     if (taken == 0) {
         return RC_LAN_NOT_SENT;

@@ -25,7 +25,6 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
@@ -40,9 +39,9 @@
 
 namespace sf_lan {
 
-std::mutex g_mutex;
-std::vector<std::unique_ptr<Session>> g_sessions;
-Settings g_settings;
+posix_sync::Mutex g_mutex;
+std::vector<std::unique_ptr<Session>> g_sessions SF_GUARDED_BY(g_mutex);
+Settings g_settings SF_GUARDED_BY(g_mutex);
 Counters g_counters;
 
 } // namespace sf_lan
@@ -54,16 +53,17 @@ namespace {
 constexpr int POLL_TICK_MS = SF_LAN_POLL_TICK_MS;
 constexpr size_t READ_CHUNK = SF_LAN_READ_CHUNK;
 
-// g_thread and the sockets are touched only by lan_start/lan_stop and the
-// channel's thread.
+// g_thread, the listener and the wake-up pipe's read end are touched only
+// by lan_start/lan_stop and the channel's thread.
 int g_listen_fd = -1;
-int g_wake[2] = {-1, -1};
+int g_wake_read = -1;
 // Reporting threads and the dispatch thread write to the pipe's write end
-// while lan_stop may close it: g_wake_mutex guards g_wake[1], so a wake-up
-// never goes to a closed descriptor, nor to one the process reused since.
-std::mutex g_wake_mutex;
+// while lan_stop may close it: g_wake_mutex guards it, so a wake-up never
+// goes to a closed descriptor, nor to one the process reused since.
+posix_sync::Mutex g_wake_mutex;
+int g_wake_write SF_GUARDED_BY(g_wake_mutex) = -1;
 std::atomic<USHORT_T> g_port{0}; /* read by any thread */
-bool g_stop = false;
+bool g_stop SF_GUARDED_BY(g_mutex) = false;
 std::thread g_thread;
 // The channel's thread only.
 uint64_t g_next_session_id = 0;
@@ -75,10 +75,10 @@ bool g_out_of_descriptors = false;      /* the last accept failed for want of de
 void sf_lan::wake_loop()
 {
     const char byte = 1;
-    std::lock_guard<std::mutex> hold(g_wake_mutex);
-    if (g_wake[1] >= 0) {
+    posix_sync::Guard hold(g_wake_mutex);
+    if (g_wake_write >= 0) {
         // A full pipe already guarantees a wake-up.
-        (void)!::write(g_wake[1], &byte, 1);
+        (void)!::write(g_wake_write, &byte, 1);
     }
 }
 
@@ -91,7 +91,7 @@ bool out_of_descriptors(int err) { return err == EMFILE || err == ENFILE || err 
  * (accepting pauses for accept_backoff) or a newcomer closed an older
  * connection (accepting pauses for evict_pace).
  */
-void accept_clients(Clock::time_point now)
+void accept_clients(Clock::time_point now, std::chrono::milliseconds accept_backoff) SF_EXCLUDES(g_mutex)
 {
     for (;;) {
         sockaddr_in addr{};
@@ -106,10 +106,10 @@ void accept_clients(Clock::time_point now)
                 count(g_counters.accept_failures);
                 if (!g_out_of_descriptors) {
                     CH_LOG_ERR("LAN accept failed: %s; trying again every %lld ms", std::strerror(err),
-                               static_cast<long long>(g_settings.accept_backoff.count()));
+                               static_cast<long long>(accept_backoff.count()));
                     g_out_of_descriptors = true;
                 }
-                g_accept_resume_at = now + g_settings.accept_backoff;
+                g_accept_resume_at = now + accept_backoff;
             }
             return;
         }
@@ -120,7 +120,7 @@ void accept_clients(Clock::time_point now)
         char ip[INET_ADDRSTRLEN] = "?";
         ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
         const std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         if (admit(fd, ip, peer, ++g_next_session_id, now)) {
             g_accept_resume_at = now + g_settings.evict_pace;
             return;
@@ -131,21 +131,20 @@ void accept_clients(Clock::time_point now)
 /*
  * The channel reads a client only while no complete line of it waits and
  * it has room for more commands; otherwise its bytes stay in the kernel.
- * Caller holds g_mutex.
  */
-bool wants_input(Session &session)
+bool wants_input(Session &session) SF_REQUIRES(g_mutex)
 {
     return !session.closing() && !session.input().has_line() && (!session.authed() || command_room(session) > 0);
 }
 
-/* Lines wait that the next turn may take. Caller holds g_mutex. */
-bool lines_ready(Session &session)
+/* Lines wait that the next turn may take. */
+bool lines_ready(Session &session) SF_REQUIRES(g_mutex)
 {
     return !session.closing() && session.input().has_line() && (!session.authed() || command_room(session) > 0);
 }
 
-/* One read of what is there. Caller holds g_mutex. */
-void read_session(Session *session, Clock::time_point now)
+/* One read of what is there. */
+void read_session(Session *session, Clock::time_point now) SF_REQUIRES(g_mutex)
 {
     char buf[READ_CHUNK];
     const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
@@ -162,10 +161,9 @@ void read_session(Session *session, Clock::time_point now)
 
 /*
  * The lines of one turn: the key first, then commands within the client's
- * room and the per-turn bound; the rest waits in its buffer. Caller holds
- * g_mutex.
+ * room and the per-turn bound; the rest waits in its buffer.
  */
-void take_lines(Session *session, std::vector<Command> *commands)
+void take_lines(Session *session, std::vector<Command> *commands) SF_REQUIRES(g_mutex)
 {
     for (size_t taken = 0; taken < g_settings.max_lines_per_turn && !session->closing(); ++taken) {
         if (session->authed() && command_room(*session) == 0) {
@@ -193,12 +191,21 @@ void take_lines(Session *session, std::vector<Command> *commands)
     }
 }
 
-void run_loop()
+void run_loop() SF_EXCLUDES(g_mutex)
 {
+    // What this thread uses of the settings without g_mutex: lan_start set
+    // them before the thread began and sets them again only after it ended.
+    FrameLimits limits{};
+    std::chrono::milliseconds accept_backoff{};
+    {
+        posix_sync::Guard hold(g_mutex);
+        limits = FrameLimits{g_settings.max_frame_bytes, g_settings.max_frame_depth};
+        accept_backoff = g_settings.accept_backoff;
+    }
     std::vector<pollfd> fds;
     for (;;) {
         fds.clear();
-        fds.push_back(pollfd{g_wake[0], POLLIN, 0});
+        fds.push_back(pollfd{g_wake_read, POLLIN, 0});
         int wait_ms = POLL_TICK_MS;
         const Clock::time_point turn = Clock::now();
         if (turn >= g_accept_resume_at) {
@@ -209,7 +216,7 @@ void run_loop()
             wait_ms = static_cast<int>(std::min<long long>(wait_ms, left.count() + 1));
         }
         {
-            std::lock_guard<std::mutex> hold(g_mutex);
+            posix_sync::Guard hold(g_mutex);
             if (g_stop) {
                 return;
             }
@@ -227,12 +234,12 @@ void run_loop()
         count(g_counters.poll_wakeups);
         if (fds[0].revents & POLLIN) {
             char drain[64];
-            while (::read(g_wake[0], drain, sizeof drain) > 0) {
+            while (::read(g_wake_read, drain, sizeof drain) > 0) {
             }
         }
         std::vector<Command> commands;
         {
-            std::lock_guard<std::mutex> hold(g_mutex);
+            posix_sync::Guard hold(g_mutex);
             const Clock::time_point now = Clock::now();
             // Sessions are added and removed only on this thread, so the
             // indices of the poll set still match.
@@ -263,9 +270,9 @@ void run_loop()
             }
         }
         if (fds[1].revents & POLLIN) {
-            accept_clients(Clock::now());
+            accept_clients(Clock::now(), accept_backoff);
         }
-        hand_over_turn(commands);
+        hand_over_turn(commands, limits);
     }
 }
 
@@ -287,16 +294,16 @@ bool open_listener(const Settings &settings, sockaddr_in addr)
     if (::pipe2(wake, O_NONBLOCK | O_CLOEXEC) != 0) {
         return false;
     }
-    std::lock_guard<std::mutex> hold(g_wake_mutex);
-    g_wake[0] = wake[0];
-    g_wake[1] = wake[1];
+    posix_sync::Guard hold(g_wake_mutex);
+    g_wake_read = wake[0];
+    g_wake_write = wake[1];
     return true;
 }
 
 void close_sockets()
 {
-    std::lock_guard<std::mutex> hold(g_wake_mutex);
-    for (int *fd : {&g_listen_fd, &g_wake[0], &g_wake[1]}) {
+    posix_sync::Guard hold(g_wake_mutex);
+    for (int *fd : {&g_listen_fd, &g_wake_read, &g_wake_write}) {
         if (*fd >= 0) {
             ::close(*fd);
             *fd = -1;
@@ -365,7 +372,7 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
     {
         // Reporting threads read the limits under the lock; the channel's
         // thread reads them after its creation.
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         g_settings = settings;
         g_stop = false;
         g_queued_commands = 0;
@@ -374,7 +381,7 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         g_queued_commands_peak = 0;
     }
     g_thread = std::thread(run_loop);
-    CH_LOG_INFO("LAN channel listening on %s:%u", g_settings.bind_addr.c_str(), g_port.load());
+    CH_LOG_INFO("LAN channel listening on %s:%u", settings.bind_addr.c_str(), g_port.load());
     return RC_OK;
 }
 
@@ -386,13 +393,13 @@ extern "C" void lan_stop(void)
         return;
     }
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         g_stop = true;
     }
     wake_loop();
     g_thread.join();
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         g_sessions.clear();
     }
     close_command_markers();

@@ -13,7 +13,7 @@ extern "C" void lan_stats(LAN_STATS_S *out)
     }
     *out = LAN_STATS_S{};
     {
-        std::lock_guard<std::mutex> hold(g_mutex);
+        posix_sync::Guard hold(g_mutex);
         for (const auto &session : g_sessions) {
             if (!session->closing()) {
                 out->clients += session->authed() ? 1 : 0;

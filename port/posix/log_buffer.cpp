@@ -5,7 +5,7 @@
  * never I/O); the writer swaps `pending` with its own buffer and writes
  * that without the lock. Both buffers keep their reserved capacity across
  * swaps, so a line costs no allocation here. The same lock guards the rate
- * limit (log_rate_limit.h).
+ * limit (log_rate_limit.h). The counters read by any thread are atomics.
  *
  * A record is [level byte][4-byte length][text]: the level lets syslog
  * get a priority per line; a raw continuation is its own record.
@@ -17,14 +17,13 @@
 
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "../../services/uni_log.h"
+#include "annotated_lock.h"
 #include "log_internal.h"
 #include "log_output.h"
 #include "log_rate_limit.h"
@@ -39,19 +38,22 @@ constexpr size_t kRecordHeader = 5;
 enum class Output { Stderr, File, Syslog };
 
 struct State {
-    std::mutex lock;
-    std::condition_variable work;    /* pending text, a reopen, or a flush request */
-    std::condition_variable written; /* a batch went out */
-    std::string pending;
-    uint64_t records_in = 0;  /* records appended so far */
-    uint64_t records_out = 0; /* records handed to the output so far */
-    uint64_t dropped_since_notice = 0;
-    bool reopen_wanted = false;
-    Output output = Output::Stderr;
-    std::string file_path;
-    int file_fd = -1;
-    detail::RateLimit rate;
-    std::vector<std::string> summaries; /* scratch of the rate limit's summary lines */
+    State() { pending.reserve(kCapacity); } /* before any thread sees it: no lock */
+
+    posix_sync::Mutex lock;
+    posix_sync::CondVar work;    /* pending text, a reopen, or a flush request */
+    posix_sync::CondVar written; /* a batch went out */
+    std::string pending SF_GUARDED_BY(lock);
+    uint64_t records_in SF_GUARDED_BY(lock) = 0;  /* records appended so far */
+    uint64_t records_out SF_GUARDED_BY(lock) = 0; /* records handed to the output so far */
+    uint64_t dropped_since_notice SF_GUARDED_BY(lock) = 0;
+    bool reopen_wanted SF_GUARDED_BY(lock) = false;
+    Output output SF_GUARDED_BY(lock) = Output::Stderr;
+    std::string file_path SF_GUARDED_BY(lock);
+    int file_fd SF_GUARDED_BY(lock) = -1;
+    std::atomic<uint64_t> suppressed{0}; /* the rate limit's count, read without the lock */
+    detail::RateLimit rate SF_GUARDED_BY(lock){suppressed};
+    std::vector<std::string> summaries SF_GUARDED_BY(lock); /* scratch of the rate limit's summary lines */
     std::atomic<uint64_t> dropped{0};
     std::atomic<uint64_t> bytes_written{0};
 };
@@ -67,7 +69,6 @@ State &state()
 {
     static State *s = [] {
         State *created = new State();
-        created->pending.reserve(kCapacity);
         std::thread(run_writer, created).detach();
         std::atexit(flush_at_exit);
         g_state = created;
@@ -83,8 +84,8 @@ State &state()
     return *s;
 }
 
-/* Append one record if it fits. Lock held. */
-bool append_locked(State &s, int level, const std::string &text)
+/* Append one record if it fits. */
+bool append_locked(State &s, int level, const std::string &text) SF_REQUIRES(s.lock)
 {
     if (s.pending.size() + kRecordHeader + text.size() > kCapacity) {
         return false;
@@ -99,8 +100,8 @@ bool append_locked(State &s, int level, const std::string &text)
     return true;
 }
 
-/* Append, or count the line dropped; a first line that fits after drops says how many went. Lock held. */
-bool enqueue_locked(State &s, int level, const std::string &text)
+/* Append, or count the line dropped; a first line that fits after drops says how many went. */
+bool enqueue_locked(State &s, int level, const std::string &text) SF_REQUIRES(s.lock)
 {
     if (s.dropped_since_notice != 0) {
         const std::string notice = detail::time_prefix() + "WARN os_log: " + std::to_string(s.dropped_since_notice) +
@@ -121,8 +122,8 @@ bool enqueue_locked(State &s, int level, const std::string &text)
     return true;
 }
 
-/* Queue the rate limit's summary lines, if any. Lock held. */
-void enqueue_summaries_locked(State &s)
+/* Queue the rate limit's summary lines, if any. */
+void enqueue_summaries_locked(State &s) SF_REQUIRES(s.lock)
 {
     for (const std::string &line : s.summaries) {
         enqueue_locked(s, LOG_LEVEL_WARN, line);
@@ -191,8 +192,11 @@ size_t write_batch(const std::string &batch, Output output, int fd, std::string 
  * SIGABRT: write what is still queued straight to the output (write(2)
  * only, no allocation), then let the abort go on. The lock is taken if it
  * is free; a process that aborts is past caring for a race with its writer.
+ * When the lock is not free (the aborting thread may hold it itself) the
+ * guarded fields are read without it on purpose, which no annotation can
+ * say: the one function of the log outside the analysis.
  */
-void write_pending_on_abort(int)
+void write_pending_on_abort(int) SF_NO_THREAD_SAFETY_ANALYSIS
 {
     State *s = g_state;
     if (s == nullptr || s->output == Output::Syslog) {
@@ -213,7 +217,7 @@ void write_pending_on_abort(int)
     }
 }
 
-void reopen_locked(State &s)
+void reopen_locked(State &s) SF_REQUIRES(s.lock)
 {
     s.reopen_wanted = false;
     if (s.output != Output::File) {
@@ -232,9 +236,10 @@ void run_writer(State *s)
     batch.reserve(kCapacity);
     std::string syslog_line;
     int syslog_level = LOG_LEVEL_DETAIL;
-    std::unique_lock<std::mutex> held(s->lock);
+    posix_sync::Guard held(s->lock);
     for (;;) {
-        s->work.wait_for(held, std::chrono::seconds(1), [s] { return !s->pending.empty() || s->reopen_wanted; });
+        s->work.wait_for(s->lock, std::chrono::seconds(1),
+                         [s]() SF_REQUIRES(s->lock) { return !s->pending.empty() || s->reopen_wanted; });
         if (s->reopen_wanted) {
             reopen_locked(*s);
         }
@@ -266,7 +271,7 @@ bool submit_line(int level, const Site &site, const std::string &text)
     State &s = state();
     bool queued;
     {
-        std::lock_guard<std::mutex> hold(s.lock);
+        posix_sync::Guard hold(s.lock);
         const bool allowed = s.rate.allows(level, site, &s.summaries);
         enqueue_summaries_locked(s);
         if (!allowed) {
@@ -284,7 +289,7 @@ void submit_raw(int level, const std::string &text)
 {
     State &s = state();
     {
-        std::lock_guard<std::mutex> hold(s.lock);
+        posix_sync::Guard hold(s.lock);
         if (!enqueue_locked(s, level, text)) {
             return;
         }
@@ -302,7 +307,7 @@ bool use_file(const std::string &path, std::string *why)
         return false;
     }
     State &s = state();
-    std::lock_guard<std::mutex> hold(s.lock);
+    posix_sync::Guard hold(s.lock);
     if (s.file_fd >= 0) {
         ::close(s.file_fd);
     }
@@ -316,7 +321,7 @@ void use_syslog(const char *ident)
 {
     openlog(ident, LOG_PID, LOG_DAEMON);
     State &s = state();
-    std::lock_guard<std::mutex> hold(s.lock);
+    posix_sync::Guard hold(s.lock);
     s.output = Output::Syslog;
 }
 
@@ -324,7 +329,7 @@ void reopen()
 {
     State &s = state();
     {
-        std::lock_guard<std::mutex> hold(s.lock);
+        posix_sync::Guard hold(s.lock);
         s.reopen_wanted = true;
     }
     s.work.notify_one();
@@ -333,22 +338,22 @@ void reopen()
 bool flush(std::chrono::milliseconds limit)
 {
     State &s = state();
-    std::unique_lock<std::mutex> held(s.lock);
+    posix_sync::Guard held(s.lock);
     const uint64_t target = s.records_in;
     s.work.notify_one();
-    return s.written.wait_for(held, limit, [&s, target] { return s.records_out >= target; });
+    return s.written.wait_for(s.lock, limit, [&s, target]() SF_REQUIRES(s.lock) { return s.records_out >= target; });
 }
 
 void set_rate_limit(unsigned burst, std::chrono::milliseconds window)
 {
     State &s = state();
-    std::lock_guard<std::mutex> hold(s.lock);
+    posix_sync::Guard hold(s.lock);
     s.rate.configure(burst, window);
 }
 
 uint64_t dropped_lines() { return state().dropped.load(std::memory_order_relaxed); }
 
-uint64_t suppressed_lines() { return state().rate.suppressed(); }
+uint64_t suppressed_lines() { return state().suppressed.load(std::memory_order_relaxed); }
 
 uint64_t written_bytes() { return state().bytes_written.load(std::memory_order_relaxed); }
 

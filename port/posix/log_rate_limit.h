@@ -2,7 +2,9 @@
  * The log's rate limit of repeated errors and warnings, per call site
  * (source file and line): the first `burst` lines of a window go out
  * verbatim, the rest are counted and summed up in one line when the
- * window ends. Not thread-safe: the log's buffer lock guards it.
+ * window ends. Not thread-safe: the log's buffer lock guards it. The count
+ * of lines held back is its owner's atomic, read on any thread without
+ * that lock.
  */
 #ifndef SF_POSIX_LOG_RATE_LIMIT_H
 #define SF_POSIX_LOG_RATE_LIMIT_H
@@ -23,6 +25,9 @@ class RateLimit {
 public:
     using Clock = std::chrono::steady_clock;
 
+    /* suppressed counts every line held back from now on (relaxed); it outlives the rate limit. */
+    explicit RateLimit(std::atomic<uint64_t> &suppressed) : suppressed_(suppressed) {}
+
     /*
      * true when a line of level from where may go out. When where's window
      * ended with lines held back, their summary line is appended to
@@ -34,9 +39,6 @@ public:
     void sweep(std::vector<std::string> *summaries);
 
     void configure(unsigned burst, Clock::duration window);
-
-    /* Lines held back since the start. Any thread. */
-    uint64_t suppressed() const { return suppressed_.load(std::memory_order_relaxed); }
 
 private:
     struct Entry {
@@ -54,7 +56,7 @@ private:
     Entry entries_[SF_LOG_RATE_SITES];
     unsigned burst_ = SF_LOG_BURST;
     Clock::duration window_ = std::chrono::seconds(SF_LOG_WINDOW_S);
-    std::atomic<uint64_t> suppressed_{0};
+    std::atomic<uint64_t> &suppressed_;
 };
 
 } // namespace detail

@@ -7,10 +7,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
+#include "annotated_lock.h"
 #include "channel_log.h"
 #include "metrics.h"
 #include "metrics_text.h"
@@ -22,13 +21,14 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 struct Reporter {
+    /* Set by start_reporter before the thread exists, read-only while it runs: read without a lock. */
     ReporterConfig config;
-    std::mutex lock;
-    std::condition_variable wake;
-    bool stop = false;
-    bool running = false;
-    std::thread thread;
-    std::mutex output_lock; /* one writer of the file at a time */
+    posix_sync::Mutex lock;
+    posix_sync::CondVar wake;
+    bool stop SF_GUARDED_BY(lock) = false;
+    bool running SF_GUARDED_BY(lock) = false;
+    std::thread thread; /* started by start_reporter, joined by stop_reporter */
+    posix_sync::Mutex output_lock; /* one writer of the file at a time: a snapshot and what is made of it */
 };
 
 Reporter &reporter()
@@ -62,20 +62,20 @@ bool publish(Reporter &r, const Snapshot &s)
  * document), then the file and the document when due. A document that
  * cannot go out (no connection) is tried again the next second.
  */
-void run(Reporter *r)
+void run(Reporter *r) SF_EXCLUDES(r->lock, r->output_lock)
 {
     SteadyClock::time_point next_file = SteadyClock::now() + std::chrono::seconds(r->config.file_period_s);
     SteadyClock::time_point next_doc = SteadyClock::now();
     uint64_t peak = 0;
-    std::unique_lock<std::mutex> held(r->lock);
+    posix_sync::Guard held(r->lock);
     while (!r->stop) {
-        r->wake.wait_for(held, std::chrono::seconds(1), [r] { return r->stop; });
+        r->wake.wait_for(r->lock, std::chrono::seconds(1), [r]() SF_REQUIRES(r->lock) { return r->stop; });
         if (r->stop) {
             break;
         }
         held.unlock();
         {
-            std::lock_guard<std::mutex> out(r->output_lock);
+            posix_sync::Guard out(r->output_lock);
             Snapshot s = snapshot();
             const SteadyClock::time_point now = SteadyClock::now();
             peak = std::max(peak, s.dps_pending);
@@ -102,7 +102,7 @@ bool start_reporter(const ReporterConfig &config, std::string *why)
         *why = "metrics periods must be at least 1 s (0 turns the MQTT document off)";
         return false;
     }
-    std::lock_guard<std::mutex> held(r.lock);
+    posix_sync::Guard held(r.lock);
     if (r.running) {
         *why = "the metrics reporter is already running";
         return false;
@@ -124,7 +124,7 @@ bool start_reporter(const ReporterConfig &config, std::string *why)
 void report_now()
 {
     Reporter &r = reporter();
-    std::lock_guard<std::mutex> out(r.output_lock);
+    posix_sync::Guard out(r.output_lock);
     const Snapshot s = snapshot();
     write_file(r, s);
     publish(r, s);
@@ -134,7 +134,7 @@ void stop_reporter()
 {
     Reporter &r = reporter();
     {
-        std::lock_guard<std::mutex> held(r.lock);
+        posix_sync::Guard held(r.lock);
         if (!r.running) {
             return;
         }
@@ -143,7 +143,7 @@ void stop_reporter()
     r.wake.notify_all();
     r.thread.join();
     report_now();
-    std::lock_guard<std::mutex> held(r.lock);
+    posix_sync::Guard held(r.lock);
     r.running = false;
 }
 

@@ -9,13 +9,11 @@
 #include <mosquitto.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 
+#include "annotated_lock.h"
 #include "mqtt_config.h"
 #include "mqtt_inbound.h"
 #include "mqtt_pending.h"
@@ -43,7 +41,9 @@ struct Client {
     // stop ends the network and expiry threads; wait_mutex/wake let them
     // sleep until it is set. connect_mutex spans "stop not set yet, so
     // connect", so that mqc_stop's disconnect never precedes a connect that
-    // would then run on for ever.
+    // would then run on for ever. Neither lock guards a field: what they
+    // order are the atomics below (set under them so that no wake-up and
+    // no disconnect is lost) and libmosquitto's connect and disconnect.
     std::atomic<bool> stop{false};
     std::atomic<bool> established{false}; // a session was accepted since the last back-off
     std::atomic<bool> settled{false};     // the pending table settled publications: complete them now
@@ -51,9 +51,9 @@ struct Client {
     std::atomic<int> connack_rc{0};       // the broker's answer to the last CONNECT
     std::atomic<bool> connack_seen{false}; // the broker answered the last CONNECT at all
     std::atomic<bool> sub_refused{false}; // the broker refused the command topics: reconnect with back-off
-    std::mutex wait_mutex;
-    std::condition_variable wake;
-    std::mutex connect_mutex;
+    posix_sync::Mutex wait_mutex;
+    posix_sync::CondVar wake;
+    posix_sync::Mutex connect_mutex;
     std::thread network;
     std::thread expiry;
 };
@@ -61,8 +61,8 @@ struct Client {
 // g_life guards g_client: publishers hold it shared for the length of a
 // call; mqc_start and mqc_stop hold it exclusively only once every thread of
 // the client is gone, so no callback ever waits for it.
-extern std::shared_mutex g_life;
-extern Client *g_client;
+extern posix_sync::SharedMutex g_life;
+extern Client *g_client SF_GUARDED_BY(g_life);
 extern std::atomic<bool> g_connected; // CONNACK accepted, connection up
 extern std::atomic<bool> g_stopping;  // mqc_stop under way
 

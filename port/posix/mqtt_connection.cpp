@@ -27,11 +27,9 @@
 #include <mqtt_protocol.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <thread>
 
@@ -46,7 +44,7 @@
 
 namespace sf_mqtt {
 
-std::shared_mutex g_life;
+posix_sync::SharedMutex g_life;
 Client *g_client = nullptr;
 std::atomic<bool> g_connected{false};
 std::atomic<bool> g_stopping{false};
@@ -164,29 +162,31 @@ void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
 }
 
 /* Sleep up to span unless the client stops; false when it stops. */
-bool wait_unless_stopped(Client *client, std::chrono::milliseconds span)
+bool wait_unless_stopped(Client *client, std::chrono::milliseconds span) SF_EXCLUDES(client->wait_mutex)
 {
-    std::unique_lock<std::mutex> hold(client->wait_mutex);
-    return !client->wake.wait_for(hold, span, [client] { return client->stop.load(); });
+    posix_sync::Guard hold(client->wait_mutex);
+    return !client->wake.wait_for(client->wait_mutex, span,
+                                  [client]() SF_REQUIRES(client->wait_mutex) { return client->stop.load(); });
 }
 
 /* Tell the expiry thread that publications were settled. Any thread, no lock held. */
-void wake_for_settled(Client *client)
+void wake_for_settled(Client *client) SF_EXCLUDES(client->wait_mutex)
 {
     {
-        std::lock_guard<std::mutex> hold(client->wait_mutex);
+        posix_sync::Guard hold(client->wait_mutex);
         client->settled = true;
     }
     client->wake.notify_all();
 }
 
-void run_expiry(Client *client)
+void run_expiry(Client *client) SF_EXCLUDES(client->wait_mutex)
 {
     for (;;) {
         {
-            std::unique_lock<std::mutex> hold(client->wait_mutex);
-            client->wake.wait_for(hold, EXPIRY_TICK,
-                                  [client] { return client->stop.load() || client->settled.load(); });
+            posix_sync::Guard hold(client->wait_mutex);
+            client->wake.wait_for(client->wait_mutex, EXPIRY_TICK, [client]() SF_REQUIRES(client->wait_mutex) {
+                return client->stop.load() || client->settled.load();
+            });
             if (client->stop) {
                 return;
             }
@@ -269,7 +269,7 @@ int run_session(Client *client)
  * rather than mosquitto_reconnect, so a fall-back to 3.1.1 takes effect.
  * Network thread, connect_mutex held.
  */
-int connect_now(Client *client)
+int connect_now(Client *client) SF_REQUIRES(client->connect_mutex)
 {
     client->connack_rc = 0;
     client->connack_seen = false;
@@ -327,7 +327,7 @@ void fall_back_if_refused(Client *client, int rc)
     }
 }
 
-void run_network(Client *client)
+void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait_mutex)
 {
     UINT_T delay_s = client->reconnect_min_s;
     // An outage is one state change: its first failed attempt, and any change
@@ -336,7 +336,7 @@ void run_network(Client *client)
     for (;;) {
         int rc;
         {
-            std::lock_guard<std::mutex> hold(client->connect_mutex);
+            posix_sync::Guard hold(client->connect_mutex);
             if (client->stop) {
                 return;
             }
@@ -389,15 +389,15 @@ void on_log(mosquitto *, void *, int level, const char *text)
 }
 
 /* End the network and expiry threads; the inbound worker is left running. */
-void stop_network(Client *client)
+void stop_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait_mutex)
 {
     {
-        std::lock_guard<std::mutex> hold(client->connect_mutex);
+        posix_sync::Guard hold(client->connect_mutex);
         client->stop = true;
         mosquitto_disconnect(client->mosq);
     }
     {
-        std::lock_guard<std::mutex> hold(client->wait_mutex);
+        posix_sync::Guard hold(client->wait_mutex);
     }
     client->wake.notify_all();
     if (client->network.joinable()) {
@@ -467,7 +467,7 @@ extern "C" OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg)
     if (cfg == nullptr) {
         return RC_BAD_PARAM;
     }
-    std::unique_lock<std::shared_mutex> life(g_life);
+    posix_sync::WriterGuard life(g_life);
     if (g_client != nullptr) {
         CH_LOG_ERR("MQTT client already started");
         return RC_BAD_PARAM;
@@ -498,7 +498,7 @@ extern "C" void mqc_stop(void)
 {
     Client *client;
     {
-        std::shared_lock<std::shared_mutex> life(g_life);
+        posix_sync::ReaderGuard life(g_life);
         client = g_client;
     }
     if (client == nullptr || g_stopping.exchange(true)) {
@@ -519,7 +519,7 @@ extern "C" void mqc_stop(void)
     complete_all_stopped(client);
     client->inbound->stop();
     {
-        std::unique_lock<std::shared_mutex> life(g_life);
+        posix_sync::WriterGuard life(g_life);
         g_client = nullptr;
     }
     // No publisher is left (g_life was taken exclusively): one that was
@@ -538,7 +538,7 @@ extern "C" void mqc_get_inbound_stat(MQC_INBOUND_STAT_S *stat)
         return;
     }
     *stat = MQC_INBOUND_STAT_S{};
-    std::shared_lock<std::shared_mutex> life(g_life);
+    posix_sync::ReaderGuard life(g_life);
     if (g_client != nullptr) {
         InboundWorker &inbound = *g_client->inbound;
         stat->depth = static_cast<UINT_T>(inbound.depth());

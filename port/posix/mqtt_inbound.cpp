@@ -19,7 +19,11 @@ InboundWorker::~InboundWorker() { stop(); }
 
 void InboundWorker::start()
 {
-    stopping_ = false;
+    {
+        // Before the worker and the network thread exist: nobody waits for the lock here.
+        posix_sync::Guard hold(mutex_);
+        stopping_ = false;
+    }
     abort_ = false;
     thread_ = std::thread([this] { run(); });
 }
@@ -27,7 +31,7 @@ void InboundWorker::start()
 void InboundWorker::stop()
 {
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         stopping_ = true;
         queue_.clear();
     }
@@ -50,7 +54,7 @@ void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len,
         return;
     }
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         if (stopping_) {
             return;
         }
@@ -70,19 +74,19 @@ void InboundWorker::push(sf_wire::CmdKind kind, const void *payload, size_t len,
 
 bool InboundWorker::accepts(bool waits_for_answer)
 {
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     return queue_.size() < limit_ || (waits_for_answer && queue_.size() < limit_ + reserve_);
 }
 
 void InboundWorker::wait_for_room(std::chrono::milliseconds span)
 {
-    std::unique_lock<std::mutex> hold(mutex_);
-    room_.wait_for(hold, span, [this] { return stopping_ || queue_.size() < limit_; });
+    posix_sync::Guard hold(mutex_);
+    room_.wait_for(mutex_, span, [this]() SF_REQUIRES(mutex_) { return stopping_ || queue_.size() < limit_; });
 }
 
 size_t InboundWorker::depth()
 {
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     return queue_.size();
 }
 
@@ -93,8 +97,8 @@ void InboundWorker::run()
     for (;;) {
         Item item;
         {
-            std::unique_lock<std::mutex> hold(mutex_);
-            wake_.wait(hold, [this] { return stopping_ || !queue_.empty(); });
+            posix_sync::Guard hold(mutex_);
+            wake_.wait(mutex_, [this]() SF_REQUIRES(mutex_) { return stopping_ || !queue_.empty(); });
             if (stopping_) {
                 return;
             }

@@ -21,12 +21,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "annotated_lock.h"
 #include "wire_commands.h"
 
 namespace sf_mqtt {
@@ -41,31 +40,31 @@ public:
     InboundWorker(size_t max_bytes, size_t max_depth, size_t limit, size_t reserve);
     ~InboundWorker();
 
-    void start();
+    void start() SF_EXCLUDES(mutex_);
     /*
      * Drops what is still queued and joins the thread, also when it waits
      * for room in the dispatch queue. Idempotent.
      */
-    void stop();
+    void stop() SF_EXCLUDES(mutex_);
 
     /*
      * Queue a copy of payload for kind; network thread. Never blocks.
      * Oversized payloads, and QoS 0 ones past the reserve, are logged,
      * counted and dropped.
      */
-    void push(sf_wire::CmdKind kind, const void *payload, size_t len, int qos);
+    void push(sf_wire::CmdKind kind, const void *payload, size_t len, int qos) SF_EXCLUDES(mutex_);
 
     /*
      * Whether the network thread may read its socket: below the limit, or
      * below limit + reserve when it reads on for something it waits for
      * (an acknowledgement, a ping answer).
      */
-    bool accepts(bool waits_for_answer);
+    bool accepts(bool waits_for_answer) SF_EXCLUDES(mutex_);
 
     /* Wait up to span for the queue to go below its limit (network thread, reading held). */
-    void wait_for_room(std::chrono::milliseconds span);
+    void wait_for_room(std::chrono::milliseconds span) SF_EXCLUDES(mutex_);
 
-    size_t depth();
+    size_t depth() SF_EXCLUDES(mutex_);
     size_t dropped() const { return dropped_.load(); }
     size_t limit() const { return limit_; }
     size_t reserve() const { return reserve_; }
@@ -75,17 +74,17 @@ private:
         sf_wire::CmdKind kind;
         std::string payload;
     };
-    void run();
+    void run() SF_EXCLUDES(mutex_);
 
     const size_t max_bytes_;
     const size_t max_depth_;
     const size_t limit_;
     const size_t reserve_;
-    std::mutex mutex_;
-    std::condition_variable wake_; // work for the worker
-    std::condition_variable room_; // the queue shrank, for the held network thread
-    std::deque<Item> queue_;
-    bool stopping_ = false;
+    posix_sync::Mutex mutex_;
+    posix_sync::CondVar wake_; // work for the worker
+    posix_sync::CondVar room_; // the queue shrank, for the held network thread
+    std::deque<Item> queue_ SF_GUARDED_BY(mutex_);
+    bool stopping_ SF_GUARDED_BY(mutex_) = false;
     std::atomic<bool> abort_{false}; // ends the worker's wait for dispatch room
     std::atomic<size_t> dropped_{0};
     std::thread thread_;

@@ -16,7 +16,7 @@ int PendingPublications::publish_and_record(const std::function<int(int *mid)> &
     unsigned long closes_before;
     unsigned long parked_before;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         if (!open_) {
             return CLOSED;
         }
@@ -28,7 +28,7 @@ int PendingPublications::publish_and_record(const std::function<int(int *mid)> &
     const int rc = publish(&mid);
     bool settled = false;
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         settled = record_locked(rc, mid, c, closes_before, parked_before);
     }
     if (settled && on_settled_) {
@@ -78,7 +78,7 @@ void PendingPublications::park_early_ack(int mid)
 
 bool PendingPublications::take(int mid, Completion *out)
 {
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     return take_locked(mid, out);
 }
 
@@ -99,7 +99,7 @@ bool PendingPublications::take_locked(int mid, Completion *out)
 bool PendingPublications::settle_acked(int mid)
 {
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         Completion done;
         if (!take_locked(mid, &done)) {
             return false;
@@ -118,7 +118,7 @@ void PendingPublications::settle(const std::vector<Completion> &done, OPERATE_RE
         return;
     }
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         for (const Completion &one : done) {
             settled_.push_back({one, op_ret});
         }
@@ -131,7 +131,7 @@ void PendingPublications::settle(const std::vector<Completion> &done, OPERATE_RE
 std::vector<Settled> PendingPublications::take_settled()
 {
     std::vector<Settled> out;
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     out.swap(settled_);
     return out;
 }
@@ -139,7 +139,7 @@ std::vector<Settled> PendingPublications::take_settled()
 std::vector<Completion> PendingPublications::take_expired(Clock::time_point now)
 {
     std::vector<Completion> out;
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     for (auto it = by_mid_.begin(); it != by_mid_.end();) {
         if (it->second.deadline <= now) {
             out.push_back(it->second);
@@ -153,14 +153,14 @@ std::vector<Completion> PendingPublications::take_expired(Clock::time_point now)
 
 void PendingPublications::open()
 {
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     open_ = true;
 }
 
 std::vector<Completion> PendingPublications::close_and_take_all()
 {
     {
-        std::lock_guard<std::mutex> hold(mutex_);
+        posix_sync::Guard hold(mutex_);
         open_ = false;
         ++closes_;
     }
@@ -170,7 +170,7 @@ std::vector<Completion> PendingPublications::close_and_take_all()
 std::vector<Completion> PendingPublications::take_all()
 {
     std::vector<Completion> out;
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     for (auto &entry : by_mid_) {
         out.push_back(entry.second);
     }
@@ -180,7 +180,7 @@ std::vector<Completion> PendingPublications::take_all()
 
 size_t PendingPublications::size()
 {
-    std::lock_guard<std::mutex> hold(mutex_);
+    posix_sync::Guard hold(mutex_);
     return by_mid_.size();
 }
 

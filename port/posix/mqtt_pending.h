@@ -29,11 +29,11 @@
 #include <chrono>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "../../services/mqtt_client.h"
+#include "annotated_lock.h"
 
 namespace sf_mqtt {
 
@@ -65,7 +65,7 @@ public:
      * publish's result, or CLOSED without calling publish while the table
      * is closed.
      */
-    int publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c);
+    int publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c) SF_EXCLUDES(mutex_);
 
     /*
      * Called, without the table's lock, whenever a publication is settled:
@@ -75,21 +75,21 @@ public:
     void on_settled(std::function<void()> wake) { on_settled_ = std::move(wake); }
 
     /* Accept publications from now on (the connection is up). */
-    void open();
+    void open() SF_EXCLUDES(mutex_);
 
     /*
      * Refuse publications from now on and take every entry, in one step:
      * a publication is either recorded before the connection was lost (and
      * completed by its loss) or refused, never left waiting for its time limit.
      */
-    std::vector<Completion> close_and_take_all();
+    std::vector<Completion> close_and_take_all() SF_EXCLUDES(mutex_);
 
     /*
      * The entry of an acknowledged message id, if there is one. Without
      * one while a publication is being recorded, the id is parked for that
      * recorder (it may be its own acknowledgement, come early).
      */
-    bool take(int mid, Completion *out);
+    bool take(int mid, Completion *out) SF_EXCLUDES(mutex_);
 
     /*
      * Settle the entry of an acknowledged message id with RC_OK, for the
@@ -97,21 +97,21 @@ public:
      * lock held: the smart frame is never entered from there). Without an
      * entry the id is parked as take() does. True when one was settled.
      */
-    bool settle_acked(int mid);
+    bool settle_acked(int mid) SF_EXCLUDES(mutex_);
 
     /* Settle done with op_ret, for the expiry thread to complete. */
-    void settle(const std::vector<Completion> &done, OPERATE_RET op_ret);
+    void settle(const std::vector<Completion> &done, OPERATE_RET op_ret) SF_EXCLUDES(mutex_);
 
     /* Publications settled and not completed yet; the expiry thread and the stop complete them. */
-    std::vector<Settled> take_settled();
+    std::vector<Settled> take_settled() SF_EXCLUDES(mutex_);
 
     /* Entries whose deadline is not after now. */
-    std::vector<Completion> take_expired(Clock::time_point now);
+    std::vector<Completion> take_expired(Clock::time_point now) SF_EXCLUDES(mutex_);
 
     /* Every entry (connection lost, stop). */
-    std::vector<Completion> take_all();
+    std::vector<Completion> take_all() SF_EXCLUDES(mutex_);
 
-    size_t size();
+    size_t size() SF_EXCLUDES(mutex_);
 
     /*
      * Call each callback with op_ret, then drop the client's reference.
@@ -131,20 +131,22 @@ private:
      */
     static constexpr size_t EARLY_ACK_LIMIT = 256;
 
-    void park_early_ack(int mid);
+    void park_early_ack(int mid) SF_REQUIRES(mutex_);
     /* take(), lock held. */
-    bool take_locked(int mid, Completion *out);
+    bool take_locked(int mid, Completion *out) SF_REQUIRES(mutex_);
     /* The second half of publish_and_record, lock held; true when c was settled. */
-    bool record_locked(int rc, int mid, const Completion &c, unsigned long closes_before, unsigned long parked_before);
+    bool record_locked(int rc, int mid, const Completion &c, unsigned long closes_before, unsigned long parked_before)
+        SF_REQUIRES(mutex_);
 
-    std::mutex mutex_;
-    bool open_ = false;
-    unsigned long closes_ = 0;  // a recorder that began before a close missed it
-    int recording_ = 0;         // publications between publish and record
-    unsigned long parked_ = 0;  // early acks parked so far: their order
-    std::map<int, unsigned long> early_acks_; // message id -> order parked
-    std::map<int, Completion> by_mid_;
-    std::vector<Settled> settled_;
+    posix_sync::Mutex mutex_;
+    bool open_ SF_GUARDED_BY(mutex_) = false;
+    unsigned long closes_ SF_GUARDED_BY(mutex_) = 0; // a recorder that began before a close missed it
+    int recording_ SF_GUARDED_BY(mutex_) = 0;        // publications between publish and record
+    unsigned long parked_ SF_GUARDED_BY(mutex_) = 0; // early acks parked so far: their order
+    std::map<int, unsigned long> early_acks_ SF_GUARDED_BY(mutex_); // message id -> order parked
+    std::map<int, Completion> by_mid_ SF_GUARDED_BY(mutex_);
+    std::vector<Settled> settled_ SF_GUARDED_BY(mutex_);
+    // Set once before the client's threads start, read-only afterwards: called without the lock.
     std::function<void()> on_settled_;
 };
 

@@ -23,7 +23,7 @@ namespace {
  * that the completion releases. Caller holds g_life shared.
  */
 OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, UINT_T to_lmt_s,
-                           MQ_PUB_ASYNC_IFM_CB cb, void *prv_data, RFC_DATA_S *block)
+                           MQ_PUB_ASYNC_IFM_CB cb, void *prv_data, RFC_DATA_S *block) SF_REQUIRES_SHARED(g_life)
 {
     if (!g_connected) {
         return MQC_RC_NOT_CONNECTED;
@@ -72,7 +72,7 @@ OPERATE_RET publish_block(RFC_DATA_S *rfc_data, UINT_T pro, UINT_T to_lmt_s, MQ_
         CH_LOG_ERR("%s: no message block", caller);
         return RC_BAD_PARAM;
     }
-    std::shared_lock<std::shared_mutex> life(g_life);
+    posix_sync::ReaderGuard life(g_life);
     if (g_client == nullptr || g_stopping) {
         return MQC_RC_NOT_CONNECTED;
     }
@@ -108,7 +108,7 @@ extern "C" OPERATE_RET mqc_prot_data_rept_seq(UINT_T pro, const CHAR_T *data, BY
         CH_LOG_ERR("mqc_prot_data_rept_seq: bad parameter (pro %u, qos %u)", pro, qos);
         return RC_BAD_PARAM;
     }
-    std::shared_lock<std::shared_mutex> life(g_life);
+    posix_sync::ReaderGuard life(g_life);
     if (g_client == nullptr || g_stopping) {
         return MQC_RC_NOT_CONNECTED;
     }

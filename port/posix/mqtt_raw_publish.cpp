@@ -7,7 +7,7 @@ namespace sf_mqtt {
 
 OPERATE_RET publish_raw(const char *leaf, const std::string &payload, int qos, bool retain)
 {
-    std::shared_lock<std::shared_mutex> life(g_life);
+    posix_sync::ReaderGuard life(g_life);
     if (g_client == nullptr || g_stopping || !g_connected) {
         return MQC_RC_NOT_CONNECTED;
     }

@@ -27,7 +27,7 @@ extern "C" OPERATE_RET cmmod_get_free_msgid(MSG_ID *mid)
         return RC_BAD_PARAM;
     }
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     for (unsigned tries = 0; tries < NO_MSG_ID; ++tries) {
         const MSG_ID candidate = d.next_id;
         d.next_id = static_cast<MSG_ID>(candidate + 1 == NO_MSG_ID ? 0 : candidate + 1);
@@ -46,7 +46,7 @@ extern "C" OPERATE_RET cmmod_reg_msgcb(MSG_ID mid, MSG_CALLBACK cb)
         return RC_BAD_PARAM;
     }
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     if (d.allocated_ids.count(mid) == 0) {
         return RC_BAD_PARAM;
     }
@@ -59,7 +59,7 @@ extern "C" void cmmod_unreg_msgcb(MSG_ID mid)
     Dispatch &d = posix_rt::dispatch();
     std::deque<posix_rt::QueuedMessage> dropped;
     {
-        std::lock_guard<std::mutex> guard(d.lock);
+        posix_sync::Guard guard(d.lock);
         d.handlers.erase(mid);
         d.allocated_ids.erase(mid);
         for (auto it = d.queue.begin(); it != d.queue.end();) {
@@ -84,18 +84,18 @@ namespace {
 thread_local const std::atomic<bool> *t_post_abort = nullptr;
 
 /*
- * Wait, lock held, until the queue has room, the dispatch stops or the
- * caller's abort flag is set; false when it did not get room. The
- * dispatch thread never waits (it would wait for itself).
+ * Wait until the queue has room, the dispatch stops or the caller's abort
+ * flag is set; false when it did not get room. The dispatch thread never
+ * waits (it would wait for itself).
  */
-bool wait_for_room(Dispatch &d, std::unique_lock<std::mutex> &held)
+bool wait_for_room(Dispatch &d) SF_REQUIRES(d.lock)
 {
     if (d.queue.size() < d.limit || on_dispatch_thread(d)) {
         return true;
     }
     const std::atomic<bool> *abort = t_post_abort;
     ++d.waiting;
-    d.room.wait(held, [&d, abort] {
+    d.room.wait(d.lock, [&d, abort]() SF_REQUIRES(d.lock) {
         return d.queue.size() < d.limit || d.state != RunState::Running || (abort != nullptr && abort->load());
     });
     --d.waiting;
@@ -109,7 +109,7 @@ void set_post_abort(const std::atomic<bool> *abort) { t_post_abort = abort; }
 void wake_room_waiters()
 {
     Dispatch &d = dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     d.room.notify_all();
 }
 
@@ -139,10 +139,10 @@ extern "C" OPERATE_RET cmmod_post_msg_malloc(MSG_ID mid, void *data, MSG_DATA_LE
     Dispatch &d = posix_rt::dispatch();
     OPERATE_RET result = RC_OK;
     {
-        std::unique_lock<std::mutex> held(d.lock);
+        posix_sync::Guard held(d.lock);
         if (d.handlers.count(mid) == 0) {
             result = RC_BAD_PARAM;
-        } else if (d.state != RunState::Running || !posix_rt::wait_for_room(d, held)) {
+        } else if (d.state != RunState::Running || !posix_rt::wait_for_room(d)) {
             result = RC_FAIL;
         } else if (d.handlers.count(mid) == 0) {
             result = RC_BAD_PARAM; /* unregistered while waiting */
@@ -165,7 +165,7 @@ extern "C" void cmmod_get_queue_stat(CMMOD_QUEUE_STAT_S *stat)
         return;
     }
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     stat->depth = static_cast<UINT_T>(d.queue.size());
     stat->peak = static_cast<UINT_T>(d.peak);
     stat->limit = static_cast<UINT_T>(d.limit);

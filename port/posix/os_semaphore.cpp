@@ -7,19 +7,20 @@
 
 #include <cerrno>
 #include <climits>
-#include <mutex>
 #include <new>
 
 #include "../../services/uni_semaphore.h"
+#include "annotated_lock.h"
 
 namespace {
 
 struct Semaphore {
     sem_t sem;
-    UINT_T max_count;
+    UINT_T max_count; /* set at creation, read-only afterwards */
     /* Serialises posts, so that "below the ceiling" still holds when the
-     * count is raised; waits only lower the count and need no such lock. */
-    std::mutex post_lock;
+     * count is raised; waits only lower the count and need no such lock.
+     * It guards no field: sem's count is the semaphore's own. */
+    posix_sync::Mutex post_lock;
 };
 
 Semaphore *as_semaphore(SEM_HANDLE handle)
@@ -65,7 +66,7 @@ extern "C" void PostSemaphore(SEM_HANDLE handle)
         return;
     }
     Semaphore *sem = as_semaphore(handle);
-    std::lock_guard<std::mutex> guard(sem->post_lock);
+    posix_sync::Guard guard(sem->post_lock);
     int value = 0;
     sem_getvalue(&sem->sem, &value);
     /* POSIX lets sem_getvalue report waiters as a negative value: that is

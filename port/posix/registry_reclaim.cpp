@@ -56,7 +56,7 @@ TM_MSG_S *probe()
 bool dispatch_stopped()
 {
     posix_rt::Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     return d.state == posix_rt::RunState::Stopped;
 }
 

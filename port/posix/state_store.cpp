@@ -5,10 +5,10 @@
 #include "state_store.h"
 
 #include <memory>
-#include <mutex>
 #include <set>
 #include <vector>
 
+#include "annotated_lock.h"
 #include "state_log.h"
 #include "state_rows.h"
 #include "state_writer.h"
@@ -17,9 +17,9 @@ namespace sf_state {
 
 namespace {
 
-std::mutex g_life; /* start, stop and the restored set */
-std::unique_ptr<Writer> g_writer;
-std::set<Key> g_restored;
+posix_sync::Mutex g_life; /* start, stop and the restored set */
+std::unique_ptr<Writer> g_writer SF_GUARDED_BY(g_life);
+std::set<Key> g_restored SF_GUARDED_BY(g_life);
 
 void log_restore(const Db &db, const Restored &restored)
 {
@@ -40,7 +40,7 @@ void log_restore(const Db &db, const Restored &restored)
 
 bool start(const Settings &settings)
 {
-    std::lock_guard<std::mutex> life(g_life);
+    posix_sync::Guard life(g_life);
     if (g_writer) {
         return false;
     }
@@ -70,7 +70,7 @@ void stop()
 {
     std::unique_ptr<Writer> writer;
     {
-        std::lock_guard<std::mutex> life(g_life);
+        posix_sync::Guard life(g_life);
         writer = std::move(g_writer);
     }
     if (writer) {
@@ -80,25 +80,25 @@ void stop()
 
 bool running()
 {
-    std::lock_guard<std::mutex> life(g_life);
+    posix_sync::Guard life(g_life);
     return g_writer != nullptr;
 }
 
 bool restored(const std::string &dev, int dpid)
 {
-    std::lock_guard<std::mutex> life(g_life);
+    posix_sync::Guard life(g_life);
     return g_restored.count(Key(dev, dpid)) != 0;
 }
 
 unsigned long passes()
 {
-    std::lock_guard<std::mutex> life(g_life);
+    posix_sync::Guard life(g_life);
     return g_writer ? g_writer->passes() : 0;
 }
 
 int exec_for_test(const std::string &sql)
 {
-    std::lock_guard<std::mutex> life(g_life);
+    posix_sync::Guard life(g_life);
     return g_writer ? g_writer->exec(sql) : -1;
 }
 

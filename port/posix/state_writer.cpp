@@ -14,8 +14,8 @@ namespace sf_state {
 namespace {
 
 std::atomic<bool> g_marking{false};
-std::mutex g_marks_mutex; /* a leaf lock: nothing is called while it is held */
-Marks g_marks;
+posix_sync::Mutex g_marks_mutex; /* a leaf lock: nothing is called while it is held */
+Marks g_marks SF_GUARDED_BY(g_marks_mutex);
 
 long long now_ms()
 {
@@ -23,17 +23,20 @@ long long now_ms()
         .count();
 }
 
-Marks take_marks()
+Marks take_marks() SF_EXCLUDES(g_marks_mutex)
 {
     Marks taken;
-    std::lock_guard<std::mutex> hold(g_marks_mutex);
+    posix_sync::Guard hold(g_marks_mutex);
     taken.swap(g_marks);
     return taken;
 }
 
 } // namespace
 
-Writer::Writer(std::unique_ptr<Db> db, std::chrono::milliseconds interval) : db_(std::move(db)), interval_(interval) {}
+Writer::Writer(std::unique_ptr<Db> db, std::chrono::milliseconds interval)
+    : path_(db->path()), db_(std::move(db)), interval_(interval)
+{
+}
 
 Writer::~Writer() { stop(); }
 
@@ -55,7 +58,7 @@ void Writer::stop()
         return;
     }
     {
-        std::lock_guard<std::mutex> hold(wait_mutex_);
+        posix_sync::Guard hold(wait_mutex_);
         stopping_ = true;
     }
     wake_.notify_all();
@@ -65,22 +68,22 @@ void Writer::stop()
     pass(true);
     if (!pending_.empty()) {
         ST_LOG_ERR("state: %zu changed values could not be written to %s before the stop", pending_.size(),
-                   db_->path().c_str());
+                   path_.c_str());
     }
-    std::lock_guard<std::mutex> hold(db_mutex_);
+    posix_sync::Guard hold(db_mutex_);
     db_->close();
 }
 
 int Writer::exec(const std::string &sql)
 {
-    std::lock_guard<std::mutex> hold(db_mutex_);
+    posix_sync::Guard hold(db_mutex_);
     return db_->is_open() ? db_->exec(sql) : -1;
 }
 
 void Writer::run()
 {
-    std::unique_lock<std::mutex> hold(wait_mutex_);
-    while (!wake_.wait_for(hold, interval_, [this] { return stopping_; })) {
+    posix_sync::Guard hold(wait_mutex_);
+    while (!wake_.wait_for(wait_mutex_, interval_, [this]() SF_REQUIRES(wait_mutex_) { return stopping_; })) {
         hold.unlock();
         pass(false);
         hold.lock();
@@ -122,19 +125,19 @@ void Writer::write_pending()
     std::string why;
     int rc;
     {
-        std::lock_guard<std::mutex> hold(db_mutex_);
+        posix_sync::Guard hold(db_mutex_);
         rc = db_->write(rows, {}, &why);
     }
     if (rc != 0) {
         if (!failing_) {
             ST_LOG_ERR("state: writing %s failed (%s): the values stay in memory, retried every %lld ms",
-                       db_->path().c_str(), why.c_str(), static_cast<long long>(interval_.count()));
+                       path_.c_str(), why.c_str(), static_cast<long long>(interval_.count()));
             failing_ = true;
         }
         return;
     }
     if (failing_) {
-        ST_LOG_NOTICE("state: writing %s works again (%zu values written)", db_->path().c_str(), rows.size());
+        ST_LOG_NOTICE("state: writing %s works again (%zu values written)", path_.c_str(), rows.size());
         failing_ = false;
     }
     for (auto &entry : pending_) {
@@ -150,6 +153,6 @@ extern "C" void sf_state_touch(const DEV_CNTL_N_S *node)
     if (node == nullptr || !sf_state::g_marking.load(std::memory_order_relaxed)) {
         return;
     }
-    std::lock_guard<std::mutex> hold(sf_state::g_marks_mutex);
+    posix_sync::Guard hold(sf_state::g_marks_mutex);
     sf_state::g_marks.insert(node);
 }

@@ -11,12 +11,12 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <memory>
-#include <mutex>
+#include <string>
 #include <thread>
 
+#include "annotated_lock.h"
 #include "state_db.h"
 #include "state_rows.h"
 
@@ -35,24 +35,26 @@ public:
     void stop();
 
     unsigned long passes() const { return passes_.load(); }
-    int exec(const std::string &sql);
+    int exec(const std::string &sql) SF_EXCLUDES(db_mutex_);
 
 private:
-    void run();
-    void pass(bool everything);
-    void write_pending();
+    void run() SF_EXCLUDES(wait_mutex_);
+    void pass(bool everything) SF_EXCLUDES(db_mutex_);
+    void write_pending() SF_EXCLUDES(db_mutex_);
 
-    std::unique_ptr<Db> db_;
-    std::mutex db_mutex_; /* the connection: a pass against exec() */
+    const std::string path_; /* the file's, for the logs: fixed once it is open */
+    posix_sync::Mutex db_mutex_; /* the connection: a pass against exec() */
+    const std::unique_ptr<Db> db_ SF_PT_GUARDED_BY(db_mutex_);
     const std::chrono::milliseconds interval_;
-    std::map<Key, Row> written_; /* writer thread only */
-    std::map<Key, Row> pending_; /* changed, not written yet; writer thread only */
+    // The writer thread's own, and stop()'s once it has joined the thread: no lock.
+    std::map<Key, Row> written_;
+    std::map<Key, Row> pending_; /* changed, not written yet */
     Marks previous_;
     bool failing_ = false;
 
-    std::mutex wait_mutex_;
-    std::condition_variable wake_;
-    bool stopping_ = false;
+    posix_sync::Mutex wait_mutex_;
+    posix_sync::CondVar wake_;
+    bool stopping_ SF_GUARDED_BY(wait_mutex_) = false;
     std::atomic<unsigned long> passes_{0};
     std::thread thread_;
 };

@@ -18,7 +18,7 @@ using posix_rt::TimedMessage;
 extern "C" OPERATE_RET system_timer_init(void)
 {
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     d.timer_service_up = true;
     return RC_OK;
 }
@@ -34,7 +34,7 @@ extern "C" OPERATE_RET cmmod_cr_tm_msg_hand(TM_MSG_CB cb, void *data, TM_MSG_S *
         return RC_NO_MEMORY;
     }
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     timer->pub.timer = d.next_timer_id++;
     timer->pub.msgQueHandle = &d;
     timer->pub.cb = cb;
@@ -59,7 +59,7 @@ extern "C" OPERATE_RET cmmod_start_tm_msg(TM_MSG_S *tm_msg, TIME_MS period_ms, T
     }
     TimedMessage *timer = reinterpret_cast<TimedMessage *>(tm_msg);
     Dispatch &d = posix_rt::dispatch();
-    std::lock_guard<std::mutex> guard(d.lock);
+    posix_sync::Guard guard(d.lock);
     if (d.timers.count(timer) == 0) {
         return RC_BAD_PARAM;
     }
@@ -78,7 +78,7 @@ extern "C" void cmmod_release_tm_msg(TM_MSG_S *tm_msg)
     }
     TimedMessage *timer = reinterpret_cast<TimedMessage *>(tm_msg);
     Dispatch &d = posix_rt::dispatch();
-    std::unique_lock<std::mutex> held(d.lock);
+    posix_sync::Guard held(d.lock);
     if (d.timers.erase(timer) == 0) {
         return; /* unknown or already released */
     }
@@ -89,6 +89,6 @@ extern "C" void cmmod_release_tm_msg(TM_MSG_S *tm_msg)
     }
     timer->released = true; /* the dispatcher frees it once the callback returns */
     if (!posix_rt::on_dispatch_thread(d)) {
-        d.settled.wait(held, [&d, timer] { return d.running_timer != timer; });
+        d.settled.wait(d.lock, [&d, timer]() SF_REQUIRES(d.lock) { return d.running_timer != timer; });
     }
 }
