@@ -54,13 +54,20 @@ DEV_CNTL_N_S *get_dev_cntl(const CHAR_T *id);
 /* The same lookup for a caller that already holds dev_mutex. */
 DEV_CNTL_N_S *get_dev_cntl_unlock(const CHAR_T *id);
 
-/* The gateway's own device node, or NULL. */
+/*
+ * The gateway's own device node, or NULL. It is no sub-device: it starts
+ * online, reported and never timing out (hb_timeout_time 0xFFFFFFFF), so
+ * presence batches and heartbeat passes leave it alone.
+ */
 DEV_CNTL_N_S *get_gw_dev_cntl(void);
 
 /* DP dpid of device id, or NULL. Takes no lock of the caller's. */
 DP_CNTL_S *get_dev_dp_cntl(const CHAR_T *id, BYTE_T dpid);
 
-/* GW_NW_NONE (0), GW_NW_LAN (1) or GW_NW_CLOUD (2). Any thread. */
+/*
+ * GW_NW_NONE (0), GW_NW_LAN (1) or GW_NW_CLOUD (2): starts at GW_NW_LAN,
+ * and is GW_NW_CLOUD exactly while the MQTT client is connected. Any thread.
+ */
 GW_BASE_NW_STAT_T get_gw_nw_status(void);
 
 /*

@@ -20,9 +20,9 @@ void load_gateway(const std::string &gw_id, const std::vector<std::string> &sub_
     }
 }
 
-bool gateway_node_is_a_plain_device()
+void set_cloud_connected(bool connected)
 {
-    return true;
+    fake::registry::set_nw_status(connected ? GW_NW_CLOUD : GW_NW_LAN);
 }
 
 void tear_down() {}

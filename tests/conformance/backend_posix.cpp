@@ -29,15 +29,16 @@ void load_gateway(const std::string &gw_id, const std::vector<std::string> &sub_
     }
 }
 
-bool gateway_node_is_a_plain_device()
+void set_cloud_connected(bool connected)
 {
-    return false;
+    gw_registry_set_nw_status(connected ? GW_NW_CLOUD : GW_NW_LAN);
 }
 
 void tear_down()
 {
     cmmod_stop();
     gw_registry::unload();
+    set_cloud_connected(false); /* as the MQTT client leaves it when it stops */
 }
 
 bool run_until(const std::function<bool()> &cond, uint64_t limit_ms)

@@ -1,7 +1,8 @@
 /*
  * The gateway registry's contract (cloud_defs/gw_intf.h), the same for
  * every backend: lookups, the gateway's own node, the DP tables, the list
- * as a walker without dev_mutex sees it, and membership updates.
+ * as a walker without dev_mutex sees it, the network state as the cloud
+ * connection comes and goes, and membership updates.
  */
 #include <gtest/gtest.h>
 
@@ -55,19 +56,12 @@ TEST_F(RegistryContract, TheGatewaysOwnNodeHeadsTheListAndIsFoundByTheGatewayId)
 /*
  * The gateway is no sub-device: presence batches and heartbeat passes must
  * leave it alone, so it starts online and reported and never times out.
- * The fakes differ, as documented in backend.h; both are pinned here.
  */
 TEST_F(RegistryContract, TheGatewaysOwnNodeStartsOnlineReportedAndNeverTimesOut)
 {
     const DEV_CNTL_N_S *own = get_gw_dev_cntl();
     ASSERT_NE(nullptr, own);
     EXPECT_EQ(TRUE, own->dev_if.bind);
-    if (conformance::gateway_node_is_a_plain_device()) {
-        EXPECT_EQ(DOS_OFFLINE, own->attr.stat) << conformance::backend_name();
-        EXPECT_EQ(DOSM_PENDING, own->attr.dosm) << conformance::backend_name();
-        EXPECT_EQ(0u, own->attr.hb_timeout_time) << conformance::backend_name();
-        return;
-    }
     EXPECT_EQ(DOS_ONLINE, own->attr.stat) << conformance::backend_name();
     EXPECT_EQ(DOSM_REPORTED, own->attr.dosm) << conformance::backend_name();
     EXPECT_EQ(0xFFFFFFFFu, own->attr.hb_timeout_time) << conformance::backend_name();
@@ -113,10 +107,21 @@ TEST_F(RegistryContract, DpTablesHoldTheSchemaWithoutAValue)
     EXPECT_EQ(nullptr, get_dev_dp_cntl("sub03", 1));
 }
 
-TEST_F(RegistryContract, TheNetworkStateIsOneOfTheThreeStates)
+/* The host has a network, but the cloud counts as reachable only once the MQTT client is connected. */
+TEST_F(RegistryContract, TheNetworkStartsAtLanUntilTheCloudConnectionComesUp)
 {
-    const GW_BASE_NW_STAT_T status = get_gw_nw_status();
-    EXPECT_LE(status, GW_NW_CLOUD);
+    EXPECT_EQ(GW_NW_LAN, get_gw_nw_status()) << conformance::backend_name();
+}
+
+TEST_F(RegistryContract, TheNetworkIsTheCloudExactlyWhileConnected)
+{
+    conformance::set_cloud_connected(true);
+    EXPECT_EQ(GW_NW_CLOUD, get_gw_nw_status()) << conformance::backend_name();
+    conformance::set_cloud_connected(false);
+    EXPECT_LT(get_gw_nw_status(), GW_NW_CLOUD) << conformance::backend_name();
+    EXPECT_NE(GW_NW_NONE, get_gw_nw_status()) << conformance::backend_name(); /* the host's network stays */
+    conformance::set_cloud_connected(true);
+    EXPECT_EQ(GW_NW_CLOUD, get_gw_nw_status()) << conformance::backend_name();
 }
 
 TEST_F(RegistryContract, GroupAndSceneUpdatesOfAKnownDeviceSucceed)
@@ -125,6 +130,69 @@ TEST_F(RegistryContract, GroupAndSceneUpdatesOfAKnownDeviceSucceed)
     EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_ADD, "sub01", "5", "01"));
     EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_DEL, "sub01", "5", "01"));
     EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_DEL, "sub01", "5"));
+}
+
+TEST_F(RegistryContract, MembershipsAreKeptInTheDevicesTablesInOrder)
+{
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "5"));
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "12345"));
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "7"));
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "5")); /* already a member */
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_DEL, "sub01", "12345"));
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_DEL, "sub01", "9")); /* never was one */
+    EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_ADD, "sub01", "5", "01"));
+    EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_ADD, "sub01", "6", "01"));
+    EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_DEL, "sub01", "5", "01"));
+
+    const DEV_CNTL_N_S *sub = get_dev_cntl("sub01");
+    ASSERT_EQ(2, sub->attr.grp->cnt) << conformance::backend_name();
+    EXPECT_STREQ("5", sub->attr.grp->g_rec[0].gid);
+    EXPECT_STREQ("7", sub->attr.grp->g_rec[1].gid);
+    ASSERT_EQ(1, sub->attr.scene->cnt) << conformance::backend_name();
+    EXPECT_STREQ("01", sub->attr.scene->s_rec[0].s_id);
+    EXPECT_STREQ("6", sub->attr.scene->s_rec[0].g_id);
+    EXPECT_EQ(0, get_dev_cntl("sub02")->attr.grp->cnt);
+}
+
+TEST_F(RegistryContract, UpdatesOfADeviceTheRegistryDoesNotHoldAreRefused)
+{
+    EXPECT_EQ(RC_DEV_NOT_FOUND, dev_update_grp_info(GRP_ADD, "sub03", "5")) << conformance::backend_name();
+    EXPECT_EQ(RC_DEV_NOT_FOUND, dev_update_grp_info(GRP_DEL, "sub03", "5")) << conformance::backend_name();
+    EXPECT_EQ(RC_DEV_NOT_FOUND, dev_update_scene_info(SCE_ADD, "sub03", "5", "01")) << conformance::backend_name();
+    EXPECT_EQ(RC_DEV_NOT_FOUND, dev_update_scene_info(SCE_DEL, "sub03", "5", "01")) << conformance::backend_name();
+}
+
+TEST_F(RegistryContract, UpdatesWithAnUnknownActionOrAnIdOfTheWrongLengthAreRefused)
+{
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_grp_info(2, "sub01", "5"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_grp_info(GRP_ADD, nullptr, "5"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_grp_info(GRP_ADD, "sub01", nullptr));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_grp_info(GRP_ADD, "sub01", ""));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_grp_info(GRP_ADD, "sub01", "123456"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_scene_info(SCE_EXEC, "sub01", "5", "01"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_scene_info(SCE_ADD, "sub01", "5", "0123"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_scene_info(SCE_ADD, "sub01", "123456", "01"));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_scene_info(SCE_ADD, "sub01", "5", nullptr));
+    EXPECT_EQ(RC_BAD_PARAM, dev_update_scene_info(SCE_ADD, nullptr, "5", "01"));
+    EXPECT_EQ(0, get_dev_cntl("sub01")->attr.grp->cnt) << conformance::backend_name();
+    EXPECT_EQ(0, get_dev_cntl("sub01")->attr.scene->cnt) << conformance::backend_name();
+}
+
+TEST_F(RegistryContract, AFullTableRefusesANewMemberButNotAnExistingOne)
+{
+    for (int i = 0; i < GRP_SCENE_MAX; ++i) {
+        const std::string id = std::to_string(i);
+        ASSERT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", id.c_str())) << i;
+        ASSERT_EQ(RC_OK, dev_update_scene_info(SCE_ADD, "sub02", "1", id.c_str())) << i;
+    }
+    EXPECT_EQ(RC_MEMBERSHIP_FULL, dev_update_grp_info(GRP_ADD, "sub01", "99")) << conformance::backend_name();
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "7"));
+    EXPECT_EQ(RC_MEMBERSHIP_FULL, dev_update_scene_info(SCE_ADD, "sub02", "2", "0")) << conformance::backend_name();
+    EXPECT_EQ(RC_OK, dev_update_scene_info(SCE_ADD, "sub02", "1", "7"));
+    /* a removal makes room again */
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_DEL, "sub01", "0"));
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "sub01", "99"));
+    EXPECT_EQ(GRP_SCENE_MAX, get_dev_cntl("sub01")->attr.grp->cnt);
 }
 
 } // namespace

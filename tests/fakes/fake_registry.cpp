@@ -3,6 +3,7 @@
  * are allocated outside Malloc: they are the registry's, not the module's,
  * and must not show up in the module's leak check.
  */
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -17,7 +18,7 @@ struct RegistryState {
     bool has_gw = false;
     DEV_CNTL_N_S *gw_node = nullptr;
     std::vector<DEV_CNTL_N_S *> nodes;
-    GW_BASE_NW_STAT_T nw = GW_NW_CLOUD;
+    GW_BASE_NW_STAT_T nw = GW_NW_LAN;
     std::deque<GW_BASE_NW_STAT_T> nw_once;
     int nw_calls = 0;
     int dev_calls = 0;
@@ -73,6 +74,18 @@ DEV_CNTL_N_S *make_node(const std::string &id, const std::vector<fake::registry:
     return node;
 }
 
+/*
+ * The gateway's own node is no sub-device: like the real registry, it
+ * starts online and reported and never times out, so presence batches and
+ * heartbeat passes leave it alone.
+ */
+void mark_as_gateway(DEV_CNTL_N_S *node)
+{
+    node->attr.stat = DOS_ONLINE;
+    node->attr.dosm = DOSM_REPORTED;
+    node->attr.hb_timeout_time = 0xFFFFFFFFu;
+}
+
 void relink()
 {
     RegistryState &s = state();
@@ -98,14 +111,60 @@ DEV_CNTL_N_S *lookup(const CHAR_T *id)
     return nullptr;
 }
 
-OPERATE_RET next_result(std::deque<OPERATE_RET> &results)
+/* A group or scene id of 1 to max_len characters. */
+bool fits(const CHAR_T *id, size_t max_len)
 {
-    if (results.empty()) {
+    return id != nullptr && id[0] != '\0' && std::strlen(id) <= max_len;
+}
+
+/*
+ * How a membership update is answered: by the oldest result the test
+ * queued, if any, in place of the registry's own work; otherwise as the
+ * real registry answers, RC_BAD_PARAM for arguments it refuses (valid
+ * false), RC_DEV_NOT_FOUND for a device it does not hold, else what
+ * update makes of the device's node.
+ */
+template <typename Update>
+OPERATE_RET answer_update(std::deque<OPERATE_RET> &queued, bool valid, const CHAR_T *dev_id, Update update)
+{
+    if (!queued.empty()) {
+        const OPERATE_RET code = queued.front();
+        queued.pop_front();
+        return code;
+    }
+    if (!valid) {
+        return RC_BAD_PARAM;
+    }
+    DEV_CNTL_N_S *node = lookup(dev_id);
+    return node != nullptr ? update(node) : RC_DEV_NOT_FOUND;
+}
+
+/*
+ * One group or scene table as the real registry keeps it: an addition of
+ * a member already there and a removal of one that is not both succeed,
+ * so a repeated command answers as the first did; a full table refuses an
+ * addition with RC_MEMBERSHIP_FULL; a removal closes the gap.
+ */
+template <typename Record, typename Same>
+OPERATE_RET update_members(Record (&records)[GRP_SCENE_MAX], BYTE_T &cnt, bool add, const Record &member, Same same)
+{
+    Record *const end = records + cnt;
+    Record *const at = std::find_if(records, end, [&](const Record &record) { return same(record, member); });
+    if (!add) {
+        if (at != end) {
+            std::copy(at + 1, end, at);
+            records[--cnt] = Record{};
+        }
         return RC_OK;
     }
-    const OPERATE_RET code = results.front();
-    results.pop_front();
-    return code;
+    if (at != end) {
+        return RC_OK;
+    }
+    if (cnt >= GRP_SCENE_MAX) {
+        return RC_MEMBERSHIP_FULL;
+    }
+    records[cnt++] = member;
+    return RC_OK;
 }
 
 fake::registry::DpSpec obj_dp(BYTE_T id, DP_PROP_TP_E prop_tp)
@@ -178,7 +237,13 @@ extern "C" OPERATE_RET dev_update_grp_info(GRP_ACTION_E action, const CHAR_T *de
 {
     std::lock_guard<std::recursive_mutex> guard(fake::detail::records_lock());
     state().grp_updates.push_back({action, dev_id != nullptr ? dev_id : "", grp_id != nullptr ? grp_id : ""});
-    return next_result(state().grp_results);
+    const bool valid = (action == GRP_ADD || action == GRP_DEL) && dev_id != nullptr && fits(grp_id, GRP_ID_LEN);
+    return answer_update(state().grp_results, valid, dev_id, [action, grp_id](DEV_CNTL_N_S *node) {
+        GRP_REC_S member{};
+        std::strncpy(member.gid, grp_id, GRP_ID_LEN);
+        return update_members(node->attr.grp->g_rec, node->attr.grp->cnt, action == GRP_ADD, member,
+                              [](const GRP_REC_S &a, const GRP_REC_S &b) { return std::strcmp(a.gid, b.gid) == 0; });
+    });
 }
 
 extern "C" OPERATE_RET dev_update_scene_info(SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id,
@@ -187,7 +252,17 @@ extern "C" OPERATE_RET dev_update_scene_info(SCE_ACTION_E action, const CHAR_T *
     std::lock_guard<std::recursive_mutex> guard(fake::detail::records_lock());
     state().scene_updates.push_back({action, dev_id != nullptr ? dev_id : "", grp_id != nullptr ? grp_id : "",
                                      sce_id != nullptr ? sce_id : ""});
-    return next_result(state().scene_results);
+    const bool valid = (action == SCE_ADD || action == SCE_DEL) && dev_id != nullptr && fits(grp_id, GRP_ID_LEN) &&
+                       fits(sce_id, SCENE_ID_LEN);
+    return answer_update(state().scene_results, valid, dev_id, [action, grp_id, sce_id](DEV_CNTL_N_S *node) {
+        SCENE_REC_S member{};
+        std::strncpy(member.s_id, sce_id, SCENE_ID_LEN);
+        std::strncpy(member.g_id, grp_id, GRP_ID_LEN);
+        return update_members(node->attr.scene->s_rec, node->attr.scene->cnt, action == SCE_ADD, member,
+                              [](const SCENE_REC_S &a, const SCENE_REC_S &b) {
+                                  return std::strcmp(a.s_id, b.s_id) == 0 && std::strcmp(a.g_id, b.g_id) == 0;
+                              });
+    });
 }
 
 namespace fake {
@@ -257,10 +332,23 @@ DEV_CNTL_N_S *set_gateway(const std::string &gw_id, const std::vector<DpSpec> &d
     s.gw_node = nullptr;
     if (own_node) {
         s.gw_node = make_node(gw_id, dps, true);
+        mark_as_gateway(s.gw_node);
         s.nodes.push_back(s.gw_node);
     }
     relink();
     return s.gw_node;
+}
+
+DEV_CNTL_N_S *gateway_node_as_sub_device()
+{
+    DEV_CNTL_N_S *node = state().gw_node;
+    if (node == nullptr) {
+        return nullptr; /* a gateway set without its own node */
+    }
+    node->attr.stat = DOS_OFFLINE;
+    node->attr.dosm = DOSM_PENDING;
+    node->attr.hb_timeout_time = 0;
+    return node;
 }
 
 DEV_CNTL_N_S *add_device(const std::string &id, const std::vector<DpSpec> &dps, bool bind)
@@ -269,6 +357,13 @@ DEV_CNTL_N_S *add_device(const std::string &id, const std::vector<DpSpec> &dps, 
     state().nodes.push_back(node);
     relink();
     return node;
+}
+
+void add_devices(const std::vector<std::string> &ids)
+{
+    for (const std::string &id : ids) {
+        add_device(id, {});
+    }
 }
 
 DEV_CNTL_N_S *device(const std::string &id)

@@ -276,15 +276,27 @@ DpSpec dp_file(BYTE_T id);
  * Make the gateway record with id gw_id (its dev_mutex, empty callbacks).
  * With own_node, the gateway's own device node (bound, with dps) heads the
  * list and get_gw_dev_cntl returns it; otherwise get_gw_dev_cntl returns NULL.
+ * The own node starts as the real registry starts it: online, reported and
+ * never timing out (hb_timeout_time 0xFFFFFFFF), so presence batches and
+ * heartbeat passes leave it alone.
  */
 DEV_CNTL_N_S *set_gateway(const std::string &gw_id, const std::vector<DpSpec> &dps = {}, bool own_node = true);
+/*
+ * Give the gateway's own node the presence state a sub-device starts with
+ * (offline, pending, no heartbeat time-out): for a test of what the module
+ * does with the own node when it finds it in that state. Returns the node.
+ */
+DEV_CNTL_N_S *gateway_node_as_sub_device();
 /* Append a sub-device (grp and scene tables allocated). */
 DEV_CNTL_N_S *add_device(const std::string &id, const std::vector<DpSpec> &dps, bool bind = true);
+/* Append bound sub-devices without DPs, e.g. the members a group or scene command names. */
+void add_devices(const std::vector<std::string> &ids);
 DEV_CNTL_N_S *device(const std::string &id);
 DP_CNTL_S *dp(const std::string &dev_id, BYTE_T dpid);
 GW_CNTL_S *gw();
 
-void set_nw_status(GW_BASE_NW_STAT_T status); /* default GW_NW_CLOUD */
+/* Default GW_NW_LAN, as the real registry starts before the MQTT client connects. */
+void set_nw_status(GW_BASE_NW_STAT_T status);
 void push_nw_status(GW_BASE_NW_STAT_T status); /* one-shot answers of the next calls, before the default */
 int nw_status_calls();
 int get_dev_cntl_calls();
@@ -306,9 +318,17 @@ struct SceneUpdate {
     std::string grp_id;
     std::string sce_id;
 };
+/*
+ * Every dev_update_grp_info and dev_update_scene_info call is recorded.
+ * Each answers as the real registry does: RC_BAD_PARAM for an unknown
+ * action or an id of the wrong length, RC_DEV_NOT_FOUND for a device the
+ * registry does not hold, RC_MEMBERSHIP_FULL for an addition to a full
+ * table (GRP_SCENE_MAX members), otherwise RC_OK with the device's table
+ * in attr.grp or attr.scene updated.
+ */
 const std::vector<GrpUpdate> &grp_updates();
 const std::vector<SceneUpdate> &scene_updates();
-/* One-shot results of the next updates, in order (default RC_OK). */
+/* One-shot results of the next updates, in order: each answers in place of the registry, which changes nothing. */
 void push_grp_result(OPERATE_RET code);
 void push_scene_result(OPERATE_RET code);
 } // namespace registry

@@ -25,13 +25,18 @@ inline void expect_clean()
 
 } // namespace fake
 
-/* Fakes reset, a gateway "gw0001" without DPs, module not started. */
+/*
+ * Fakes reset, a gateway "gw0001" without DPs, connected to the cloud
+ * (the registry starts at GW_NW_LAN, as the real one does before the MQTT
+ * client connects), module not started.
+ */
 class SfFakesTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
         fake::reset_all();
         fake::registry::set_gateway("gw0001");
+        fake::registry::set_nw_status(GW_NW_CLOUD);
     }
     void TearDown() override { fake::expect_clean(); }
 };

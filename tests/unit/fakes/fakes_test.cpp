@@ -148,4 +148,26 @@ TEST_F(Fakes, InterruptedSemaphoreWaitReportsEintr)
     EXPECT_EQ(0u, fake::sem::live());
 }
 
+TEST_F(Fakes, GatewayNodeCanBeGivenASubDevicesStartingPresence)
+{
+    DEV_CNTL_N_S *own = fake::registry::gateway_node_as_sub_device();
+    ASSERT_EQ(get_gw_dev_cntl(), own);
+    EXPECT_EQ(DOS_OFFLINE, own->attr.stat);
+    EXPECT_EQ(DOSM_PENDING, own->attr.dosm);
+    EXPECT_EQ(0u, own->attr.hb_timeout_time);
+    fake::registry::set_gateway("gw0001", {}, false);
+    EXPECT_EQ(nullptr, fake::registry::gateway_node_as_sub_device());
+}
+
+TEST_F(Fakes, QueuedMembershipResultAnswersInPlaceOfTheRegistry)
+{
+    fake::registry::push_grp_result(RC_OK);
+    fake::registry::push_scene_result(RC_MEMBERSHIP_FULL);
+    EXPECT_EQ(RC_OK, dev_update_grp_info(GRP_ADD, "nobody", "5"));
+    EXPECT_EQ(RC_MEMBERSHIP_FULL, dev_update_scene_info(SCE_ADD, "gw0001", "5", "01"));
+    EXPECT_EQ(RC_DEV_NOT_FOUND, dev_update_grp_info(GRP_ADD, "nobody", "5")); /* one-shot */
+    EXPECT_EQ(0, get_gw_dev_cntl()->attr.scene->cnt);
+    EXPECT_EQ(3u, fake::registry::grp_updates().size() + fake::registry::scene_updates().size());
+}
+
 } // namespace

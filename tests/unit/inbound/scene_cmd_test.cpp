@@ -32,6 +32,13 @@ std::string answer(int action, const std::vector<std::string> &done, const std::
 
 class SceneCmd : public MemberOperTest {
 protected:
+    void SetUp() override
+    {
+        MemberOperTest::SetUp();
+        /* the registry keeps the tables of the sub-devices the commands name */
+        fake::registry::add_devices({"a", "b", "c", "d", "e", "f", "g", "h"});
+    }
+
     std::string mqtt_answer() const { return MemberOperTest::mqtt_answer(205); }
 
     /* Refused before any callback: logged, no answer on any channel. */
@@ -315,6 +322,7 @@ protected:
     void run_long(int n)
     {
         ids = make_ids(n, 25);
+        fake::registry::add_devices(ids);
         for (int i = 0; i < n; ++i) {
             rec().grp_results.push_back(i % 3 == 2 ? -1000 : 0);
         }
@@ -354,6 +362,7 @@ TEST_F(SceneCmdBound, TwoHundredFiftySixIdsFillTheTablesExactly)
 TEST_F(SceneCmdBound, TwoHundredFiftySixLongIdsThatAllSucceedAreAllListed)
 {
     ids = make_ids(256, 25);
+    fake::registry::add_devices(ids);
     run_scene(DP_CMD_MQ, command(1, ids));
     EXPECT_EQ(answer(1, ids, std::vector<OPERATE_RET>(256, 0)), mqtt_answer());
 }
@@ -369,6 +378,9 @@ TEST_F(SceneCmdBound, LongSceneAndGroupIdsFitTheAnswer)
 {
     const std::string sid(40, 's');
     const std::string gid(40, 'g');
+    /* ids this long are more than the registry's tables take: the answer text is what is tested here */
+    fake::registry::push_grp_result(RC_OK);
+    fake::registry::push_scene_result(RC_OK);
     run_scene(DP_CMD_MQ, "{\"action\":0,\"cids\":[\"a\"],\"sid\":\"" + sid + "\",\"gid\":\"" + gid + "\"}");
     EXPECT_EQ("{\"action\":0,\"cids\":[\"a\"],\"rets\":[0],\"sid\":\"" + sid + "\",\"gid\":\"" + gid + "\"}",
               mqtt_answer());

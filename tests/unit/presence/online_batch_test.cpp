@@ -254,6 +254,7 @@ TEST_F(OnlineBatch, OnlyOfflineChangesLeaveTheOnlineMemberOut)
 TEST_F(OnlineBatch, GatewayIdInAnyLetterCaseIsRefusedSilently)
 {
     set_gateway("gw0001");
+    gateway_node_as_sub_device(); /* offline: a refused call must leave it so */
     fake::log::clear();
     const int lookups = get_dev_cntl_calls();
     EXPECT_EQ(RC_FAIL, sf_dev_online_stat_update("gw0001", TRUE));
@@ -721,6 +722,7 @@ TEST_F(OnlineBatch, UpdatesFromManyThreadsDuringRunningBatchesAllReachTheCloud)
 TEST_F(OnlineBatch, GatewaysOwnNodeInTheListIsBatchedLikeAnyOther)
 {
     set_gateway("gw0001"); /* the registry lists the gateway's own node first */
+    gateway_node_as_sub_device(); /* the module takes no account of which node is the gateway's */
     add_device("a", {});
     sf_dev_online_stat_update("a", TRUE);
     fake::timers::advance(300);

@@ -74,6 +74,7 @@ TEST_F(SweepInbound, SceneCommandsSurviveEveryFailingAllocation)
             return fake::mqtt::prot_reports().size() == 1 && fake::mqtt::prot_reports()[0].text == answer;
         });
     };
+    fake::registry::add_devices({"a", "b"}); /* the registry keeps the tables of the members named */
     sweep_all({
         scene_path("scene command, adding", "{\"action\":0,\"cids\":[\"a\",\"b\"],\"sid\":\"01\",\"gid\":\"5\"}",
                    "{\"action\":0,\"cids\":[\"a\",\"b\"],\"rets\":[0,0],\"sid\":\"01\",\"gid\":\"5\"}"),

@@ -57,7 +57,11 @@ TEST_F(SweepTimed, PresenceBatchSurvivesEveryFailingAllocation)
 {
     Path p;
     p.name = "__tmm_dev_ol_sync_cb";
-    p.prepare = [] { ASSERT_EQ(RC_OK, sf_dev_online_stat_update(SUB_ID, TRUE)); };
+    p.prepare = [] {
+        /* both lists filled: the gateway's own node goes in as an offline one */
+        fake::registry::gateway_node_as_sub_device();
+        ASSERT_EQ(RC_OK, sf_dev_online_stat_update(SUB_ID, TRUE));
+    };
     p.run = fire(&sf_cntl.tmm_dev_ol_sync);
     p.allowed = {RC_OK};
     p.effect = [] {

@@ -134,6 +134,7 @@ TEST_F(CollaboratorFaults, RefusedMessagePostsLeaveTheTreeWithTheSender)
         f.expected = REFUSED;
         return f;
     };
+    fake::registry::add_devices({"a", "b"}); /* the registry keeps the tables of the scene members */
     expect_faults({
         refused_post(echo_path()),
         refused_post(group_path(DP_CMD_MQ)),
@@ -241,6 +242,7 @@ TEST_F(CollaboratorFaults, RefusedProtocolPublicationsAreLogged)
         f.outcome = std::move(outcome);
         return f;
     };
+    fake::registry::add_devices({"a", "b"}); /* the registry keeps the tables of the scene members */
     expect_faults({
         refused(group_path(DP_CMD_MQ),
                 [] { return logged(0, "__sf_gw_group_oper_cmd_cb", "report[1] fails -77"); }),
@@ -305,6 +307,7 @@ TEST_F(CollaboratorFaults, RefusedRegistryUpdatesBecomeSceneResults)
         };
         return f;
     };
+    fake::registry::add_devices({"a", "b"}); /* the registry keeps the tables of the scene members */
     expect_faults({
         registry_refuses("dev_update_grp_info refuses", [] { fake::registry::push_grp_result(REFUSED); },
                          "{\"action\":0,\"cids\":[\"b\"],\"rets\":[4,0],\"sid\":\"01\",\"gid\":\"5\"}"),
