@@ -103,9 +103,10 @@ void DeviceIndex::erase(const DEV_CNTL_N_S *node)
     --used_;
 }
 
+/* The table's memory goes too: an unloaded registry keeps no heap. */
 void DeviceIndex::clear()
 {
-    slots_.clear();
+    std::vector<Slot>().swap(slots_);
     used_ = 0;
 }
 

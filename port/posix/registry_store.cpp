@@ -429,7 +429,7 @@ void unload()
         }
         s.retired.clear();
         s.index.clear();
-        s.dp_names.clear();
+        decltype(s.dp_names)().swap(s.dp_names); /* its buckets too: an unloaded registry keeps no heap */
         s.gw.dev = nullptr;
         s.gw.dev_num = 0;
         std::memset(&s.gw.gw_if, 0, sizeof(s.gw.gw_if));
