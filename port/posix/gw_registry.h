@@ -25,9 +25,11 @@
  *   new successor, both alive.
  *
  * Locks: dev_mutex (GW_CNTL_S) guards the list and the DP tables, as the
- * smart frame expects; an internal leaf lock guards the id index, the
- * group and scene tables and the DP names. Loading, adding and removing take
- * dev_mutex, so they MUST NOT be called with dev_mutex held.
+ * smart frame expects; an internal leaf lock guards the group and scene
+ * tables and the DP names. The id index changes only with both held, so
+ * the lookups under dev_mutex (get_dev_cntl, get_dev_cntl_unlock) read it
+ * without the leaf lock. Loading, adding and removing take dev_mutex, so
+ * they MUST NOT be called with dev_mutex held.
  */
 #ifndef PORT_POSIX_GW_REGISTRY_H
 #define PORT_POSIX_GW_REGISTRY_H

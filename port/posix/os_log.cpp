@@ -60,17 +60,21 @@ int level_from_environment()
     return level >= 0 ? level : kDefaultLevel;
 }
 
-int current_level()
+/* The first call reads the environment; kept out of line so the usual call is a load. */
+__attribute__((noinline, cold)) int first_level()
 {
-    int level = g_level.load(std::memory_order_relaxed);
-    if (level == kLevelUnset) {
-        int expected = kLevelUnset;
-        level = level_from_environment();
-        if (!g_level.compare_exchange_strong(expected, level)) {
-            level = expected; /* set meanwhile by uni_log_set_level */
-        }
+    int expected = kLevelUnset;
+    const int level = level_from_environment();
+    if (!g_level.compare_exchange_strong(expected, level)) {
+        return expected; /* set meanwhile by uni_log_set_level */
     }
     return level;
+}
+
+int current_level()
+{
+    const int level = g_level.load(std::memory_order_relaxed);
+    return level != kLevelUnset ? level : first_level();
 }
 
 std::string vformat(const char *fmt, va_list args)
@@ -173,18 +177,18 @@ extern "C" int uni_log_get_level(void)
     return current_level();
 }
 
-extern "C" void PrintLog(INT_T, INT_T level, const CHAR_T *file, INT_T line, const CHAR_T *func, const CHAR_T *fmt,
-                         ...)
+namespace {
+
+/*
+ * A line that is shown: formatted and handed to the writer. Out of line,
+ * so that PrintLog for a level that is not shown (most calls: the module
+ * logs every step of a report at progress and detail level) is a level
+ * test without the frame this needs.
+ */
+__attribute__((noinline)) void print_line(INT_T level, const CHAR_T *file, INT_T line, const CHAR_T *func,
+                                          const CHAR_T *fmt, va_list args)
 {
-    t_last_line_shown = level <= current_level();
-    t_last_level = level;
-    if (!t_last_line_shown || fmt == nullptr) {
-        return;
-    }
-    va_list args;
-    va_start(args, fmt);
     const std::string message = vformat(fmt, args);
-    va_end(args);
     const char *tag = (level >= 0 && level < kLevelCount) ? kLevelTags[level] : "?";
     std::string out = sf_log::detail::time_prefix();
     out += tag;
@@ -198,6 +202,23 @@ extern "C" void PrintLog(INT_T, INT_T level, const CHAR_T *file, INT_T line, con
     out += message;
     out += '\n';
     t_last_line_shown = sf_log::detail::submit_line(level, {file, line, func}, out);
+}
+
+} // namespace
+
+extern "C" void PrintLog(INT_T, INT_T level, const CHAR_T *file, INT_T line, const CHAR_T *func, const CHAR_T *fmt,
+                         ...)
+{
+    const bool shown = level <= current_level();
+    t_last_line_shown = shown;
+    t_last_level = level;
+    if (!shown || fmt == nullptr) {
+        return;
+    }
+    va_list args;
+    va_start(args, fmt);
+    print_line(level, file, line, func, fmt, args);
+    va_end(args);
 }
 
 extern "C" void PrintLogRaw(const CHAR_T *fmt, ...)

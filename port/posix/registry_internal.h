@@ -19,6 +19,7 @@
 #include "annotated_lock.h"
 #include "gw_registry.h"
 #include "posix_tunables.h"
+#include "registry_index.h"
 
 namespace gw_registry {
 namespace detail {
@@ -83,7 +84,14 @@ struct Store {
     posix_sync::LockName dev_mutex_name;
     /* a leaf lock: nothing is called while it is held */
     posix_sync::Mutex index_lock;
-    std::unordered_map<std::string, DEV_CNTL_N_S *> index SF_GUARDED_BY(index_lock);
+    /*
+     * Written only with dev_mutex and index_lock both held (every mutation
+     * takes both), so holding either one is enough to read it: lookups made
+     * under dev_mutex (get_dev_cntl, get_dev_cntl_unlock) skip index_lock.
+     * The analysis knows one guard per member; find_under_dev_mutex is the
+     * read under the other.
+     */
+    DeviceIndex index SF_GUARDED_BY(index_lock);
     /* in DP table order */
     std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names SF_GUARDED_BY(index_lock);
     std::deque<Retired> retired SF_GUARDED_BY(index_lock);
@@ -108,6 +116,9 @@ void watch_dispatch();
 
 /* The node with this id, or nullptr. */
 DEV_CNTL_N_S *find_locked(Store &s, const char *id) SF_REQUIRES(s.index_lock);
+
+/* The same lookup for a caller holding dev_mutex instead (see Store::index). */
+DEV_CNTL_N_S *find_under_dev_mutex(Store &s, const char *id) SF_REQUIRES(s.dev_mutex_name);
 
 } // namespace detail
 } // namespace gw_registry

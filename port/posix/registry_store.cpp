@@ -30,11 +30,13 @@ Store &store()
 
 DEV_CNTL_N_S *find_locked(Store &s, const char *id)
 {
-    if (id == nullptr) {
-        return nullptr;
-    }
-    auto found = s.index.find(id);
-    return found != s.index.end() ? found->second : nullptr;
+    return s.index.find(id);
+}
+
+/* Mutations hold dev_mutex as well as index_lock, so dev_mutex alone orders this read after them. */
+DEV_CNTL_N_S *find_under_dev_mutex(Store &s, const char *id) SF_NO_THREAD_SAFETY_ANALYSIS
+{
+    return s.index.find(id);
 }
 
 namespace {
@@ -173,7 +175,7 @@ void link_node(Store &s, DEV_CNTL_N_S *node, std::vector<std::string> names)
     __atomic_store_n(slot, node, __ATOMIC_RELEASE);
     s.tail = node;
     ++s.gw.dev_num;
-    s.index[node->dev_if.id] = node;
+    s.index.insert(node);
     s.dp_names[node] = std::move(names);
 }
 
@@ -192,7 +194,7 @@ void retire_node(Store &s, DEV_CNTL_N_S *node) SF_REQUIRES(s.dev_mutex_name, s.i
         s.tail = prev;
     }
     --s.gw.dev_num;
-    s.index.erase(node->dev_if.id);
+    s.index.erase(node);
     s.retired.push_back({node, std::chrono::steady_clock::now(), ++s.retire_epoch});
 }
 
@@ -427,7 +429,7 @@ void unload()
         }
         s.retired.clear();
         s.index.clear();
-        s.dp_names.clear();
+        decltype(s.dp_names)().swap(s.dp_names); /* its buckets too: an unloaded registry keeps no heap */
         s.gw.dev = nullptr;
         s.gw.dev_num = 0;
         std::memset(&s.gw.gw_if, 0, sizeof(s.gw.gw_if));

@@ -120,13 +120,16 @@ public:
     }
 
 private:
-    bool word(const char *w)
+    /* A literal, compared a character at a time: nothing is read past a terminator. */
+    template <size_t N>
+    bool word(const char (&w)[N])
     {
-        const size_t n = std::strlen(w);
-        if (std::strncmp(p_, w, n) != 0) {
-            return false;
+        for (size_t i = 0; i + 1 < N; ++i) {
+            if (p_[i] != w[i]) {
+                return false;
+            }
         }
-        p_ += n;
+        p_ += N - 1;
         return true;
     }
 
@@ -169,9 +172,10 @@ private:
     const char *p_;
 };
 
-bool named(const char *key, size_t len, const char *name)
+template <size_t N>
+bool named(const char *key, size_t len, const char (&name)[N])
 {
-    return std::strlen(name) == len && std::memcmp(key, name, len) == 0;
+    return len == N - 1 && std::memcmp(key, name, N - 1) == 0;
 }
 
 } // namespace

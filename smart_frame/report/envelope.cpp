@@ -30,9 +30,17 @@ struct Pieces {
     const CHAR_T *time; /* may be NULL */
     size_t time_len;
 
-    Pieces(const DEV_CNTL_N_S *dev_cntl, const CHAR_T *data_text, const CHAR_T *time_text)
+    Pieces(const CHAR_T *data_text, const CHAR_T *time_text)
         : data(data_text), data_len(std::strlen(data_text)), id(nullptr), id_len(0), time(time_text),
           time_len(time_text != nullptr ? std::strlen(time_text) : 0)
+    {
+    }
+
+    /*
+     * The "cid" to write, if any. It reads the gateway's record from the
+     * registry, which the envelope does after its allocation.
+     */
+    void name_device(const DEV_CNTL_N_S *dev_cntl)
     {
         /* a device whose id is the gateway's, in any letter case, reports the gateway's own DPs */
         if (strcasecmp(dev_cntl->dev_if.id, get_gw_cntl()->gw_if.id) != 0) {
@@ -43,11 +51,14 @@ struct Pieces {
         }
     }
 
+    /* what the envelope's buffer is allocated for: the text always fits it */
+    size_t buffer_size() const { return data_len + time_len + ENVELOPE_SLACK; }
+
     /*
      * Copied piece by piece rather than formatted: the pieces are known and
      * formatting cost more than the rest of the envelope. The id is at most
      * its array's size (DEV_ID_LEN and a terminator), so the text fits the
-     * slack. Writes no terminator.
+     * slack.
      */
     void write(CHAR_T *to) const
     {
@@ -62,7 +73,8 @@ struct Pieces {
             to = append(to, ",\"t\":", 5);
             to = append(to, time, time_len);
         }
-        *to = '}';
+        to[0] = '}';
+        to[1] = '\0';
     }
 };
 
@@ -75,14 +87,15 @@ extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl
         SF_LOG_ERR("Invalid Param");
         return RC_BAD_PARAM;
     }
-    const size_t size = std::strlen(data) + (time != nullptr ? std::strlen(time) : 0) + ENVELOPE_SLACK;
+    Pieces pieces(data, time);
+    const size_t size = pieces.buffer_size();
     CHAR_T *buf = static_cast<CHAR_T *>(Malloc(size));
     if (buf == nullptr) {
         SF_LOG_ERR("Malloc Fails %d", static_cast<INT_T>(size));
         return RC_NO_MEMORY;
     }
-    std::memset(buf, 0, size); /* terminates the text */
-    Pieces(dev_cntl, data, time).write(buf);
+    pieces.name_device(dev_cntl);
+    pieces.write(buf); /* the text and its terminator; the rest of the buffer is never read */
 
     SF_LOG_DETAIL("added buf:%s", buf);
     *pp_out = buf;
