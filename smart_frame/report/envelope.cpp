@@ -94,8 +94,14 @@ extern "C" OPERATE_RET __sf_add_devid_time_to_dpstr(const DEV_CNTL_N_S *dev_cntl
         SF_LOG_ERR("Malloc Fails %d", static_cast<INT_T>(size));
         return RC_NO_MEMORY;
     }
+    /*
+     * Cleared whole, not just terminated: the caller owns all `size` bytes,
+     * and what it finds past the text is defined (zeros), not whatever the
+     * heap left there.
+     */
+    std::memset(buf, 0, size);
     pieces.name_device(dev_cntl);
-    pieces.write(buf); /* the text and its terminator; the rest of the buffer is never read */
+    pieces.write(buf);
 
     SF_LOG_DETAIL("added buf:%s", buf);
     *pp_out = buf;
