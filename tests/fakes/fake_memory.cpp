@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 
 #include "fake_internal.h"
@@ -48,6 +49,9 @@ extern "C" void *Malloc(size_t size)
     }
     void *ptr = std::malloc(size == 0 ? 1 : size);
     if (ptr != nullptr) {
+        // A fresh block's contents are undefined: fill it with a pattern, as
+        // a debugging heap does, so code that relies on zeros fails here.
+        std::memset(ptr, 0xA5, size);
         h.live[ptr] = size;
         h.bytes += size;
     }

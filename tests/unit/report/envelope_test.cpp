@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include "smart_frame/report/report.h"
 #include "tests/fakes/sf_fixture.h"
 
@@ -54,6 +56,21 @@ TEST_F(Envelope, DeviceWhoseIdDiffersOnlyInCaseIsTheGateway)
 {
     DEV_CNTL_N_S *upper = add_device("GW0001", {});
     EXPECT_EQ("{\"dps\":{\"2\":5}}", wrap(upper, "{\"2\":5}", nullptr));
+}
+
+TEST_F(Envelope, TheWholeBufferPastTheTextIsZero)
+{
+    const char *data = "{\"1\":true}";
+    const char *time = "1600000000";
+    CHAR_T *out = nullptr;
+    ASSERT_EQ(RC_OK, __sf_add_devid_time_to_dpstr(sub, data, time, &out));
+    const std::string text = "{\"dps\":{\"1\":true},\"cid\":\"a1b2c3\",\"t\":1600000000}";
+    ASSERT_STREQ(text.c_str(), out);
+    const size_t size = std::strlen(data) + std::strlen(time) + 128;
+    for (size_t i = text.size(); i < size; ++i) {
+        EXPECT_EQ(0, out[i]) << "byte " << i;
+    }
+    Free(out);
 }
 
 TEST_F(Envelope, LogsTheResultAtDetailLevel)
