@@ -7,7 +7,7 @@
 
 namespace sf_lan {
 
-std::mutex g_mutex;
+posix_sync::Mutex g_mutex;
 std::vector<std::unique_ptr<Session>> g_sessions;
 Settings g_settings;
 

@@ -25,6 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     }();
     (void)configured;
     sf_fuzz::begin_run(sf_fuzz::Channels{});
+    /* the limits the channel's thread copies once at its start */
+    const sf_lan::FrameLimits limits{sf_lan::g_settings.max_frame_bytes, sf_lan::g_settings.max_frame_depth};
     {
         sf_lan::Session session(-1, "fuzz", sf_lan::Clock::now());
         const size_t chunk = static_cast<size_t>(data[0]) + 1;
@@ -44,14 +46,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                     break;
                 }
                 if (!session.authed()) {
-                    std::lock_guard<std::mutex> hold(sf_lan::g_mutex);
+                    posix_sync::Guard hold(sf_lan::g_mutex);
                     open = sf_lan::authenticate(&session, line);
                     if (!open) {
                         break; /* closed: authentication failed */
                     }
                     continue;
                 }
-                sf_lan::hand_over(session.peer(), line);
+                sf_lan::hand_over(session.peer(), line, limits);
             }
         }
     }
