@@ -77,7 +77,7 @@ protected:
         cfg.port = broker_->port();
         cfg.reconnect_min_s = 1;
         cfg.reconnect_max_s = 2;
-        cfg.keepalive_s = 5;
+        cfg.keepalive_s = keepalive_s_;
         cfg.protocol = protocol_;
         return cfg;
     }
@@ -139,7 +139,8 @@ protected:
         return out;
     }
 
-    UINT_T protocol_ = 0; // MQC_CONFIG_S.protocol of start()
+    UINT_T protocol_ = 0;    // MQC_CONFIG_S.protocol of start()
+    UINT_T keepalive_s_ = 5; // MQC_CONFIG_S.keepalive_s of start(): short, so lost connections show soon
     std::unique_ptr<Broker> broker_;
     CloudPeer cloud_{"sf-it-cloud"};
     LanPeer lan_;
