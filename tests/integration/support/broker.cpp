@@ -96,9 +96,6 @@ bool Broker::write_config(std::string *why)
     if (options_.max_queued_messages > 0) {
         conf << "max_queued_messages " << options_.max_queued_messages << "\n";
     }
-    if (options_.max_inflight_messages > 0) {
-        conf << "max_inflight_messages " << options_.max_inflight_messages << "\n";
-    }
     if (options_.tls) {
         const std::string d = "'" + dir_ + "'";
         const std::string new_key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";

@@ -20,7 +20,6 @@ struct BrokerOptions {
     std::string password;
     bool deny_subscriptions = false; // every SUBSCRIBE is refused (dynamic-security plugin's default access)
     int max_queued_messages = 0;  // > 0: messages the broker queues per client beyond those in flight
-    int max_inflight_messages = 0; // > 0: QoS 1 messages the broker sends a 3.1.1 client ahead of its acknowledgements
 };
 
 class Broker {
