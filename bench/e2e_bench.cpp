@@ -36,10 +36,10 @@
 #include <vector>
 
 #include "cloud_defs/gw_intf.h"
-#include "port/posix/metrics.h"
-#include "port/posix/metrics_reporter.h"
-#include "port/posix/mqtt_config.h"
-#include "port/posix/state_store.h"
+#include "port/posix/metrics/metrics.h"
+#include "port/posix/metrics/metrics_reporter.h"
+#include "port/posix/mqtt/mqtt_config.h"
+#include "port/posix/state/state_store.h"
 #include "services/mqtt_client.h"
 #include "smart_frame/smart_frame.h"
 #include "support/bench_gateway.h"

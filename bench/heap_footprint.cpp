@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <string>
 
-#include "port/posix/gw_registry.h"
+#include "gateway/registry/gw_registry.h"
 #include "support/bench_gateway.h"
 
 namespace {

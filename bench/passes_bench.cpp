@@ -19,7 +19,7 @@
 
 #include "backend/counting_memory.h"
 #include "backend/standin_channels.h"
-#include "port/posix/posix_runtime.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "services/uni_mutex.h"
 #include "smart_frame/dp_lookup.h"
 #include "smart_frame/frame_cntl.h"

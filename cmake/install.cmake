@@ -38,9 +38,12 @@ if(TARGET sf_posix)
   set_target_properties(sf_base64 PROPERTIES VERSION ${PROJECT_VERSION} EXPORT_NAME base64)
   install(TARGETS sf_posix sf_base64 EXPORT smart_frame-posix-targets
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT posix)
-  install(FILES port/posix/posix_runtime.h port/posix/gw_registry.h port/posix/mqtt_config.h
-                port/posix/lan_config.h
-          DESTINATION ${SF_INSTALL_INCLUDEDIR}/port/posix COMPONENT posix)
+  # each header where it lies in the tree, so its relative includes hold
+  foreach(header port/posix/runtime/posix_runtime.h gateway/registry/gw_registry.h port/posix/mqtt/mqtt_config.h
+                 port/posix/lan/lan_config.h)
+    get_filename_component(header_dir ${header} DIRECTORY)
+    install(FILES ${header} DESTINATION ${SF_INSTALL_INCLUDEDIR}/${header_dir} COMPONENT posix)
+  endforeach()
   install(EXPORT smart_frame-posix-targets NAMESPACE smart_frame:: DESTINATION ${SF_INSTALL_CMAKEDIR}
           COMPONENT posix)
   configure_file(${CMAKE_CURRENT_LIST_DIR}/smart_frame-posix.pc.in

@@ -24,7 +24,7 @@ has() {
     grep -qxF -- "$p" <<<"$listing" || { echo "$(basename "$deb") lacks $p" >&2; return 1; }
   done
 }
-has "$dev" ./usr/include/smart_frame/smart_frame/smart_frame.h ./usr/include/smart_frame/port/posix/gw_registry.h
+has "$dev" ./usr/include/smart_frame/smart_frame/smart_frame.h ./usr/include/smart_frame/gateway/registry/gw_registry.h
 dpkg-deb -c "$dev" | awk '{print $6}' | grep -q '/libsmart_frame\.a$'
 dpkg-deb -c "$dev" | awk '{print $6}' | grep -q '/cmake/smart_frame/smart_frameConfigVersion\.cmake$'
 dpkg-deb -c "$dev" | awk '{print $6}' | grep -q '/pkgconfig/smart_frame-posix\.pc$'

@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "common/json_reader.h"
-#include "port/posix/annotated_lock.h"
+#include "gateway/sync/annotated_lock.h"
 
 namespace sfcloud {
 namespace {
@@ -66,8 +66,8 @@ void latency_of(const cJSON *latency, HealthRow *row)
 
 struct Gatherer {
     std::string prefix; /* "<root>/"; set before libmosquitto's thread starts, read-only afterwards */
-    posix_sync::Mutex mutex;
-    posix_sync::CondVar changed;
+    sf_sync::Mutex mutex;
+    sf_sync::CondVar changed;
     int connect_rc SF_GUARDED_BY(mutex) = -1;
     bool subscribed SF_GUARDED_BY(mutex) = false;
     std::map<std::string, GatewayHealth> seen SF_GUARDED_BY(mutex);
@@ -82,7 +82,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
         char *subs[] = {const_cast<char *>(metrics.c_str()), const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 2, subs, 0, 0, nullptr);
     }
-    posix_sync::Guard hold(g->mutex);
+    sf_sync::Guard hold(g->mutex);
     g->connect_rc = rc;
     g->changed.notify_all();
 }
@@ -90,7 +90,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
 void on_subscribe(mosquitto *, void *self, int, int, const int *)
 {
     auto *g = static_cast<Gatherer *>(self);
-    posix_sync::Guard hold(g->mutex);
+    sf_sync::Guard hold(g->mutex);
     g->subscribed = true;
     g->changed.notify_all();
 }
@@ -106,7 +106,7 @@ void on_message(mosquitto *, void *self, const mosquitto_message *msg)
     const std::string gateway = topic.substr(g->prefix.size(), slash - g->prefix.size());
     const std::string leaf = topic.substr(slash + 1);
     const std::string payload(static_cast<const char *>(msg->payload), static_cast<size_t>(msg->payloadlen));
-    posix_sync::Guard hold(g->mutex);
+    sf_sync::Guard hold(g->mutex);
     GatewayHealth &h = g->seen[gateway];
     if (leaf == "metrics") {
         h.document = payload;
@@ -210,7 +210,7 @@ int health(const Options &options, const apps::Description *names, std::string *
     } else {
         mosquitto_loop_start(mosq);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
-        posix_sync::Guard hold(g.mutex);
+        sf_sync::Guard hold(g.mutex);
         if (!g.changed.wait_until(g.mutex, deadline,
                                   [&g]() SF_REQUIRES(g.mutex) { return g.subscribed || g.connect_rc > 0; }) ||
             g.connect_rc != 0) {
@@ -224,7 +224,7 @@ int health(const Options &options, const apps::Description *names, std::string *
     mosquitto_loop_stop(mosq, true);
     std::map<std::string, GatewayHealth> seen;
     {
-        posix_sync::Guard hold(g.mutex);
+        sf_sync::Guard hold(g.mutex);
         seen = g.seen;
     }
     mosquitto_destroy(mosq);

@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "common/topics.h"
-#include "port/posix/annotated_lock.h"
+#include "gateway/sync/annotated_lock.h"
 #include "uplink.h"
 
 struct mosquitto;
@@ -58,8 +58,8 @@ private:
     std::string gateway_id_;
     MqttTarget target_;
     mosquitto *mosq_ = nullptr;
-    posix_sync::Mutex mutex_;
-    posix_sync::CondVar changed_;
+    sf_sync::Mutex mutex_;
+    sf_sync::CondVar changed_;
     std::deque<std::pair<std::string, std::string>> inbox_ SF_GUARDED_BY(mutex_);
     int connect_rc_ SF_GUARDED_BY(mutex_) = -1;
     bool subscribed_ SF_GUARDED_BY(mutex_) = false;

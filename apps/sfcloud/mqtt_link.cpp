@@ -29,7 +29,7 @@ void MqttLink::on_connect(mosquitto *mosq, void *self, int rc)
                         const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 3, subs, 1, 0, nullptr);
     }
-    posix_sync::Guard hold(link->mutex_);
+    sf_sync::Guard hold(link->mutex_);
     link->connect_rc_ = rc;
     link->changed_.notify_all();
 }
@@ -37,7 +37,7 @@ void MqttLink::on_connect(mosquitto *mosq, void *self, int rc)
 void MqttLink::on_subscribe(mosquitto *, void *self, int, int, const int *)
 {
     auto *link = static_cast<MqttLink *>(self);
-    posix_sync::Guard hold(link->mutex_);
+    sf_sync::Guard hold(link->mutex_);
     link->subscribed_ = true;
     link->changed_.notify_all();
 }
@@ -45,7 +45,7 @@ void MqttLink::on_subscribe(mosquitto *, void *self, int, int, const int *)
 void MqttLink::on_message(mosquitto *, void *self, const mosquitto_message *msg)
 {
     auto *link = static_cast<MqttLink *>(self);
-    posix_sync::Guard hold(link->mutex_);
+    sf_sync::Guard hold(link->mutex_);
     link->inbox_.emplace_back(msg->topic,
                               std::string(static_cast<const char *>(msg->payload), static_cast<size_t>(msg->payloadlen)));
     link->changed_.notify_all();
@@ -84,7 +84,7 @@ bool MqttLink::open(const MqttTarget &target, Deadline deadline, std::string *wh
         return false;
     }
     mosquitto_loop_start(mosq_);
-    posix_sync::Guard hold(mutex_);
+    sf_sync::Guard hold(mutex_);
     if (!changed_.wait_until(mutex_, deadline, [this]() SF_REQUIRES(mutex_) { return connect_rc_ >= 0; })) {
         *why = "the MQTT broker at " + where + " did not answer";
         return false;
@@ -114,7 +114,7 @@ bool MqttLink::send(const std::string &kind, const std::string &document, std::s
 
 bool MqttLink::next(Message *out, Deadline deadline)
 {
-    posix_sync::Guard hold(mutex_);
+    sf_sync::Guard hold(mutex_);
     for (;;) {
         if (!changed_.wait_until(mutex_, deadline, [this]() SF_REQUIRES(mutex_) { return !inbox_.empty(); })) {
             return false;

@@ -1,10 +1,11 @@
+#define SF_LOG_MODULE SF_LOG_MODULE_SFGW
 #include "app_callbacks.h"
 
 #include <atomic>
 
-#include "app_log.h"
 #include "cloud_defs/gw_intf.h"
-#include "port/posix/metrics.h"
+#include "port/posix/metrics/metrics.h"
+#include "services/log_front.h"
 
 namespace sfgw {
 
@@ -82,7 +83,7 @@ bool known_device(const CHAR_T *dev_id, const char *what)
     if (dev_id != nullptr && g_description != nullptr && g_description->find(dev_id) != nullptr) {
         return true;
     }
-    APP_NOTICE("%s: no device %s behind this gateway", what, dev_id != nullptr ? dev_id : "(null)");
+    SF_LOG_NOTICE("%s: no device %s behind this gateway", what, dev_id != nullptr ? dev_id : "(null)");
     return false;
 }
 
@@ -91,7 +92,7 @@ OPERATE_RET on_group(const GRP_ACTION_E action, const CHAR_T *dev_id, const CHAR
     if (!known_device(dev_id, "group")) {
         return RC_DEV_NOT_FOUND;
     }
-    APP_INFO("%s %s group %s", dev_id, action == GRP_ADD ? "joins" : "leaves", grp_id);
+    SF_LOG_INFO("%s %s group %s", dev_id, action == GRP_ADD ? "joins" : "leaves", grp_id);
     return RC_OK;
 }
 
@@ -100,7 +101,7 @@ OPERATE_RET on_scene(const SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR
     if (!known_device(dev_id, "scene")) {
         return RC_DEV_NOT_FOUND;
     }
-    APP_INFO("%s: scene %s of group %s, action %d", dev_id, sce_id, grp_id, action);
+    SF_LOG_INFO("%s: scene %s of group %s, action %d", dev_id, sce_id, grp_id, action);
     return RC_OK;
 }
 

@@ -8,7 +8,7 @@
 #define SFGW_APP_CALLBACKS_H
 
 #include "common/description.h"
-#include "simulator.h"
+#include "apps/sfgw/sim/simulator.h"
 
 namespace sfgw {
 

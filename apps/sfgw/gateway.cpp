@@ -1,17 +1,18 @@
+#define SF_LOG_MODULE SF_LOG_MODULE_SFGW
 #include "gateway.h"
 
 #include <ctime>
 
 #include "app_callbacks.h"
-#include "app_log.h"
-#include "port/posix/gw_registry.h"
-#include "port/posix/lan_config.h"
-#include "port/posix/metrics_reporter.h"
-#include "port/posix/mqtt_config.h"
-#include "port/posix/posix_runtime.h"
-#include "port/posix/state_store.h"
-#include "port/posix/wire_validate.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/lan/lan_config.h"
+#include "port/posix/metrics/metrics_reporter.h"
+#include "port/posix/mqtt/mqtt_config.h"
+#include "port/posix/runtime/posix_runtime.h"
+#include "port/posix/state/state_store.h"
+#include "gateway/edge/wire_validate.h"
 #include "smart_frame/smart_frame.h"
+#include "services/log_front.h"
 
 namespace sfgw {
 
@@ -94,7 +95,7 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
 
     const bool lan_wanted = description_.lan.enabled && !options_.no_lan;
     if (lan_wanted && description_.local_key.empty()) {
-        APP_NOTICE("no gateway.local_key in the description: the LAN channel stays closed");
+        SF_LOG_NOTICE("no gateway.local_key in the description: the LAN channel stays closed");
     } else if (lan_wanted) {
         LAN_CONFIG_S lan{};
         lan.bind_addr = description_.lan.bind_addr.c_str();

@@ -13,8 +13,8 @@
 
 #include "common/description.h"
 #include "options.h"
-#include "sim_link.h"
-#include "simulator.h"
+#include "apps/sfgw/sim/sim_link.h"
+#include "apps/sfgw/sim/simulator.h"
 
 namespace sfgw {
 

@@ -10,9 +10,9 @@
 #include "common/description.h"
 #include "gateway.h"
 #include "options.h"
-#include "port/posix/gw_registry.h"
-#include "port/posix/log_output.h"
-#include "port/posix/posix_runtime.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/log/log_output.h"
+#include "port/posix/runtime/posix_runtime.h"
 
 namespace {
 

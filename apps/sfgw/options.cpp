@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "port/posix/log_output.h"
+#include "port/posix/log/log_output.h"
 
 namespace sfgw {
 

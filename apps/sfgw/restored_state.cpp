@@ -1,7 +1,7 @@
 #include "restored_state.h"
 
 #include "cloud_defs/gw_intf.h"
-#include "port/posix/state_store.h"
+#include "port/posix/state/state_store.h"
 #include "services/uni_mutex.h"
 #include "smart_frame/dp_lookup.h"
 

@@ -8,7 +8,7 @@
 #define SFGW_RESTORED_STATE_H
 
 #include "common/schema.h"
-#include "sim_device.h"
+#include "apps/sfgw/sim/sim_device.h"
 
 namespace sfgw {
 

@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "port/posix/gw_registry.h"
-#include "port/posix/posix_runtime.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "services/uni_log.h"
 #include "smart_frame/smart_frame.h"
 

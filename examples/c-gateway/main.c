@@ -19,9 +19,9 @@
 #include <string.h>
 #include <time.h>
 
-#include "port/posix/gw_registry.h"
-#include "port/posix/mqtt_config.h"
-#include "port/posix/posix_runtime.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/mqtt/mqtt_config.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "smart_frame/smart_frame.h"
 
 #define PENDING_MAX 16

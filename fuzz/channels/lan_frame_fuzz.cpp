@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fuzz/harness.h"
-#include "port/posix/lan_channel_state.h"
+#include "port/posix/lan/lan_channel_state.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                     break;
                 }
                 if (!session.authed()) {
-                    posix_sync::Guard hold(sf_lan::g_mutex);
+                    sf_sync::Guard hold(sf_lan::g_mutex);
                     open = sf_lan::authenticate(&session, line);
                     if (!open) {
                         break; /* closed: authentication failed */

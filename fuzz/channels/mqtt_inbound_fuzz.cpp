@@ -6,8 +6,8 @@
  * mqtt_config.h) and handed to the module with DP_CMD_MQ, on the fakes.
  */
 #include "fuzz/harness.h"
-#include "port/posix/wire_commands.h"
-#include "port/posix/wire_json.h"
+#include "gateway/edge/wire_commands.h"
+#include "gateway/edge/wire_json.h"
 
 namespace {
 

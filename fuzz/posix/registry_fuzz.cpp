@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "port/posix/gw_registry.h"
+#include "gateway/registry/gw_registry.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {

@@ -1,4 +1,4 @@
-#include "sfgw/sim_device.h"
+#include "sfgw/sim/sim_device.h"
 
 #include <gtest/gtest.h>
 

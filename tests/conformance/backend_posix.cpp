@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <thread>
 
-#include "port/posix/gw_registry.h"
-#include "port/posix/posix_runtime.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/runtime/posix_runtime.h"
 
 namespace conformance {
 

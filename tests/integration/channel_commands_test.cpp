@@ -2,7 +2,7 @@
  * Group, scene, query, echo and multi-DP commands from the cloud and from
  * LAN clients, and the answers each channel carries back.
  */
-#include "port/posix/wire_validate.h"
+#include "gateway/edge/wire_validate.h"
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
 

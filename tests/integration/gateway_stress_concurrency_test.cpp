@@ -14,7 +14,7 @@
 #include <map>
 #include <thread>
 
-#include "port/posix/gw_registry.h"
+#include "gateway/registry/gw_registry.h"
 #include "services/uni_mutex.h"
 #include "smart_frame/smart_frame.h"
 #include "support/channel_fixture.h"

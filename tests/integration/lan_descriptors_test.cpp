@@ -11,7 +11,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "port/posix/log_output.h"
+#include "port/posix/log/log_output.h"
 #include "support/channel_fixture.h"
 #include "support/lan_peer.h"
 

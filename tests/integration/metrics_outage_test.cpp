@@ -12,8 +12,8 @@
 #include "support/channel_fixture.h"
 #include "support/stderr_capture.h"
 
-#include "port/posix/metrics.h"
-#include "port/posix/metrics_reporter.h"
+#include "port/posix/metrics/metrics.h"
+#include "port/posix/metrics/metrics_reporter.h"
 #include "smart_frame/smart_frame.h"
 
 namespace it {

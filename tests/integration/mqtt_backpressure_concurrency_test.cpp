@@ -15,7 +15,7 @@
 #include <string>
 #include <thread>
 
-#include "port/posix/posix_runtime.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "port/posix/posix_tunables.h"
 #include "smart_frame/smart_frame.h"
 #include "support/channel_fixture.h"

@@ -13,8 +13,8 @@
 #include <string>
 #include <thread>
 
-#include "port/posix/gw_registry.h"
-#include "port/posix/posix_runtime.h"
+#include "gateway/registry/gw_registry.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "tests/unit/posix/posix_test_util.h"
 #include "services/uni_log.h"
 #include "smart_frame/frame_cntl.h"

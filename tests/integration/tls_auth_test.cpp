@@ -5,7 +5,7 @@
  */
 #include "support/channel_fixture.h"
 #include "support/stderr_capture.h"
-#include "port/posix/metrics.h"
+#include "port/posix/metrics/metrics.h"
 
 namespace it {
 namespace {

@@ -11,8 +11,8 @@
 
 #include <string>
 
-#include "port/posix/gw_registry.h"
-#include "port/posix/wire_validate.h"
+#include "gateway/registry/gw_registry.h"
+#include "gateway/edge/wire_validate.h"
 
 namespace {
 

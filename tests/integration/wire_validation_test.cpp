@@ -14,7 +14,7 @@
 
 #include <algorithm>
 
-#include "port/posix/wire_validate.h"
+#include "gateway/edge/wire_validate.h"
 #include "support/channel_fixture.h"
 #include "support/stderr_capture.h"
 

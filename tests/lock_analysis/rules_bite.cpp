@@ -9,8 +9,8 @@
  * annotations, a field that lost its SF_GUARDED_BY) a marked line would
  * compile and the check fails.
  */
-#include "../../port/posix/dispatch_core.h"
-#include "../../port/posix/mqtt_client_state.h"
+#include "port/posix/runtime/dispatch_core.h"
+#include "port/posix/mqtt/mqtt_client_state.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ posix_rt::Dispatch &d = posix_rt::dispatch();
 // A guarded field read and written with its lock: accepted.
 size_t depth_locked()
 {
-    posix_sync::Guard guard(d.lock);
+    sf_sync::Guard guard(d.lock);
     d.peak = d.queue.size();
     return d.peak;
 }
@@ -33,7 +33,7 @@ size_t depth_unlocked()
 // Written after the hold ended.
 void peak_after_unlock()
 {
-    posix_sync::Guard guard(d.lock);
+    sf_sync::Guard guard(d.lock);
     guard.unlock();
     d.peak = 0; // expected-error {{writing variable 'peak' requires holding mutex 'd.lock' exclusively}}
 }
@@ -47,13 +47,13 @@ bool on_thread_unlocked()
 // A condition variable's predicate reads guarded fields: it must say it runs with the lock held.
 void wait_with_annotated_predicate()
 {
-    posix_sync::Guard guard(d.lock);
+    sf_sync::Guard guard(d.lock);
     d.room.wait(d.lock, []() SF_REQUIRES(d.lock) { return d.queue.empty(); });
 }
 
 void wait_with_bare_predicate()
 {
-    posix_sync::Guard guard(d.lock);
+    sf_sync::Guard guard(d.lock);
     d.room.wait(d.lock, [] { return d.queue.empty(); }); // expected-error {{reading variable 'queue' requires holding mutex 'd.lock'}}
 }
 
@@ -66,13 +66,13 @@ void wait_unlocked()
 // The MQTT client's pointer: read under the shared hold, written only under the exclusive one.
 bool client_read_shared()
 {
-    posix_sync::ReaderGuard life(sf_mqtt::g_life);
+    sf_sync::ReaderGuard life(sf_mqtt::g_life);
     return sf_mqtt::g_client != nullptr;
 }
 
 void client_written_shared()
 {
-    posix_sync::ReaderGuard life(sf_mqtt::g_life);
+    sf_sync::ReaderGuard life(sf_mqtt::g_life);
     sf_mqtt::g_client = nullptr; // expected-error {{writing variable 'g_client' requires holding mutex 'g_life' exclusively}}
 }
 

@@ -21,8 +21,8 @@
 #include "cloud_peer.h"
 #include "gateway.h"
 #include "lan_peer.h"
-#include "port/posix/lan_config.h"
-#include "port/posix/mqtt_config.h"
+#include "port/posix/lan/lan_config.h"
+#include "port/posix/mqtt/mqtt_config.h"
 #include "services/mqtt_client.h"
 
 namespace it {

@@ -5,7 +5,7 @@
 #include <thread>
 
 #include "gateway_loader.h"
-#include "port/posix/posix_runtime.h"
+#include "port/posix/runtime/posix_runtime.h"
 #include "services/uni_mutex.h"
 #include "smart_frame/smart_frame.h"
 

@@ -6,7 +6,7 @@
 
 #include <map>
 
-#include "port/posix/gw_registry.h"
+#include "gateway/registry/gw_registry.h"
 
 namespace it {
 

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "port/posix/lan_config.h"
+#include "port/posix/lan/lan_config.h"
 
 namespace it {
 

@@ -8,7 +8,7 @@
 #include <sstream>
 #include <thread>
 
-#include "port/posix/log_output.h"
+#include "port/posix/log/log_output.h"
 
 namespace it {
 

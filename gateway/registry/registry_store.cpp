@@ -1,0 +1,446 @@
+/*
+ * The registry's store: device nodes with their inline DP tables, the id
+ * index beside the list, loading, adding and removing devices, and the
+ * deferred free of removed nodes (lifetime rule in gw_registry.h).
+ */
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <strings.h>
+
+#include "services/uni_mutex.h"
+#include "registry_internal.h"
+
+namespace gw_registry {
+namespace detail {
+
+Store &store()
+{
+    static Store &s = *[] {
+        Store *created = new Store();
+        if (CreateMutexAndInit(&created->gw.dev_mutex) != RC_OK) {
+            std::abort(); /* no registry can work without its lock */
+        }
+        return created;
+    }();
+    return s;
+}
+
+DEV_CNTL_N_S *find_locked(Store &s, const char *id)
+{
+    return s.index.find(id);
+}
+
+/* Mutations hold dev_mutex as well as index_lock, so dev_mutex alone orders this read after them. */
+DEV_CNTL_N_S *find_under_dev_mutex(Store &s, const char *id) SF_NO_THREAD_SAFETY_ANALYSIS
+{
+    return s.index.find(id);
+}
+
+namespace {
+
+/* Holds dev_mutex and then the index lock, the order every mutation uses. */
+class SF_SCOPED_CAPABILITY MutationLock {
+public:
+    explicit MutationLock(Store &s) SF_ACQUIRE(s.dev_mutex_name, s.index_lock) : s_(s)
+    {
+        MutexLock(s_.gw.dev_mutex);
+        s_.index_lock.lock();
+    }
+    ~MutationLock() SF_RELEASE()
+    {
+        s_.index_lock.unlock();
+        MutexUnLock(s_.gw.dev_mutex);
+    }
+    MutationLock(const MutationLock &) = delete;
+    MutationLock &operator=(const MutationLock &) = delete;
+
+private:
+    Store &s_;
+};
+
+bool is_typed(const DP_CNTL_S &dp, DP_PROP_TP_E prop_tp)
+{
+    return dp.dp_desc.type == DP_TYPE_OBJ && dp.dp_desc.prop_tp == prop_tp;
+}
+
+} // namespace
+
+void free_node(DEV_CNTL_N_S *node)
+{
+    if (node == nullptr) {
+        return;
+    }
+    for (BYTE_T i = 0; i < node->dp_num; ++i) {
+        DP_CNTL_S &dp = node->dp[i];
+        if (is_typed(dp, PROP_STR)) {
+            std::free(dp.prop.prop_str.value);
+        } else if (is_typed(dp, PROP_ENUM) && dp.prop.prop_enum.pp_enum != nullptr) {
+            for (INT_T n = 0; n < dp.prop.prop_enum.cnt; ++n) {
+                std::free(dp.prop.prop_enum.pp_enum[n]);
+            }
+            std::free(dp.prop.prop_enum.pp_enum);
+        }
+    }
+    std::free(node->attr.grp);
+    std::free(node->attr.scene);
+    std::free(node);
+}
+
+namespace {
+
+void copy_text(CHAR_T *dst, size_t room, const std::string &text)
+{
+    std::strncpy(dst, text.c_str(), room - 1);
+    dst[room - 1] = '\0';
+}
+
+/* Fill one DP from its layout: every DP starts without a value (pv_stat 0). False on exhaustion. */
+bool fill_dp(DP_CNTL_S &dp, const DpLayout &layout)
+{
+    dp.dp_desc = layout.desc;
+    dp.prop = layout.limits;
+    dp.rept_cntl = layout.flow;
+    dp.pv_stat = PV_STAT_INVALID;
+    if (is_typed(dp, PROP_STR)) {
+        dp.prop.prop_str.value = static_cast<CHAR_T *>(std::calloc(static_cast<size_t>(layout.limits.prop_str.max_len) + 1, 1));
+        return dp.prop.prop_str.value != nullptr;
+    }
+    if (is_typed(dp, PROP_ENUM)) {
+        /* cnt counts the names already owned, so a half-built table frees cleanly */
+        dp.prop.prop_enum.cnt = 0;
+        dp.prop.prop_enum.pp_enum = static_cast<CHAR_T **>(std::calloc(layout.enum_names.size(), sizeof(CHAR_T *)));
+        if (dp.prop.prop_enum.pp_enum == nullptr) {
+            return false;
+        }
+        for (const std::string &name : layout.enum_names) {
+            CHAR_T *copy = static_cast<CHAR_T *>(std::malloc(name.size() + 1));
+            if (copy == nullptr) {
+                return false;
+            }
+            std::memcpy(copy, name.c_str(), name.size() + 1);
+            dp.prop.prop_enum.pp_enum[dp.prop.prop_enum.cnt++] = copy;
+        }
+    }
+    return true;
+}
+
+DEV_CNTL_N_S *build_node(const DeviceLayout &layout)
+{
+    const size_t dp_num = layout.dps.size();
+    DEV_CNTL_N_S *node = static_cast<DEV_CNTL_N_S *>(std::calloc(1, sizeof(DEV_CNTL_N_S) + dp_num * sizeof(DP_CNTL_S)));
+    if (node == nullptr) {
+        return nullptr;
+    }
+    copy_text(node->dev_if.id, sizeof(node->dev_if.id), layout.id);
+    copy_text(node->dev_if.sw_ver, sizeof(node->dev_if.sw_ver), layout.sw_ver);
+    copy_text(node->dev_if.schema_id, sizeof(node->dev_if.schema_id), layout.schema_id);
+    copy_text(node->dev_if.product_key, sizeof(node->dev_if.product_key), layout.product_key);
+    node->dev_if.bind = layout.bind ? TRUE : FALSE;
+    node->attr.preprocess = layout.preprocess ? TRUE : FALSE;
+    node->attr.grp = static_cast<GRP_MAG_S *>(std::calloc(1, sizeof(GRP_MAG_S)));
+    node->attr.scene = static_cast<SCENE_MAG_S *>(std::calloc(1, sizeof(SCENE_MAG_S)));
+    bool ok = node->attr.grp != nullptr && node->attr.scene != nullptr;
+    for (size_t i = 0; ok && i < dp_num; ++i) {
+        node->dp_num = static_cast<BYTE_T>(i + 1); /* what free_node must release so far */
+        ok = fill_dp(node->dp[i], layout.dps[i]);
+    }
+    if (!ok) {
+        free_node(node);
+        return nullptr;
+    }
+    return node;
+}
+
+std::vector<std::string> names_of(const DeviceLayout &layout)
+{
+    std::vector<std::string> names;
+    for (const DpLayout &dp : layout.dps) {
+        names.push_back(dp.name);
+    }
+    return names;
+}
+
+/*
+ * Append at the end of the list. The node is complete before the store
+ * that publishes it, so a walker without dev_mutex never sees it half-made.
+ * Both locks held.
+ */
+void link_node(Store &s, DEV_CNTL_N_S *node, std::vector<std::string> names)
+    SF_REQUIRES(s.dev_mutex_name, s.index_lock)
+{
+    DEV_CNTL_N_S **slot = s.tail != nullptr ? &s.tail->next : &s.gw.dev;
+    __atomic_store_n(slot, node, __ATOMIC_RELEASE);
+    s.tail = node;
+    ++s.gw.dev_num;
+    s.index.insert(node);
+    s.dp_names[node] = std::move(names);
+}
+
+/* Unlink, flag and retire; the node's own next is kept for walkers standing on it. Both locks held. */
+void retire_node(Store &s, DEV_CNTL_N_S *node) SF_REQUIRES(s.dev_mutex_name, s.index_lock)
+{
+    DEV_CNTL_N_S *prev = nullptr;
+    for (DEV_CNTL_N_S *cur = s.gw.dev; cur != nullptr && cur != node; cur = cur->next) {
+        prev = cur;
+    }
+    /* read without dev_mutex by the smart frame's walkers (the rule in gw_intf.h) */
+    __atomic_store_n(&node->dev_delete, static_cast<BYTE_T>(1), __ATOMIC_RELEASE);
+    DEV_CNTL_N_S **slot = prev != nullptr ? &prev->next : &s.gw.dev;
+    __atomic_store_n(slot, node->next, __ATOMIC_RELEASE);
+    if (s.tail == node) {
+        s.tail = prev;
+    }
+    --s.gw.dev_num;
+    s.index.erase(node);
+    s.retired.push_back({node, std::chrono::steady_clock::now(), ++s.retire_epoch});
+}
+
+bool parse_text(const std::string &json, const std::string &label, cJSON **root, LoadError *error)
+{
+    const char *end = nullptr;
+    *root = cJSON_ParseWithOpts(json.c_str(), &end, 1);
+    if (*root != nullptr) {
+        return true;
+    }
+    size_t offset = end != nullptr ? static_cast<size_t>(end - json.c_str()) : 0;
+    int line = 1;
+    int column = 1;
+    for (size_t i = 0; i < offset && i < json.size(); ++i) {
+        column = json[i] == '\n' ? 1 : column + 1;
+        line += json[i] == '\n' ? 1 : 0;
+    }
+    return fail(error, label, "",
+                "not valid JSON (near line " + std::to_string(line) + ", column " + std::to_string(column) + ")");
+}
+
+void set_gateway_record(Store &s, const GatewayLayout &layout) SF_REQUIRES(s.index_lock)
+{
+    copy_text(s.gw.gw_if.id, sizeof(s.gw.gw_if.id), layout.id);
+    copy_text(s.gw.gw_if.sw_ver, sizeof(s.gw.gw_if.sw_ver), layout.own.sw_ver);
+    copy_text(s.gw.gw_if.product_key, sizeof(s.gw.gw_if.product_key), layout.own.product_key);
+    s.local_key = layout.local_key;
+}
+
+/*
+ * The gateway's own node is in the list (so the DP sync re-sends its
+ * values too) but is no sub-device: it starts online and reported, and
+ * never times out, so presence batches and heartbeat passes leave it alone.
+ */
+void mark_as_gateway(DEV_CNTL_N_S *node)
+{
+    node->attr.stat = DOS_ONLINE;
+    node->attr.dosm = DOSM_REPORTED;
+    node->attr.hb_timeout_time = 0xFFFFFFFFu;
+}
+
+} // namespace
+} // namespace detail
+
+using detail::Store;
+
+bool load_text(const std::string &json, const std::string &file_label, LoadError *error)
+{
+    cJSON *root = nullptr;
+    if (!detail::parse_text(json, file_label, &root, error)) {
+        return false;
+    }
+    detail::GatewayLayout layout;
+    const bool parsed = detail::parse_gateway(root, file_label, &layout, error);
+    cJSON_Delete(root);
+    if (!parsed) {
+        return false;
+    }
+    /* build every node before touching the store: a failure leaves it as it was */
+    std::vector<DEV_CNTL_N_S *> nodes;
+    std::vector<const detail::DeviceLayout *> layouts{&layout.own};
+    for (const detail::DeviceLayout &device : layout.devices) {
+        layouts.push_back(&device);
+    }
+    for (const detail::DeviceLayout *device : layouts) {
+        DEV_CNTL_N_S *node = detail::build_node(*device);
+        if (node == nullptr) {
+            for (DEV_CNTL_N_S *built : nodes) {
+                detail::free_node(built);
+            }
+            return detail::fail(error, file_label, "", "out of memory");
+        }
+        nodes.push_back(node);
+    }
+    detail::mark_as_gateway(nodes[0]);
+
+    Store &s = detail::store();
+    {
+        detail::MutationLock locks(s);
+        if (!s.loaded) {
+            detail::set_gateway_record(s, layout);
+            for (size_t i = 0; i < nodes.size(); ++i) {
+                detail::link_node(s, nodes[i], detail::names_of(*layouts[i]));
+            }
+            s.own_node = nodes[0];
+            s.loaded = true;
+            return true;
+        }
+    }
+    for (DEV_CNTL_N_S *built : nodes) {
+        detail::free_node(built);
+    }
+    return detail::fail(error, file_label, "", "a gateway is already loaded");
+}
+
+bool load_file(const std::string &file, LoadError *error)
+{
+    std::ifstream in(file, std::ios::binary);
+    if (!in) {
+        return detail::fail(error, file, "", std::string("cannot read the file: ") + std::strerror(errno));
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    return load_text(text.str(), file, error);
+}
+
+bool loaded()
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    return s.loaded;
+}
+
+OPERATE_RET add_device(const std::string &device_json, LoadError *error)
+{
+    static const std::string kLabel = "device";
+    cJSON *root = nullptr;
+    if (!detail::parse_text(device_json, kLabel, &root, error)) {
+        return RC_BAD_PARAM;
+    }
+    detail::DeviceLayout layout;
+    const bool parsed = detail::parse_device(root, detail::Where{kLabel, ""}, &layout, error);
+    cJSON_Delete(root);
+    if (!parsed) {
+        return RC_BAD_PARAM;
+    }
+    DEV_CNTL_N_S *node = detail::build_node(layout);
+    if (node == nullptr) {
+        detail::fail(error, kLabel, "", "out of memory");
+        return RC_NO_MEMORY;
+    }
+    OPERATE_RET result = RC_OK;
+    Store &s = detail::store();
+    {
+        detail::MutationLock locks(s);
+        if (!s.loaded) {
+            detail::fail(error, kLabel, "", "no gateway loaded");
+            result = RC_FAIL;
+        } else if (detail::find_locked(s, layout.id.c_str()) != nullptr ||
+                   strcasecmp(layout.id.c_str(), s.gw.gw_if.id) == 0) {
+            detail::fail(error, kLabel, "id", "device id \"" + layout.id + "\" is taken");
+            result = RC_BAD_PARAM;
+        } else {
+            detail::link_node(s, node, detail::names_of(layout));
+        }
+    }
+    if (result != RC_OK) {
+        detail::free_node(node);
+    }
+    reclaim();
+    return result;
+}
+
+OPERATE_RET remove_device(const std::string &id)
+{
+    OPERATE_RET result = RC_OK;
+    Store &s = detail::store();
+    {
+        detail::MutationLock locks(s);
+        DEV_CNTL_N_S *node = detail::find_locked(s, id.c_str());
+        if (node == nullptr) {
+            result = RC_DEV_NOT_FOUND;
+        } else if (node == s.own_node) {
+            result = RC_BAD_PARAM;
+        } else {
+            detail::retire_node(s, node);
+        }
+    }
+    if (result == RC_OK) {
+        detail::watch_dispatch();
+    }
+    reclaim();
+    return result;
+}
+
+void set_grace_period(std::chrono::milliseconds grace)
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    s.grace = grace;
+}
+
+size_t retired_count()
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    return s.retired.size();
+}
+
+size_t device_count()
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    return s.index.size();
+}
+
+std::string local_key()
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    return s.local_key;
+}
+
+std::string dp_name(const std::string &id, BYTE_T dpid)
+{
+    Store &s = detail::store();
+    sf_sync::Guard guard(s.index_lock);
+    const DEV_CNTL_N_S *node = detail::find_locked(s, id.c_str());
+    if (node == nullptr) {
+        return std::string();
+    }
+    const std::vector<std::string> &names = s.dp_names[node];
+    for (BYTE_T i = 0; i < node->dp_num && i < names.size(); ++i) {
+        if (node->dp[i].dp_desc.dp_id == dpid) {
+            return names[i];
+        }
+    }
+    return std::string();
+}
+
+void unload()
+{
+    Store &s = detail::store();
+    std::vector<DEV_CNTL_N_S *> nodes;
+    {
+        detail::MutationLock locks(s);
+        for (DEV_CNTL_N_S *node = s.gw.dev; node != nullptr; node = node->next) {
+            nodes.push_back(node);
+        }
+        for (const detail::Retired &retired : s.retired) {
+            nodes.push_back(retired.node);
+        }
+        s.retired.clear();
+        s.index.clear();
+        decltype(s.dp_names)().swap(s.dp_names); /* its buckets too: an unloaded registry keeps no heap */
+        s.gw.dev = nullptr;
+        s.gw.dev_num = 0;
+        std::memset(&s.gw.gw_if, 0, sizeof(s.gw.gw_if));
+        s.tail = nullptr;
+        s.own_node = nullptr;
+        s.local_key.clear();
+        s.loaded = false;
+    }
+    for (DEV_CNTL_N_S *node : nodes) {
+        detail::free_node(node);
+    }
+}
+
+} // namespace gw_registry
