@@ -22,7 +22,7 @@ export class PlotsView {
   }
 
   private width(): number {
-    return Math.max(240, Math.min(560, this.grid.clientWidth - 16));
+    return Math.max(200, Math.min(560, this.grid.clientWidth - 8));
   }
 
   render(store: Store, gw: string | null, now: number): void {
@@ -36,6 +36,7 @@ export class PlotsView {
     if (!gw || now - this.last < REDRAW_MS) return;
     this.last = now;
     const prefix = `${gw}/`;
+    const width = this.width();
     const from = (now - PLOT_WINDOW_MS) / 1000;
     for (const [key, s] of store.series) {
       if (!key.startsWith(prefix) || s.t.length === 0) continue;
@@ -47,7 +48,7 @@ export class PlotsView {
         const box = el('figure', { class: 'plot', id: `plot-${slug(device)}-${slug(dp)}`, 'aria-label': `plot of ${title}` });
         this.grid.append(box);
         const plot = new uPlot({
-          title, width: this.width(), height: 160,
+          title, width, height: 160,
           scales: { x: { time: true } },
           series: [{}, { label: schema?.name || `DP ${dp}`, stroke: '#1565c0', width: 2 }],
           legend: { show: false },
@@ -55,6 +56,7 @@ export class PlotsView {
         c = { box, plot };
         this.charts.set(key, c);
       }
+      if (c.plot.width !== width) c.plot.setSize({ width, height: 160 });
       c.plot.setData([[...s.t, now / 1000], [...s.v, s.v[s.v.length - 1]]], false);
       c.plot.setScale('x', { min: from, max: now / 1000 });
     }
