@@ -66,10 +66,11 @@ export async function stopAll() {
   await Promise.all([...started].map((c) => stop(c)));
 }
 
-export async function startBroker(dir, port) {
+/** mosquitto on 127.0.0.1:port; extra lines go to its configuration. */
+export async function startBroker(dir, port, extra = [], anonymous = true) {
   mkdirSync(dir, { recursive: true });
   const conf = join(dir, 'mosquitto.conf');
-  const lines = [`listener ${port} 127.0.0.1`, 'allow_anonymous true', 'persistence false'];
+  const lines = [`listener ${port} 127.0.0.1`, `allow_anonymous ${anonymous}`, 'persistence false', ...extra];
   if (process.getuid?.() === 0) lines.push('user root'); // as root it would switch to a user who cannot write here
   writeFileSync(conf, lines.join('\n') + '\n');
   const child = launch('mosquitto', dir, process.env.MOSQUITTO ?? '/usr/sbin/mosquitto', ['-c', conf]);
