@@ -97,7 +97,9 @@ run: deps
 bench: deps
 	@if [ -d bench ] && [ -f bench/CMakeLists.txt ]; then \
 	  cmake -S . -B $(REL_BUILD) -DCMAKE_BUILD_TYPE=Release -DSF_BUILD_TESTS=OFF $(CMAKE_FLAGS) && \
-	  cmake --build $(REL_BUILD) -j $(JOBS) && scripts/bench.sh $(REL_BUILD); \
+	  cmake --build $(REL_BUILD) -j $(JOBS) && scripts/bench.sh $(REL_BUILD) && \
+	  scripts/build_web.sh >/dev/null && \
+	  (cd web && SF_BIN_DIR=$(CURDIR)/$(REL_BUILD)/apps SF_WEB_BENCH_DIR=$(CURDIR)/$(REL_BUILD)/web-bench node bench/run.mjs); \
 	else echo "the benchmarks are not built yet"; fi
 
 fuzz: deps

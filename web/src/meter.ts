@@ -1,5 +1,5 @@
-// Time from a message's arrival to the end of the frame that drew it, for the
-// benchmark (web/bench). Bounded: the latest 20000 samples.
+// Time from a message's arrival to the paint of the frame that drew it, for
+// the benchmark (web/bench). Bounded: the latest 20000 samples.
 const KEEP = 20000;
 
 export class Meter {

@@ -45,7 +45,7 @@ export class FleetView {
       const values = [
         state,
         g.status?.session !== undefined ? String(g.status.session) : '-',
-        h ? (h.brokerConnected ? `connected (${h.connects} sessions)` : 'disconnected') : '-',
+        h ? (h.brokerConnected ? `connected (${h.connects} session${h.connects === 1 ? '' : 's'})` : 'disconnected') : '-',
         h ? String(h.pending) : '-',
         h ? `${h.online}/${h.devices}` : '-',
         ago(g.lastSeen, now),

@@ -46,7 +46,7 @@ export class OperationsView {
 
   render(store: Store, gw: string | null): void {
     this.gw = gw;
-    const ids = gw ? [...store.gateway(gw).devices.keys()].filter((id) => id !== gw) : [];
+    const ids = gw ? [...store.gateway(gw).devices.keys()].filter((id) => id !== gw).sort() : [];
     if (ids.join() !== this.known.join()) {
       this.known = ids;
       this.devices.replaceChildren(el('legend', {}, 'Devices'),

@@ -50,14 +50,18 @@ export class PlotsView {
         const plot = new uPlot({
           title, width, height: 160,
           scales: { x: { time: true } },
-          series: [{}, { label: schema?.name || `DP ${dp}`, stroke: '#1565c0', width: 2 }],
+          series: [{}, { label: schema?.name || `DP ${dp}`, stroke: '#1565c0', width: 2, points: { show: true, size: 5 } }],
           legend: { show: false },
         }, [[], []], box);
         c = { box, plot };
         this.charts.set(key, c);
       }
       if (c.plot.width !== width) c.plot.setSize({ width, height: 160 });
-      c.plot.setData([[...s.t, now / 1000], [...s.v, s.v[s.v.length - 1]]], false);
+      // drawn as people read the value: 215 with scale 1 is 21.5
+      const schema = store.dpSchema(gw, device, dp);
+      const factor = schema?.prop === 'value' ? 10 ** schema.scale : 1;
+      const v = factor === 1 ? s.v : s.v.map((x) => x / factor);
+      c.plot.setData([[...s.t, now / 1000], [...v, v[v.length - 1]]], false);
       c.plot.setScale('x', { min: from, max: now / 1000 });
     }
   }
