@@ -71,7 +71,6 @@ test('switching plug01 on by keyboard changes the device, and its report is show
     const q = await cloud('query', 'plug01', 'switch');
     assert.match(q.out, /"cid":"plug01","dps":\{"switch":true\}/, q.out);
   });
-  await page.screenshot({ path: join(shots, 'console-1280.png') });
 });
 
 test('an out-of-range value is refused, with its reason in words on the row and in the events', async () => {
@@ -86,6 +85,9 @@ test('an out-of-range value is refused, with its reason in words on the row and 
     assert.match(first, /gw0001: dp command web\w+-\d+ refused "plug01" DP 9: value out of range \(.+\)/);
     await page.selectOption('#events-kind', 'all');
   });
+  // the picture of docs/images/web-console.png: a report, a refusal, plots and events at once
+  await until(async () => (await page.locator('figure.plot').count()) >= 5, 10000, 'the plots drawn');
+  await page.screenshot({ path: join(shots, 'console-1280.png') });
 });
 
 test('silencing sensor01 shows it silent, then offline within its time-out', async () => {

@@ -7,7 +7,7 @@ import { dirname, join, resolve } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { execFileSync } from 'node:child_process';
 import { mkdirSync, readFileSync, rmSync } from 'node:fs';
-import { freePort, until, startBroker, startServer, stopAll } from './processes.mjs';
+import { freePort, until, startBroker, startServer, stopAll, sfcloud } from './processes.mjs';
 import { rawConnection, upgradeRequest, frame, mqttConnect } from './raw_ws.mjs';
 
 const web = resolve(dirname(fileURLToPath(import.meta.url)), '..');
@@ -98,4 +98,13 @@ test('survives garbage: bad requests, bytes that are not WebSocket frames, abrup
   c.sock.write(Buffer.from([0x82, 0x05, 1, 2])); // an unmasked, truncated frame
   c.sock.destroy();
   assert.equal((await fetch(url)).status, 200);
+});
+
+test('refuses a bad address or a folder without the page, with exit status 2', async () => {
+  const bad = await sfcloud(bin, ['serve', '--http', 'nonsense', '--description', description]);
+  assert.equal(bad.code, 2);
+  assert.match(bad.out, /sfcloud: --http: expected HOST:PORT, got nonsense/);
+  const empty = await sfcloud(bin, ['serve', '--http', '127.0.0.1:0', '--web-root', dir, '--description', description]);
+  assert.equal(empty.code, 2);
+  assert.match(empty.out, /--web-root: no index.html in .* \(build the page: make web\)/);
 });
