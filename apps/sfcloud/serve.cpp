@@ -122,6 +122,9 @@ private:
 
     void on_broker(beast::error_code ec)
     {
+        if (closed_) {
+            return;
+        }
         if (ec) {
             /* the page sees its WebSocket close and retries, as against an absent broker */
             close("cannot reach the broker at " + shared_->settings.broker_host + ":" +

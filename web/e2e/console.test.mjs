@@ -90,8 +90,21 @@ test('an out-of-range value is refused, with its reason in words on the row and 
   await page.screenshot({ path: join(shots, 'console-1280.png') });
 });
 
+test('a query, a group and a scene from the page show their answers where they were asked', async () => {
+  await step('04-query-group-scene', async () => {
+    await page.click('#dev-thermo01 header button');
+    await until(async () => (await text('#dev-thermo01 header .answer')) === 'answered by thermo01', 15000, 'the query answer');
+    await page.check('.members input[value=plug01]');
+    await page.check('.members input[value=bulb01]');
+    await page.click('#ops-group');
+    await until(async () => (await text('#ops-answer')) === 'group 5: bulb01: done, plug01: done', 15000, 'the group answer');
+    await page.click('#ops-scene');
+    await until(async () => (await text('#ops-answer')) === 'scene 01 of group 5: bulb01: done, plug01: done', 15000, 'the scene answer');
+  });
+});
+
 test('silencing sensor01 shows it silent, then offline within its time-out', async () => {
-  await step('04-silent-offline', async () => {
+  await step('05-silent-offline', async () => {
     const silenced = await cloud('silence', 'sensor01');
     assert.equal(silenced.code, 0, silenced.out);
     // 60 s without a heartbeat (the least a description allows), one probe, then the batch
@@ -108,28 +121,28 @@ test('silencing sensor01 shows it silent, then offline within its time-out', asy
 });
 
 test('a broker restart reconnects the page by itself', async () => {
-  await step('05-broker-restart', async () => {
+  await step('06-broker-restart', async () => {
     await stop(broker);
     await until(async () => (await page.locator('#link').getAttribute('data-state')) !== 'connected', 20000, 'the page sees the broker gone');
     broker = await startBroker(join(shots, 'run'), port);
     await until(async () => (await page.locator('#link').getAttribute('data-state')) === 'connected', 30000, 'the page connected again');
-    await until(async () => (await text('#gw-gw0001 td:nth-of-type(1)')) === 'online', 30000, 'gw0001 online again');
+    // the gateway's second session shows in its health document, published at each connect
+    await until(async () => (await text('#gw-gw0001 td:nth-of-type(3)')) === 'connected (2 sessions)', 30000, 'gw0001 back on the broker');
+    assert.equal(await text('#gw-gw0001 td:nth-of-type(1)'), 'online');
     // commands work again: switch plug01 off from the page
     const row = '#dev-plug01 tr[data-dp="1"]';
-    await until(async () => {
-      await page.locator(`${row} input[role=switch]`).setChecked(false);
-      return (await text(`${row} .answer`)) === 'reported: 1=false';
-    }, 30000, 'plug01 switched off after the restart');
+    await page.locator(`${row} input[role=switch]`).setChecked(false);
+    await until(async () => (await text(`${row} .answer`)) === 'reported: 1=false', 15000, 'plug01 switched off after the restart');
   });
 });
 
 test('a phone-sized screen shows the console without sideways scrolling', async () => {
-  await step('06-phone', async () => {
+  await step('07-phone', async () => {
     await page.setViewportSize({ width: 390, height: 844 });
     await until(async () => page.evaluate(() => document.documentElement.scrollWidth <= window.innerWidth), 5000, 'no horizontal overflow');
   });
   await page.setViewportSize({ width: 1920, height: 1080 });
-  await step('07-wide', async () => {
+  await step('08-wide', async () => {
     await until(async () => page.evaluate(() => document.documentElement.scrollWidth <= window.innerWidth), 5000, 'no horizontal overflow at 1920');
   });
 });

@@ -29,9 +29,13 @@ let frame = 0;
 const queried = new Set<string>(); // gateways whose devices were queried in this session
 
 function send(gw: string, command: Command, asked: Asked, sn: string): void {
-  if (!client?.connected) return;
-  store.asked({ gw, sn, asked, sentAt: Date.now(), answered: [] });
-  client.publish(`${root}/${gw}/${command.leaf}`, command.payload, { qos: 1 });
+  if (!client?.connected) {
+    // the gateway keeps no command for later (clean session): say so rather than queue it
+    store.notSent(sn, 'not sent: the broker is not connected');
+  } else {
+    store.asked({ gw, sn, asked, sentAt: Date.now(), answered: [] });
+    client.publish(`${root}/${gw}/${command.leaf}`, command.payload, { qos: 1 });
+  }
   redraw();
 }
 

@@ -195,6 +195,12 @@ export class Store {
     this.changed++;
   }
 
+  /** A command that could not go out: shown where it was asked, never awaited. */
+  notSent(sn: string, why: string): void {
+    this.answers.set(sn, { sn, state: 'answered', text: why, done: true });
+    this.changed++;
+  }
+
   /** Commands without an answer in time say so (the gateway may be away: commands are not kept, 2). */
   expire(now: number): void {
     const late = this.pending.filter((p) => now - p.sentAt > ANSWER_TIMEOUT_MS);
