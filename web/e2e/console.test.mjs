@@ -73,9 +73,14 @@ test('switching plug01 on by keyboard changes the device, and its report is show
   });
 });
 
-test('an out-of-range value is refused, with its reason in words on the row and in the events', async () => {
-  await step('03-refusal', async () => {
+test('the same value again is echoed, an out-of-range value is refused with its reason in words, on the row and in the events', async () => {
+  await step('03-echo-refusal', async () => {
     const row = '#dev-plug01 tr[data-dp="9"]';
+    assert.equal(await text(`${row} .value`), '0');
+    await page.fill(`${row} input[type=number]`, '0');
+    await page.press(`${row} input[type=number]`, 'Enter');
+    await until(async () => (await text(`${row} .answer`)) === 'unchanged, echoed: 9=0', 15000, 'the echo on the row');
+    assert.equal(await page.locator(`${row} .answer`).getAttribute('data-state'), 'echo');
     await page.fill(`${row} input[type=number]`, '100000');
     await page.click(`${row} button[type=submit]`);
     await until(async () => (await text(`${row} .answer`))?.startsWith('refused: value out of range (DP 9): '), 15000, 'the refusal on the row');

@@ -35,6 +35,10 @@ describe('Store', () => {
     s.onStatus('gw1', { online: false }, 2000);
     s.onStatus('gw1', { online: true }, 3000);
     expect(up(s, '{"serno":1,"pro":25,"data":{"online":["a"]}}', 4000)).toBe(true);
+    s.onStatus('gw1', { online: true, session: 3 }, 5000);
+    expect(up(s, '{"serno":1,"pro":25,"data":{"online":["a"]}}', 6000)).toBe(false);
+    s.onStatus('gw1', { online: true, session: 4 }, 7000);
+    expect(up(s, '{"serno":1,"pro":25,"data":{"online":["a"]}}', 8000)).toBe(true);
   });
 
   it('bounds the events at 500, newest first, and plots only the last 15 minutes', () => {

@@ -94,7 +94,9 @@ export class Store {
 
   onStatus(gw: string, status: Status | null, now: number): void {
     const g = this.gateway(gw);
-    if (status?.online && g.status?.online === false) g.sernos = []; // a new run numbers from 0 again
+    // a new run numbers from 0 again: after an offline status, or under a new session number
+    const newSession = status?.session !== undefined && g.status?.session !== undefined && status.session !== g.status.session;
+    if ((status?.online && g.status?.online === false) || newSession) g.sernos = [];
     g.status = status;
     g.lastSeen = now;
     this.changed++;
