@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The web console's server (sfcloud serve) for make run: started in the
 # background beside the broker and the gateway. Source it after demo_lib.sh.
 
