@@ -38,7 +38,8 @@ export function brokerUrl(location: { href: string; protocol: string; host: stri
 export type LinkState = 'connecting' | 'connected' | 'reconnecting' | 'offline';
 
 export interface LinkHandlers {
-  onMessage(topic: string, payload: string): void;
+  /** retained: the broker kept it from earlier (status and health), so it says nothing of now. */
+  onMessage(topic: string, payload: string, retained: boolean): void;
   onState(state: LinkState, detail: string): void;
   onSubscribed(): void;
 }
@@ -67,6 +68,6 @@ export function openLink(url: string, root: string, login: Login | null, h: Link
   client.on('offline', () => h.onState('offline', url));
   client.on('error', (err) => h.onState('offline', err.message));
   const decoder = new TextDecoder();
-  client.on('message', (topic, payload) => h.onMessage(topic, decoder.decode(payload)));
+  client.on('message', (topic, payload, packet) => h.onMessage(topic, decoder.decode(payload), packet.retain));
   return client;
 }

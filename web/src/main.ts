@@ -74,19 +74,19 @@ function redraw(): void {
   if (!frame) frame = requestAnimationFrame(render);
 }
 
-function onMessage(topic: string, payload: string): void {
+function onMessage(topic: string, payload: string, retained: boolean): void {
   meter.arrived(performance.now());
   const at = splitTopic(root, topic);
   if (!at) return;
   const now = Date.now();
   if (at.leaf === 'status') {
     const status = decodeStatus(payload);
-    store.onStatus(at.gw, status, now);
+    store.onStatus(at.gw, status, retained ? 0 : now);
     if (status?.online) queryAll(at.gw);
     else queried.delete(at.gw); // when it comes back, its values are asked again
     if (!selected && store.description?.gatewayId === at.gw) selected = at.gw;
   } else if (at.leaf === 'metrics') {
-    store.onHealth(at.gw, decodeHealth(payload), now);
+    store.onHealth(at.gw, decodeHealth(payload), retained ? 0 : now);
   } else if (at.leaf === 'up') {
     store.onUplink(at.gw, decodeUplink(payload), now);
   } else if (at.leaf === 'sim/event') {

@@ -63,4 +63,14 @@ describe('Store', () => {
     expect(s.answers.get('w-2')).toMatchObject({ text: 'no answer within 10 s', done: true });
     expect(s.pending).toEqual([]);
   });
+
+  it('takes a retained status as no sign of life, and a health document at the time it was made', () => {
+    const s = new Store();
+    s.onStatus('gw1', { online: true }, 0);
+    expect(s.gateway('gw1').lastSeen).toBe(0);
+    s.onHealth('gw1', { time: 1700, brokerConnected: true, connects: 1, pending: 0, devices: 1, online: 1 }, 0);
+    expect(s.gateway('gw1').lastSeen).toBe(1_700_000);
+    up(s, '{"serno":1,"pro":25,"data":{"online":["a"]}}', 1_800_000);
+    expect(s.gateway('gw1').lastSeen).toBe(1_800_000);
+  });
 });

@@ -31,7 +31,7 @@ export interface GatewayState {
   id: string;
   status: Status | null;
   health: Health | null;
-  lastSeen: number; // ms, any message of the gateway
+  lastSeen: number; // ms: the latest live message of the gateway, or the time its health document was made
   devices: Map<string, DeviceState>;
   sernos: number[]; // the latest serial numbers, for de-duplication (docs/wire-protocol.md, 2)
 }
@@ -92,20 +92,22 @@ export class Store {
     if (this.events.length > MAX_EVENTS) this.events.length = MAX_EVENTS;
   }
 
+  /** now: 0 for a retained status, which tells nothing of when the gateway was last heard. */
   onStatus(gw: string, status: Status | null, now: number): void {
     const g = this.gateway(gw);
     // a new run numbers from 0 again: after an offline status, or under a new session number
     const newSession = status?.session !== undefined && g.status?.session !== undefined && status.session !== g.status.session;
     if ((status?.online && g.status?.online === false) || newSession) g.sernos = [];
     g.status = status;
-    g.lastSeen = now;
+    g.lastSeen = Math.max(g.lastSeen, now);
     this.changed++;
   }
 
+  /** now: 0 for a retained document; its own time still says when the gateway made it. */
   onHealth(gw: string, health: Health | null, now: number): void {
     const g = this.gateway(gw);
     g.health = health;
-    g.lastSeen = now;
+    g.lastSeen = Math.max(g.lastSeen, now, (health?.time ?? 0) * 1000);
     this.changed++;
   }
 
