@@ -15,6 +15,7 @@
 #include "link.h"
 #include "options.h"
 #include "plan.h"
+#include "serve.h"
 #include "watch.h"
 
 namespace {
@@ -148,6 +149,10 @@ int main(int argc, char **argv)
         std::string detail;
         const int code = sfcloud::health(options, known, &detail);
         return finish(options, "health", code, detail);
+    }
+    if (options.words[0] == "serve") { /* the web console: the whole fleet, no gateway id needed */
+        std::string detail;
+        return finish(options, "serve", sfcloud::serve_command(options, known, &detail), detail);
     }
     const std::string gw_id = !options.gw.empty() ? options.gw : have_names ? names.gateway_id : "";
     if (gw_id.empty()) {

@@ -29,6 +29,8 @@ const char *usage_text()
            "  wait report DEV DP=VALUE... [DEV DP=VALUE...]   wait until these values are reported\n"
            "  wait probe DEV               wait for a heartbeat probe of the device\n"
            "  subscribe                    only open the --session (messages then wait for it)\n"
+           "  serve                        the web console (docs/web-console.md) on --http, with an\n"
+           "                               MQTT relay at /mqtt to the broker\n"
            "\n"
            "Options:\n"
            "  --description FILE  gateway description for names and defaults\n"
@@ -44,6 +46,9 @@ const char *usage_text()
            "  --count N --for SEC watch: stop after N messages or SEC seconds\n"
            "  --table             watch: a live table of every device's values and presence\n"
            "  --json              one JSON object per line, the last one the outcome\n"
+           "  --http HOST:PORT    serve: address of the console (default 127.0.0.1:8080; port 0: any)\n"
+           "  --web-root DIR      serve: the built page (default web/dist)\n"
+           "  --max-clients N --max-frame BYTES   serve: relay bounds (default 16, 262144)\n"
            "  -h, --help          this text\n"
            "\n"
            "Exit status: 0 the gateway answered as expected, 1 it answered otherwise,\n"
@@ -56,12 +61,15 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
         {"--description", &out->description}, {"--host", &out->host},         {"--gw", &out->gw},
         {"--root", &out->root},               {"--username", &out->username}, {"--password", &out->password},
         {"--ca-file", &out->ca_file},         {"--lan", &out->lan},           {"--key", &out->key},
-        {"--session", &out->session},         {"--expect", &out->expect}};
+        {"--session", &out->session},         {"--expect", &out->expect},     {"--http", &out->http},
+        {"--web-root", &out->web_root}};
     const std::map<std::string, std::pair<int *, std::pair<long, long>>> numbers = {
         {"--port", {&out->port, {1, 65535}}},
         {"--timeout", {&out->timeout_s, {1, 3600}}},
         {"--count", {&out->count, {1, 1000000}}},
-        {"--for", {&out->for_s, {1, 86400}}}};
+        {"--for", {&out->for_s, {1, 86400}}},
+        {"--max-clients", {&out->max_clients, {1, 1024}}},
+        {"--max-frame", {&out->max_frame, {1024, 16777216}}}};
     for (size_t i = 0; i < args.size(); ++i) {
         const std::string &arg = args[i];
         if (arg == "-h" || arg == "--help") {

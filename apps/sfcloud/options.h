@@ -27,6 +27,10 @@ struct Options {
     int timeout_s = 10;
     int count = 0;           /* watch: stop after this many messages (0: never) */
     int for_s = 0;           /* watch: stop after this many seconds (0: never) */
+    std::string http = "127.0.0.1:8080"; /* serve: address of the web console */
+    std::string web_root = "web/dist";   /* serve: the built page */
+    int max_clients = 16;    /* serve: WebSocket relay clients at once */
+    int max_frame = 262144;  /* serve: bytes of one WebSocket message from a browser */
     bool json = false;
     bool table = false;
     bool help = false;

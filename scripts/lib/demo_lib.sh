@@ -54,14 +54,18 @@ broker_start() {
   fi
 }
 
-# broker_stop DIR: SIGTERM (mosquitto saves its sessions) and wait for it.
-broker_stop() {
-  local dir=$1 pid
-  pid=$(cat "$dir/broker.pid" 2>/dev/null) || return 0
+# pid_stop FILE: SIGTERM to the process whose id FILE holds, wait up to 10 s
+# for it to end, remove FILE.
+pid_stop() {
+  local file=$1 pid
+  pid=$(cat "$file" 2>/dev/null) || return 0
   kill -TERM "$pid" 2>/dev/null || true
   for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-  rm -f "$dir/broker.pid"
+  rm -f "$file"
 }
+
+# broker_stop DIR: SIGTERM (mosquitto saves its sessions) and wait for it.
+broker_stop() { pid_stop "$1/broker.pid"; }
 
 # gateway_start DIR SFGW DESCRIPTION MQTT_PORT LAN_PORT [LEVEL [OPTION...]]: the
 # daemon in the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log
