@@ -44,73 +44,6 @@ const DpSchema *DeviceSchema::find(const std::string &name_or_id) const
 
 namespace {
 
-bool read_dp(const cJSON *node, const std::string &path, DpSchema *dp, std::string *error)
-{
-    JsonReader r(node, path, error);
-    long long number = 0;
-    if (r.integer("id", true, 1, 255, &number)) {
-        dp->id = static_cast<int>(number);
-    }
-    r.text("name", false, &dp->name);
-    r.text("mode", false, &dp->mode);
-    r.text("type", false, &dp->type);
-    r.text("prop", false, &dp->prop);
-    r.integer("min", false, INT32_MIN, INT32_MAX, &dp->min);
-    r.integer("max", false, INT32_MIN, INT32_MAX, &dp->max);
-    if (r.integer("scale", false, 0, 65535, &number)) {
-        dp->scale = static_cast<int>(number);
-    }
-    r.integer("max_len", false, 0, 65535, &dp->max_len);
-    if (dp->prop == "bitmap" && r.member("max_len", false) == nullptr) {
-        dp->max_len = 32;
-    }
-    r.boolean("passive", false, &dp->passive);
-    dp->has_flow = r.member("flow", false) != nullptr;
-    const cJSON *range = r.member("range", false);
-    if (range != nullptr) {
-        if (!cJSON_IsArray(range)) {
-            return r.fail("range", "expected an array");
-        }
-        for (const cJSON *name = range->child; name != nullptr; name = name->next) {
-            if (!cJSON_IsString(name)) {
-                return r.fail("range", "expected names");
-            }
-            dp->range.emplace_back(name->valuestring);
-        }
-    }
-    if (dp->type == "obj" && dp->prop.empty()) {
-        return r.fail("prop", "missing key");
-    }
-    return r.ok();
-}
-
-bool read_device(const cJSON *node, const std::string &path, DeviceSchema *device, std::string *error)
-{
-    JsonReader r(node, path, error);
-    r.text("id", true, &device->id);
-    r.boolean("bind", false, &device->bind);
-    r.boolean("preprocess", false, &device->preprocess);
-    const cJSON *dps = r.member("dps", false);
-    if (!r.ok()) {
-        return false;
-    }
-    if (dps == nullptr) {
-        return true;
-    }
-    if (!cJSON_IsArray(dps)) {
-        return r.fail("dps", "expected an array");
-    }
-    int i = 0;
-    for (const cJSON *item = dps->child; item != nullptr; item = item->next, ++i) {
-        DpSchema dp;
-        if (!read_dp(item, element_path(path, "dps", i), &dp, error)) {
-            return false;
-        }
-        device->dps.push_back(dp);
-    }
-    return true;
-}
-
 long long pow10(int scale)
 {
     long long factor = 1;
@@ -139,34 +72,36 @@ bool is_base64(const char *text)
 
 } // namespace
 
-bool read_schemas(const cJSON *root, std::vector<DeviceSchema> *out, std::string *error)
+DeviceSchema schema_of(const gw_desc::DeviceLayout &device)
 {
-    if (!cJSON_IsObject(root)) {
-        *error = "document: expected an object";
-        return false;
-    }
-    DeviceSchema gateway;
-    if (!read_device(cJSON_GetObjectItemCaseSensitive(root, "gateway"), "gateway", &gateway, error)) {
-        return false;
-    }
-    out->push_back(gateway);
-    const cJSON *devices = cJSON_GetObjectItemCaseSensitive(root, "devices");
-    if (devices == nullptr) {
-        return true;
-    }
-    if (!cJSON_IsArray(devices)) {
-        *error = "devices: expected an array";
-        return false;
-    }
-    int i = 0;
-    for (const cJSON *item = devices->child; item != nullptr; item = item->next, ++i) {
-        DeviceSchema device;
-        if (!read_device(item, element_path("", "devices", i), &device, error)) {
-            return false;
+    DeviceSchema out;
+    out.id = device.id;
+    out.bind = device.bind;
+    out.preprocess = device.preprocess;
+    for (const gw_desc::DpLayout &layout : device.dps) {
+        DpSchema dp;
+        const DP_DESC_IF_S &desc = layout.desc;
+        dp.id = desc.dp_id;
+        dp.name = layout.name;
+        dp.mode = gw_desc::mode_name(desc.mode);
+        dp.type = gw_desc::type_name(desc.type);
+        dp.prop = desc.type == DP_TYPE_OBJ ? gw_desc::prop_name(desc.prop_tp) : "";
+        if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_VALUE) {
+            dp.min = layout.limits.prop_value.min;
+            dp.max = layout.limits.prop_value.max;
+            dp.step = layout.limits.prop_value.step;
+            dp.scale = layout.limits.prop_value.scale;
+        } else if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_STR) {
+            dp.max_len = layout.limits.prop_str.max_len;
+        } else if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_BITMAP) {
+            dp.max_len = layout.limits.prop_bitmap.max_len;
         }
-        out->push_back(device);
+        dp.range = layout.enum_names;
+        dp.passive = desc.passive != PSV_NONE;
+        dp.has_flow = layout.has_flow;
+        out.dps.push_back(dp);
     }
-    return true;
+    return out;
 }
 
 bool value_fits(const DpSchema &dp, const cJSON *value, std::string *why)
