@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cloud_defs/gw_intf.h"
+#include "gateway/rules/dp_rules.h"
 #include "services/uni_mutex.h"
 #include "wire_validate.h"
 
@@ -26,7 +27,7 @@ std::string printed(const cJSON *item);
 const char *type_name(const cJSON *item);
 
 /* A JSON number without fraction, within long long; *out its value. */
-bool integral(const cJSON *item, long long *out);
+using gw_rules::integral;
 
 /*
  * The node a device id names, resolved as the module resolves it (the

@@ -10,7 +10,6 @@
 #include <strings.h>
 
 #include <atomic>
-#include <cmath>
 
 #include "wire_check.h"
 #include "wire_json.h"
@@ -64,19 +63,6 @@ const char *type_name(const cJSON *item)
         return "an object";
     }
     return "null";
-}
-
-bool integral(const cJSON *item, long long *out)
-{
-    if (!cJSON_IsNumber(item)) {
-        return false;
-    }
-    const double d = item->valuedouble;
-    if (!(d >= -9.0e18 && d <= 9.0e18) || std::floor(d) != d) {
-        return false;
-    }
-    *out = static_cast<long long>(d);
-    return true;
 }
 
 DEV_CNTL_N_S *device_named(const char *id)

@@ -1,9 +1,8 @@
 /*
  * The edge check's rules held against a loaded registry, without broker
- * or sockets: the corners the channel tests (wire_validation_test.cpp) do
- * not reach, and the refusal's text. Here rather than in tests/unit/posix
- * because the check reads the module's DP model, and only this executable
- * links the module whole.
+ * or sockets: the corners the channel tests (tests/integration/wire_validation_test.cpp) do
+ * not reach, and the refusal's text. The gateway's unit executable links
+ * the module whole, whose DP model the check reads.
  */
 #include <gtest/gtest.h>
 
