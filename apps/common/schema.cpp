@@ -173,6 +173,7 @@ bool value_fits(const DpSchema &dp, const cJSON *value, std::string *why)
         break;
     }
     case gw_rules::Verdict::TooLong: *why = "longer than " + std::to_string(dp.max_len) + " characters"; break;
+    case gw_rules::Verdict::NulInString: *why = "the text holds a NUL (\\u0000)"; break;
     default: *why = "a " + dp.type + " DP takes no value"; break;
     }
     return false;

@@ -26,6 +26,12 @@ std::string printed(const cJSON *item);
 /* "a string", "a number", ... for the reasons. */
 const char *type_name(const cJSON *item);
 
+/* Why a string holding a NUL (a raw node, wire_nul.h) is refused, ending with the string as sent. */
+std::string nul_reason(const cJSON *raw);
+
+/* The first string value of doc, outside its "dps", that held a NUL (wire_nul.h); *key its member. */
+const cJSON *nul_string_outside_dps(const cJSON *doc, const char **key);
+
 /* A JSON number without fraction, within long long; *out its value. */
 using gw_rules::integral;
 

@@ -61,6 +61,7 @@ std::string reason(gw_rules::Verdict verdict, const DP_CNTL_S *dp, const cJSON *
         return std::to_string(std::strlen(value->valuestring)) + " bytes, at most " +
                std::to_string(prop.prop_str.max_len);
     case gw_rules::Verdict::BadBase64: return "not well-formed base64";
+    case gw_rules::Verdict::NulInString: return nul_reason(value);
     default: return "property type unknown to the gateway";
     }
 }
@@ -75,6 +76,7 @@ const char *code_of(gw_rules::Verdict verdict)
     case gw_rules::Verdict::UnknownEnum: return "unknown_enum";
     case gw_rules::Verdict::TooLong: return "too_long";
     case gw_rules::Verdict::BadBase64: return "bad_base64";
+    case gw_rules::Verdict::NulInString: return "nul_in_string";
     default: return "not_writable";
     }
 }

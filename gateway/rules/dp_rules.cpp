@@ -4,6 +4,7 @@
 #include "dp_rules.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -15,14 +16,15 @@ namespace {
 
 Verdict integer_value(const DP_DESC_IF_S &desc, const DP_PROP_VALUE_U &limits, const cJSON *value)
 {
-    long long n = 0;
-    if (!integral(value, &n)) {
+    if (!cJSON_IsNumber(value) || std::floor(value->valuedouble) != value->valuedouble) {
         return Verdict::BadType;
     }
+    /* compared as doubles, which hold every bound exactly: 1e308 is out of range, not of the wrong type */
     const Range range = range_of(desc, limits);
-    if (n < range.lo || n > range.hi) {
+    if (value->valuedouble < static_cast<double>(range.lo) || value->valuedouble > static_cast<double>(range.hi)) {
         return Verdict::OutOfRange;
     }
+    const long long n = static_cast<long long>(value->valuedouble);
     const long long step = limits.prop_value.step;
     if (desc.prop_tp == PROP_VALUE && step > 1 && (n - range.lo) % step != 0) {
         return Verdict::OffStep;
@@ -63,7 +65,8 @@ unsigned bitmap_bits(const DP_PROP_VALUE_U &limits)
 Range range_of(const DP_DESC_IF_S &desc, const DP_PROP_VALUE_U &limits)
 {
     if (desc.prop_tp == PROP_BITMAP) {
-        return {0, static_cast<long long>((1ULL << bitmap_bits(limits)) - 1)};
+        const long long bits_max = static_cast<long long>((1ULL << bitmap_bits(limits)) - 1);
+        return {0, bits_max < INT32_MAX ? bits_max : INT32_MAX};
     }
     return {limits.prop_value.min, limits.prop_value.max};
 }
@@ -80,11 +83,14 @@ int enum_index(const DP_PROP_ENUM_S &names, const char *name)
 
 Verdict check_value(const DP_DESC_IF_S &desc, const DP_PROP_VALUE_U &limits, const cJSON *value)
 {
+    if (desc.type != DP_TYPE_OBJ && desc.type != DP_TYPE_RAW) {
+        return Verdict::NotValued;
+    }
+    if (cJSON_IsRaw(value)) {
+        return Verdict::NulInString;
+    }
     if (desc.type == DP_TYPE_RAW) {
         return raw_value(value);
-    }
-    if (desc.type != DP_TYPE_OBJ) {
-        return Verdict::NotValued;
     }
     switch (desc.prop_tp) {
     case PROP_BOOL:

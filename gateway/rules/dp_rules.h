@@ -2,7 +2,8 @@
  * The one statement of what a DP accepts as a value, by its type: a bool,
  * an integer within min..max on the step from min, a string of at most
  * max_len bytes, one of the enum's names, a bitmap within its bits, base64
- * text for a raw DP. The gateway's command edge (gateway/edge) and the
+ * text for a raw DP; never a string holding a NUL, which no reader after
+ * the edge would get whole. The gateway's command edge (gateway/edge) and the
  * console's `set` (apps/common/schema.cpp) both ask it, so they cannot
  * disagree; each words the verdict for its own readers.
  *
@@ -32,15 +33,24 @@ enum class Verdict {
     TooLong,     /* a string DP's text longer than max_len bytes */
     BadBase64,   /* a raw DP's text that is not well-formed base64 */
     NotValued,   /* a file DP, or a property type the rules do not know: no value fits */
+    NulInString, /* a string that held a NUL, kept whole as a raw node (gateway/edge/wire_nul.h) */
 };
 
-/* The integers a value or bitmap DP accepts, lo..hi. */
+/*
+ * The integers a value or bitmap DP accepts, lo..hi. A bitmap holds at
+ * most 2147483647 whatever its bits: the module hands a command's number
+ * over through cJSON's valueint, an int that stops there (KL_OBJ_DP_S's
+ * dp_bitmap would get 2147483647 for 2^31..2^32-1).
+ */
 struct Range {
     long long lo;
     long long hi;
 };
 
-/* Whether value fits the DP described by desc and limits. */
+/*
+ * Whether value fits the DP described by desc and limits. An integral
+ * number beyond any range (1e308) is out of range, a fraction a bad type.
+ */
 Verdict check_value(const DP_DESC_IF_S &desc, const DP_PROP_VALUE_U &limits, const cJSON *value);
 
 /* The range check_value holds an integer of a value or bitmap DP to. */

@@ -160,7 +160,8 @@ const Sample kSamples[] = {
     {3, "\"abc\"", ""}, {3, "\"\"", ""}, {3, "\"abcd\"", "too_long"}, {3, "3", "bad_type"},
     {4, "\"high\"", ""}, {4, "\"HIGH\"", "unknown_enum"}, {4, "1", "bad_type"},
     {5, "255", ""}, {5, "256", "out_of_range"}, {5, "-1", "out_of_range"}, {5, "1.5", "bad_type"},
-    {6, "0", ""}, {6, "2147483647", ""},
+    {6, "0", ""}, {6, "2147483647", ""}, {6, "2147483648", "out_of_range"}, {6, "4294967295", "out_of_range"},
+    {2, "1e308", "out_of_range"}, {6, "-1e308", "out_of_range"},
     {7, "\"AQID\"", ""}, {7, "\"AQI\"", "bad_base64"}, {7, "12", "bad_type"},
 };
 
