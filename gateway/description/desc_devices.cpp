@@ -130,10 +130,9 @@ bool parse_dp(const cJSON *node, const std::string &path, DpLayout *dp, LoadErro
     return r.no_unknown_keys();
 }
 
-} // namespace
-
-bool parse_device(const cJSON *node, const std::string &path, const OtherSections &others, DeviceLayout *out,
-                  LoadError *error)
+/* parse_device and parse_gateway with error->file set: the readers record every refusal there. */
+bool read_device(const cJSON *node, const std::string &path, const OtherSections &others, DeviceLayout *out,
+                 LoadError *error)
 {
     Reader r(node, path, error);
     skip_all(r, others.device);
@@ -174,10 +173,9 @@ bool parse_device(const cJSON *node, const std::string &path, const OtherSection
     return r.no_unknown_keys();
 }
 
-bool parse_gateway(const cJSON *root, const std::string &file, const OtherSections &others, GatewayLayout *out,
-                   LoadError *error)
+bool read_gateway(const cJSON *root, const OtherSections &others, GatewayLayout *out, LoadError *error)
 {
-    error->file = file;
+    const std::string file = error->file;
     Reader top(root, "", error);
     skip_all(top, others.top);
     const cJSON *gateway = top.member("gateway", true);
@@ -195,7 +193,7 @@ bool parse_gateway(const cJSON *root, const std::string &file, const OtherSectio
     }
     OtherSections own_others = others;
     own_others.device.push_back("local_key");
-    if (!parse_device(gateway, "gateway", own_others, &out->own, error)) {
+    if (!read_device(gateway, "gateway", own_others, &out->own, error)) {
         return false;
     }
     out->id = out->own.id;
@@ -207,7 +205,7 @@ bool parse_gateway(const cJSON *root, const std::string &file, const OtherSectio
     for (const cJSON *item = devices->child; item != nullptr; item = item->next, ++i) {
         DeviceLayout device;
         const std::string at = element_path("", "devices", i);
-        if (!parse_device(item, at, others, &device, error)) {
+        if (!read_device(item, at, others, &device, error)) {
             return false;
         }
         /* commands name the gateway case-insensitively, so such a sub-device could never be reached */
@@ -220,6 +218,32 @@ bool parse_gateway(const cJSON *root, const std::string &file, const OtherSectio
         out->devices.push_back(std::move(device));
     }
     return true;
+}
+
+} // namespace
+
+bool parse_device(const cJSON *node, const std::string &file, const std::string &path, const OtherSections &others,
+                  DeviceLayout *out, LoadError *error)
+{
+    LoadError found;
+    found.file = file;
+    if (read_device(node, path, others, out, &found)) {
+        return true;
+    }
+    *error = found;
+    return false;
+}
+
+bool parse_gateway(const cJSON *root, const std::string &file, const OtherSections &others, GatewayLayout *out,
+                   LoadError *error)
+{
+    LoadError found;
+    found.file = file;
+    if (read_gateway(root, others, out, &found)) {
+        return true;
+    }
+    *error = found;
+    return false;
 }
 
 const char *mode_name(DP_MODE_E mode) { return name_of(kModes, mode); }

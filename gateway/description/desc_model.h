@@ -54,13 +54,13 @@ struct OtherSections {
     std::vector<std::string> device;
 };
 
-/* Check a whole parsed description into *out; false with *error (error->file = file). */
+/* Check a whole parsed description into *out; false with *error ("file: path: why"), untouched on success. */
 bool parse_gateway(const cJSON *root, const std::string &file, const OtherSections &others, GatewayLayout *out,
                    LoadError *error);
 
-/* Check one device object found at path (error->file set by the caller). */
-bool parse_device(const cJSON *node, const std::string &path, const OtherSections &others, DeviceLayout *out,
-                  LoadError *error);
+/* Check one device object found at path of file, the same way. */
+bool parse_device(const cJSON *node, const std::string &file, const std::string &path, const OtherSections &others,
+                  DeviceLayout *out, LoadError *error);
 
 /* The description's names of a DP's mode, type and property type ("rw", "obj", "value"). */
 const char *mode_name(DP_MODE_E mode);

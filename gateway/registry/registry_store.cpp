@@ -301,10 +301,9 @@ OPERATE_RET add_device(const std::string &device_json, LoadError *error)
     static const std::string kLabel = "device";
     LoadError scratch;
     LoadError *why = error_or(error, &scratch);
-    why->file = kLabel;
     const gw_desc::Json root = gw_desc::parse_text(device_json, kLabel, why);
     detail::DeviceLayout layout;
-    if (root == nullptr || !gw_desc::parse_device(root.get(), "", {}, &layout, why)) {
+    if (root == nullptr || !gw_desc::parse_device(root.get(), kLabel, "", {}, &layout, why)) {
         return RC_BAD_PARAM;
     }
     DEV_CNTL_N_S *node = detail::build_node(layout);
