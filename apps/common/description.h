@@ -1,10 +1,12 @@
 /*
  * The gateway description of the apps: the registry's document
- * (docs/gateway-description.md) plus two things only the apps read,
+ * (docs/gateway-description.md) plus two sections only the apps read,
  *   - "connection" at the top: broker and LAN settings of the daemon;
  *   - "sim" in any device object: how the simulated device behaves.
- * read_description parses the file, takes these out and keeps the rest
- * as the text the registry loads, so every key path stays the same.
+ * read_description parses the file once (gateway/description): the
+ * devices and DPs become the gateway's model, which the registry loads as
+ * it is (gw_registry::load_layout), and the apps' sections are read from
+ * the same tree, so nothing is parsed twice and every key path stays.
  */
 #ifndef APPS_COMMON_DESCRIPTION_H
 #define APPS_COMMON_DESCRIPTION_H
@@ -13,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/description/desc_model.h"
 #include "schema.h"
 
 namespace apps {
@@ -78,26 +81,19 @@ struct Description {
     std::vector<DeviceDescription> devices; /* the gateway's own device first */
     MqttSettings mqtt;
     LanSettings lan;
-    std::string registry_text; /* the document without "connection" and "sim" */
+    gw_desc::GatewayLayout layout; /* the devices and DPs as the registry loads them */
 
     const DeviceDescription *find(const std::string &id) const;
 };
 
-/* The whole file; false with *error = "file: cannot read the file: why". */
-bool read_file(const std::string &file, std::string *text, std::string *error);
-
-/*
- * The part of a description the registry loads: the document without
- * "connection" and the devices' "sim". false with *error = "file: not
- * valid JSON (near line L, column C)" or "file: document: expected an object".
- */
-bool registry_text_of(const std::string &text, const std::string &file, std::string *out, std::string *error);
+/* The sections the apps read and the registry leaves to them: "connection", and "sim" in a device. */
+const gw_desc::OtherSections &apps_sections();
 
 /*
  * Read and check a whole description. false with *error = "file: key
  * path: why" (e.g. "gw.json: devices[2].sim.drift.dp: no DP \"temp\" in
- * the device"). The daemon lets the registry check its part first, so a
- * schema error is worded by the registry.
+ * the device"). The devices and DPs are checked first, in the words of
+ * the registry (the same reader), then "connection", then each "sim".
  */
 bool read_description_text(const std::string &text, const std::string &file, Description *out, std::string *error);
 bool read_description(const std::string &file, Description *out, std::string *error);

@@ -37,7 +37,7 @@ int Gateway::lan_port() const { return lan_started_ ? lan_bound_port() : 0; }
 bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string *why)
 {
     gw_registry::LoadError error;
-    if (!gw_registry::load_text(description_.registry_text, description_.file, &error)) {
+    if (!gw_registry::load_layout(description_.layout, description_.file, &error)) {
         *why = error.text();
         return false;
     }

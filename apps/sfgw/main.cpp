@@ -8,34 +8,13 @@
 #include <vector>
 
 #include "common/description.h"
+#include "description_check.h"
 #include "gateway.h"
 #include "options.h"
-#include "gateway/registry/gw_registry.h"
 #include "port/posix/log/log_output.h"
 #include "port/posix/runtime/posix_runtime.h"
 
 namespace {
-
-/*
- * The whole description checked in the order a reader fixes it: JSON
- * first, then the registry's part (worded by the registry's loader), then
- * the apps' own sections.
- */
-bool check_description(const std::string &file, apps::Description *out, std::string *why)
-{
-    std::string text;
-    std::string registry_text;
-    if (!apps::read_file(file, &text, why) || !apps::registry_text_of(text, file, &registry_text, why)) {
-        return false;
-    }
-    gw_registry::LoadError error;
-    if (!gw_registry::load_text(registry_text, file, &error)) {
-        *why = error.text();
-        return false;
-    }
-    gw_registry::unload();
-    return apps::read_description_text(text, file, out, why);
-}
 
 size_t sub_device_count(const apps::Description &description) { return description.devices.size() - 1; }
 
@@ -64,7 +43,7 @@ int main(int argc, char **argv)
         uni_log_set_level(options.log_level);
     }
     apps::Description description;
-    if (!check_description(options.description, &description, &why)) {
+    if (!sfgw::check_description(options.description, &description, &why)) {
         std::fprintf(stderr, "sfgw: %s\n", why.c_str());
         return sfgw::EXIT_USAGE;
     }

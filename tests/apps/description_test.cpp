@@ -1,4 +1,5 @@
 #include "common/description.h"
+#include "gateway/registry/gw_registry.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +19,7 @@ const char *const SAMPLE = R"({
   ]
 })";
 
-TEST(Description, ReadsConnectionAndSimulationAndKeepsTheRestForTheRegistry)
+TEST(Description, ReadsConnectionAndSimulationAndTheRegistrysModelFromOneParse)
 {
     apps::Description d;
     std::string why;
@@ -45,9 +46,12 @@ TEST(Description, ReadsConnectionAndSimulationAndKeepsTheRestForTheRegistry)
     EXPECT_EQ(2, t1->sim.drift.toward);
     EXPECT_EQ(2, t1->sim.drift.step);
     EXPECT_EQ(4, t1->sim.drift.every_s);
-    EXPECT_EQ(std::string::npos, d.registry_text.find("connection"));
-    EXPECT_EQ(std::string::npos, d.registry_text.find("sim"));
-    EXPECT_NE(std::string::npos, d.registry_text.find("\"local_key\":\"k1\""));
+    EXPECT_EQ("gw1", d.layout.id);
+    EXPECT_EQ("k1", d.layout.local_key);
+    ASSERT_EQ(1u, d.layout.devices.size());
+    ASSERT_EQ(2u, d.layout.devices[0].dps.size());
+    EXPECT_EQ(300, d.layout.devices[0].dps[0].limits.prop_value.max);
+    EXPECT_EQ(1, d.layout.devices[0].dps[0].limits.prop_value.scale);
 }
 
 TEST(Description, TheMqttProtocolIsReadAndAnyOtherVersionIsRefused)
@@ -102,15 +106,17 @@ TEST(Description, ErrorsNameTheFileTheKeyPathAndWhy)
               error_of(R"({"gateway":{"id":"g","sim":{"heartbeat_s":5}}})"));
 }
 
-TEST(Description, RegistryTextOfTakesOutOnlyTheAppsSections)
+TEST(Description, TheRegistryLeavesTheAppsSectionsToTheApps)
 {
-    std::string out;
-    std::string why;
-    ASSERT_TRUE(apps::registry_text_of(SAMPLE, "gw.json", &out, &why));
-    EXPECT_EQ(0u, out.find("{\"gateway\":{\"id\":\"gw1\""));
-    EXPECT_EQ(std::string::npos, out.find("\"sim\""));
-    EXPECT_FALSE(apps::registry_text_of("{", "gw.json", &out, &why));
-    EXPECT_EQ("gw.json: not valid JSON (near line 1, column 2)", why);
+    gw_desc::Json root(cJSON_Parse(SAMPLE));
+    ASSERT_NE(nullptr, root);
+    gw_registry::LoadError error;
+    EXPECT_FALSE(gw_registry::load_document(root.get(), "gw.json", {}, &error));
+    EXPECT_EQ("gw.json: connection: unknown key", error.text());
+    ASSERT_TRUE(gw_registry::load_document(root.get(), "gw.json", apps::apps_sections(), &error)) << error.text();
+    EXPECT_EQ(2u, gw_registry::device_count());
+    EXPECT_EQ("k1", gw_registry::local_key());
+    gw_registry::unload();
 }
 
 TEST(Description, AMissingFileSaysWhy)

@@ -36,7 +36,7 @@ LAN_REFUSED = 64
 REFUSAL_CODES = {
     "bad_shape", "bad_device_id", "unknown_device", "bad_dp_key", "unknown_dp", "duplicate_dp",
     "not_writable", "bad_type", "out_of_range", "off_step", "unknown_enum", "too_long", "bad_base64",
-    "too_many_ids",
+    "too_many_ids", "nul_in_string",
 }
 REFUSAL_KEYS = ["cmd", "sn", "mbid", "devId", "dp", "code", "reason"]
 KINDS = {"dp", "group", "scene", "query"}

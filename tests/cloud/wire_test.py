@@ -179,6 +179,9 @@ REFUSALS = [
     ("query", '{"sn":132,"cids":["lamp99"],"dpids":[1]}', "lamp99", None, "unknown_device"),
     ("query", '{"sn":133,"cids":["plug01"],"dpids":[42]}', "plug01", "42", "unknown_dp"),
     ("query", '{"sn":134,"dpids":["one"]}', None, "one", "bad_dp_key"),
+    ("dp", '{"sn":135,"devId":"bulb01","dps":{"24":"on\\u0000off"}}', "bulb01", "24", "nul_in_string"),
+    ("dp", '{"sn":136,"devId":"bulb01\\u0000","dps":{"24":"on"}}', "bulb01\u0000", None, "nul_in_string"),
+    ("dp", '{"sn":137,"devId":"thermo01","dps":{"2":1e308}}', "thermo01", "2", "out_of_range"),
 ]
 
 
