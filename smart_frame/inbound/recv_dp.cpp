@@ -27,11 +27,12 @@
 #include "../sf_lock.h"
 #include "../sf_raii.h"
 #include "inbound.h"
+#include "../sf_tunables.h"
 
 namespace {
 
 /* Capacity of the list of unchanged DPs; a command with more equal DPs gets no echo. */
-constexpr size_t QUERY_DP_CAP = 64;
+constexpr size_t QUERY_DP_CAP = SF_QUERY_ECHO_CAP;
 
 bool is_raw_text(const DP_CNTL_S *dp, const cJSON *member)
 {

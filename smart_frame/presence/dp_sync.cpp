@@ -13,12 +13,13 @@
 #include "../report/report.h"
 #include "../sf_log.h"
 #include "presence.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr TIME_MS DP_SYNC_DELAY_MS = 2000;
-constexpr UINT_T SYNC_PACK_BUDGET = 300; /* allowance units of the packing, about one message */
-constexpr UINT_T SYNC_REPORT_TIMEOUT_S = 10;
+constexpr TIME_MS DP_SYNC_DELAY_MS = SF_DP_SYNC_DELAY_MS;
+constexpr UINT_T SYNC_PACK_BUDGET = SF_DP_SYNC_PACK_BUDGET;
+constexpr UINT_T SYNC_REPORT_TIMEOUT_S = SF_DP_SYNC_REPORT_TIMEOUT_S;
 constexpr INT_T CONN_UP = 1;
 
 } // namespace

@@ -21,19 +21,20 @@
 #include "../sf_lock.h"
 #include "presence.h"
 #include "sub_device.h"
+#include "../sf_tunables.h"
 
 using sf::sf_cntl;
 
 namespace {
 
-constexpr TIME_MS PASS_PERIOD_MS = 8000;
-constexpr TIME_S MIN_HB_TIMEOUT_S = 60;
-constexpr TIME_S NEVER_TIMES_OUT = 0xFFFFFFFF; /* always online, never probed */
-constexpr TIME_S NEVER_PROBED = 43200;         /* 12 h: supervised, never probed */
-constexpr TIME_S PROBE_LEAD_S = 20;            /* probes start this long before the time-out */
-constexpr UINT_T DEFAULT_PROBE_LIMIT = 2;      /* stands in for a limit of 0 */
-constexpr int FIRST_PROBE_SPREAD_S = 15;       /* first probe 0 to 14 s after configuration */
-constexpr UINT_T LAST_QUIET_PASS = 100;        /* per-device lines in one pass of 101 */
+constexpr TIME_MS PASS_PERIOD_MS = SF_HB_PASS_PERIOD_MS;
+constexpr TIME_S MIN_HB_TIMEOUT_S = SF_HB_MIN_TIMEOUT_S;
+constexpr TIME_S NEVER_TIMES_OUT = SF_HB_NEVER_TIMES_OUT;
+constexpr TIME_S NEVER_PROBED = SF_HB_NEVER_PROBED;
+constexpr TIME_S PROBE_LEAD_S = SF_HB_PROBE_LEAD_S;
+constexpr UINT_T DEFAULT_PROBE_LIMIT = SF_HB_DEFAULT_PROBE_LIMIT;
+constexpr int FIRST_PROBE_SPREAD_S = SF_HB_FIRST_PROBE_SPREAD_S;
+constexpr UINT_T LAST_QUIET_PASS = SF_HB_QUIET_PASSES;
 
 /* Pass counter; dispatch thread only. The per-device lines are logged when it wraps to 0. */
 UINT_T count = 0;

@@ -16,11 +16,12 @@
 #include "../json_helpers.h"
 #include "packed_sync.h"
 #include "report.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr UINT_T BASE_ALLOWANCE = 10;
-constexpr size_t DP_KEY_LEN = 10; /* "255" and a terminator, with room to spare */
+constexpr UINT_T BASE_ALLOWANCE = SF_PACK_BASE_ALLOWANCE;
+constexpr size_t DP_KEY_LEN = SF_DP_KEY_BYTES;
 
 /* Not waiting for a confirmation, or never re-published from here. */
 bool skipped(const DEV_CNTL_N_S *dev_cntl, const DP_CNTL_S *dp)
