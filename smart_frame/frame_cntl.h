@@ -35,6 +35,9 @@ extern SMT_FRM_CNTL_S sf_cntl;
 /* Whether smart_frame_init has succeeded. */
 bool frame_inited();
 
+/* Record that smart_frame_init has succeeded; start-up only. */
+void set_frame_inited();
+
 } // namespace sf
 
 #endif /* SF_FRAME_CNTL_H */
