@@ -137,7 +137,7 @@ extern "C" void __sf_dev_ol_stat_update(DEV_CNTL_N_S *dev_cntl, const BOOL_T onl
     bool need_update = false;
     bool chain_running = false;
     {
-        sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+        sf::Hold lock(sf::dos_mutex);
         /* a pending device is re-marked even unchanged; a sent or reported one only by a real change */
         if (dev_cntl->attr.dosm == DOSM_PENDING || dev_cntl->attr.stat != online) {
             dev_cntl->attr.stat = static_cast<DEV_OL_STAT_T>(online & 0xFF);
@@ -185,7 +185,7 @@ extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
         return;
     }
 
-    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex);
     for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
         if (online.full() || offline.full()) {
             break; /* the rest waits for a later batch */
@@ -241,7 +241,7 @@ extern "C" void __mq_online_stat_async_ifm_cb(const OPERATE_RET op_ret, const vo
         /* the batch's devices stay SENDING: the next run sends them again */
         SF_LOG_ERR("err:%d", op_ret);
     } else {
-        sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+        sf::Hold lock(sf::dos_mutex);
         for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
             /* devices re-marked PENDING meanwhile keep their mark */
             if (dev->attr.dosm == DOSM_SENDING) {
