@@ -44,8 +44,8 @@
 
 /*
  * Largest count of the semaphore of one synchronous report [1..]. Exactly one
- * completion posts it, so any value from 1 up works; 10 is what the platform's
- * semaphore is created with everywhere else.
+ * completion posts it, so any value from 1 up works; a port whose semaphores
+ * cost memory per count may lower it to 1.
  */
 #ifndef SF_SYNC_REPORT_SEM_MAX
 #define SF_SYNC_REPORT_SEM_MAX 10
@@ -321,7 +321,7 @@
 /* ======================= Ranges of what a port sets ======================= */
 
 #if SF_OBJ_REPORT_TIMEOUT_S < 1 || SF_DP_SYNC_REPORT_TIMEOUT_S < 1 || SF_PRESENCE_TIMEOUT_S < 1
-#error "an MQTT time-out of 0 seconds would give every publication up at once"
+#error "an MQTT time-out is at least 1 second (0 would leave it to the client's own default)"
 #endif
 #if SF_SYNC_REPORT_SEM_MAX < 1
 #error "SF_SYNC_REPORT_SEM_MAX must let the completion post once"
