@@ -4,7 +4,7 @@
 
 namespace {
 
-TEST(PageDescription, KeepsNamesAndSchemasAndLeavesOutTheKeyAndTheConnection)
+TEST(PageDescription, KeepsNamesAndSchemasAndLeavesOutTheKeyTheConnectionAndTheSimulator)
 {
     apps::Description d;
     std::string why;
@@ -16,9 +16,9 @@ TEST(PageDescription, KeepsNamesAndSchemasAndLeavesOutTheKeyAndTheConnection)
         "gw.json", &d, &why))
         << why;
     EXPECT_EQ(sfcloud::page_description(&d),
-              R"({"gateway":{"id":"gw1","dps":[{"id":1,"name":"alarm","prop":"bool"}]},)"
-              R"("devices":[{"id":"t1","dps":[{"id":2,"name":"temp","prop":"value","min":0,"max":500,"scale":1}]}],)"
-              R"("topic_root":"fleet"})");
+              R"({"gateway":{"id":"gw1","dps":[{"id":1,"name":"alarm","mode":"rw","type":"obj","prop":"bool"}]},)"
+              R"("devices":[{"id":"t1","dps":[{"id":2,"name":"temp","mode":"rw","type":"obj","prop":"value",)"
+              R"("min":0,"max":500,"step":1,"scale":1}]}],"topic_root":"fleet"})");
 }
 
 TEST(PageDescription, IsEmptyWithoutADescription)
