@@ -89,6 +89,19 @@ std::string SimDevice::report_of(const std::vector<int> &dpids) const
     return values.empty() ? "" : report_text(values);
 }
 
+std::vector<int> SimDevice::answerable(const std::vector<int> &dpids) const
+{
+    std::vector<int> out;
+    for (const apps::DpSchema &dp : schema_.dps) {
+        const bool asked = dpids.empty() || std::find(dpids.begin(), dpids.end(), dp.id) != dpids.end();
+        const bool held_back = dp.passive && schema_.preprocess;
+        if (asked && reportable(dp) && !held_back) {
+            out.push_back(dp.id);
+        }
+    }
+    return out;
+}
+
 void SimDevice::restore(const DpValues &values)
 {
     for (const auto &value : values) {

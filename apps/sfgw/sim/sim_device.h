@@ -44,6 +44,13 @@ public:
     std::string report_of(const std::vector<int> &dpids) const;
 
     /*
+     * The DPs of a query the gateway can answer from the values it holds:
+     * the asked ones (every one when dpids is empty) that are reported
+     * object DPs, less the passive DPs a preprocessing device holds back.
+     */
+    std::vector<int> answerable(const std::vector<int> &dpids) const;
+
+    /*
      * The state the device kept while the gateway was down (restored
      * values, JSON): it wins over the description's start-up values.
      */

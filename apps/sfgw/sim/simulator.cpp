@@ -126,11 +126,7 @@ void Simulator::query(const std::string &cid, std::vector<int> dpids)
         if (device == nullptr || device->silent()) {
             return;
         }
-        const std::string text = device->report_of(dpids);
-        if (!text.empty()) {
-            /* a query asks for the values even when the cloud has them already */
-            report(*device, text, true);
-        }
+        answer_query(*device, dpids);
     });
 }
 
@@ -211,6 +207,34 @@ void Simulator::report(SimDevice &device, const std::string &text, bool force)
     }
     const OPERATE_RET rc = sf_obj_dp_report_async(dev_arg(device), text.c_str(), force ? 1 : 0);
     SF_LOG_INFO("%s reports %s: %d", device.id().c_str(), text.c_str(), rc);
+}
+
+/*
+ * A query is the cloud asking for current values, so its answer carries
+ * every asked DP. A forced report does not do that: per-DP flow control
+ * limits spontaneous reports, force_send does not lift it, and a DP whose
+ * window was used up was left out. The answer is composed here as the
+ * report document the wire protocol describes ({"dps":..,"cid":..}, pro 4,
+ * LAN frame type 4) and published as it stands through the module's
+ * multi-DP report, which neither filters nor counts it. The device reports
+ * every change of its own, so the values the gateway holds stay current.
+ */
+void Simulator::answer_query(SimDevice &device, const std::vector<int> &dpids)
+{
+    if (!device.schema().bind || device.silent()) {
+        return;
+    }
+    const std::vector<int> asked = device.answerable(dpids);
+    if (asked.empty()) {
+        return;
+    }
+    std::string text = "{\"dps\":" + device.report_of(asked);
+    if (!device.is_gateway()) {
+        text += ",\"cid\":" + apps::json_quote(device.id());
+    }
+    text += "}";
+    const OPERATE_RET rc = sf_multi_dp_report_async(text.c_str(), static_cast<INT_T>(text.size()), 0, nullptr);
+    SF_LOG_INFO("%s answers the query with %s: %d", device.id().c_str(), text.c_str(), rc);
 }
 
 void Simulator::raw_report(SimDevice &device, int dpid)

@@ -62,6 +62,7 @@ private:
     void fire(Timer &timer);
     SimDevice *find(const std::string &cid);
     void report(SimDevice &device, const std::string &text, bool force);
+    void answer_query(SimDevice &device, const std::vector<int> &dpids);
     void raw_report(SimDevice &device, int dpid);
     void heartbeat(SimDevice &device);
     void handle_control(const std::string &payload);
