@@ -125,3 +125,20 @@ TEST(SimDevice, APassiveDpOfAPreprocessingDeviceIsLeftOutOfAnAnswer)
 }
 
 } // namespace
+
+namespace {
+
+TEST(SimDevice, StartValuesNameTheRestoredAndStartUpDpsAndTakeTheStartUpValues)
+{
+    sfgw::SimDevice device(thermostat(), false);
+    device.restore({{4, "\"eco\""}});
+    EXPECT_EQ((std::vector<int>{4, 2, 3}), device.start_values());
+    EXPECT_EQ("210", device.value_of(2));
+    EXPECT_EQ("\"eco\"", device.value_of(4));
+    /* a command before the start-up report goes out is what that report then carries */
+    std::vector<std::string> refused;
+    device.apply({{2, "250"}}, &refused);
+    EXPECT_EQ("{\"2\":250,\"3\":180,\"4\":\"eco\"}", device.report_of({4, 2, 3}));
+}
+
+} // namespace

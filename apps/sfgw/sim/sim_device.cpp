@@ -110,7 +110,7 @@ void SimDevice::restore(const DpValues &values)
     }
 }
 
-std::string SimDevice::initial_report()
+std::vector<int> SimDevice::start_values()
 {
     std::vector<int> dpids = restored_;
     for (const auto &value : sim_.initial) {
@@ -119,6 +119,12 @@ std::string SimDevice::initial_report()
             dpids.push_back(value.first);
         }
     }
+    return dpids;
+}
+
+std::string SimDevice::initial_report()
+{
+    const std::vector<int> dpids = start_values();
     return dpids.empty() ? "" : report_of(dpids);
 }
 

@@ -57,9 +57,13 @@ public:
     void restore(const DpValues &values);
 
     /*
-     * The start-up report: the description's start-up values and the
-     * restored ones, "" when the device has neither.
+     * Take the description's start-up values (a restored value wins) and
+     * return the DPs the start-up report names: the restored ones and
+     * those with a start-up value, empty when the device has neither.
      */
+    std::vector<int> start_values();
+
+    /* The start-up report text: report_of(start_values()), "" when it names no DP. */
     std::string initial_report();
 
     /* One drift step of the drifting DP; its report text, "" when it did not move. */

@@ -56,9 +56,9 @@ void Simulator::start()
             timers_.push_back({now + std::chrono::seconds(sim.raw_sample.every_s), i, Timer::RAW_SAMPLE});
         }
         device.restore(restored_values(device.schema()));
-        const std::string initial = device.initial_report();
-        if (!initial.empty()) {
-            report(device, initial, true);
+        std::vector<int> dpids = device.start_values();
+        if (!dpids.empty()) {
+            start_reports_.emplace_back(i, std::move(dpids));
         }
     }
     thread_ = std::thread([this] { run(); });
@@ -289,10 +289,40 @@ void Simulator::fire(Timer &timer)
     }
 }
 
+/*
+ * A report made before the MQTT session is up fails, and the module logs
+ * that at error level: a clean start would log one error per device and
+ * teach operators to ignore errors. So the start-up reports wait for the
+ * first connection, and carry the values the devices hold by then (a LAN
+ * command may have changed one meanwhile). While they wait, the values
+ * are the simulator's own: queries and commands are answered from them.
+ * Returns whether reports are still waiting.
+ */
+bool Simulator::report_start_values_when_connected()
+{
+    if (start_reports_.empty() || get_gw_nw_status() != GW_NW_CLOUD) {
+        return !start_reports_.empty();
+    }
+    for (const auto &start : start_reports_) {
+        SimDevice &device = devices_[start.first];
+        report(device, device.report_of(start.second), true);
+    }
+    start_reports_.clear();
+    return false;
+}
+
 void Simulator::run()
 {
+    /* how often the start-up reports look at the network state while they wait */
+    constexpr std::chrono::milliseconds CONNECTION_POLL{100};
     sf_sync::Guard hold(mutex_);
     while (!stopping_) {
+        hold.unlock();
+        const bool waiting = report_start_values_when_connected();
+        hold.lock();
+        if (stopping_) {
+            break;
+        }
         if (!jobs_.empty()) {
             std::function<void()> job = std::move(jobs_.front());
             jobs_.pop_front();
@@ -309,10 +339,17 @@ void Simulator::run()
             hold.lock();
             continue;
         }
-        if (next == timers_.end()) {
+        Clock::time_point until = Clock::time_point::max();
+        if (next != timers_.end()) {
+            until = next->due;
+        }
+        if (waiting) {
+            until = std::min(until, Clock::now() + CONNECTION_POLL);
+        }
+        if (until == Clock::time_point::max()) {
             wake_.wait(mutex_);
         } else {
-            wake_.wait_until(mutex_, next->due);
+            wake_.wait_until(mutex_, until);
         }
     }
 }

@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# What an operator sees when the real sfgw starts and stops (examples/gateway.json),
+# one check per mode:
+#   clean_start      against a reachable mosquitto 300 ms away (slow_link.py): no
+#                    line at ERROR level, and every device's start-up report goes out;
+#   connect_timeout  with no broker, --connect-timeout 3 gives up after 3 s or more;
+#   metrics_at_stop  after a clean stop the metrics file says the gateway is down
+#                    (sf_up 0, sf_mqtt_connected 0) and promtool accepts it.
+#
+#   tests/apps/start_stop_test.sh BIN_DIR MODE
+set -uo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(cd "$here/../.." && pwd)
+# shellcheck source=../../scripts/lib/demo_lib.sh
+. "$root/scripts/lib/demo_lib.sh"
+
+bin=$1
+mode=$2
+description=$root/examples/gateway.json
+work=$(mktemp -d /tmp/sf_start_stop.XXXXXX)
+link_pid=
+cleanup() {
+  gateway_kill "$work"
+  if [ -n "$link_pid" ]; then kill "$link_pid" 2>/dev/null; wait "$link_pid" 2>/dev/null; fi
+  broker_stop "$work"
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+fail() {
+  echo "FAIL: $*" >&2
+  echo "--- sfgw.log (last 30 lines)" >&2
+  tail -n 30 "$work/sfgw.log" >&2
+  exit 1
+}
+
+# poll_until SECONDS COMMAND...: true once COMMAND succeeds, false when the time is up
+poll_until() {
+  local deadline=$((SECONDS + $1))
+  shift
+  while ((SECONDS < deadline)); do
+    if "$@"; then return 0; fi
+    sleep 0.1
+  done
+  "$@"
+}
+
+mqtt_port=$(free_port)
+lan_port=$(free_port)
+while [ "$lan_port" = "$mqtt_port" ]; do lan_port=$(free_port); done
+
+start_reports_sent() { [ "$(grep -c 'INFO .* reports {.*}: 0$' "$work/sfgw.log")" -ge 5 ]; }
+
+case "$mode" in
+clean_start)
+  broker_start "$work" "$mqtt_port" || fail "broker did not start"
+  link_port=$(free_port)
+  while [ "$link_port" = "$mqtt_port" ] || [ "$link_port" = "$lan_port" ]; do link_port=$(free_port); done
+  /usr/bin/python3 "$here/slow_link.py" "$link_port" "$mqtt_port" 300 &
+  link_pid=$!
+  wait_port "$link_port" 10 || fail "the slow link did not open"
+  gateway_start "$work" "$bin/sfgw" "$description" "$link_port" "$lan_port" info || fail "sfgw did not start"
+  # the gateway and its four sub-devices have start-up values
+  poll_until 20 start_reports_sent || fail "the start-up reports did not go out"
+  gateway_stop "$work" || fail "sfgw did not stop cleanly"
+  if grep -n ' ERROR ' "$work/sfgw.log"; then fail "a clean start logged the ERROR lines above"; fi
+  echo "PASS: a clean start and stop against a reachable broker, start-up reports sent, no ERROR line"
+  ;;
+connect_timeout)
+  started=$(date +%s%N)
+  "$bin/sfgw" "$description" --mqtt-port "$mqtt_port" --no-lan --no-state --connect-timeout 3 \
+    >"$work/sfgw.out" 2>"$work/sfgw.log"
+  status=$?
+  elapsed_ms=$((($(date +%s%N) - started) / 1000000))
+  [ "$status" = 1 ] || fail "exit $status, expected 1"
+  grep -q "within 3 s" "$work/sfgw.log" || fail "no 'within 3 s' in the error"
+  [ "$elapsed_ms" -ge 3000 ] || fail "gave up after $elapsed_ms ms while saying 'within 3 s'"
+  [ "$elapsed_ms" -lt 6000 ] || fail "gave up only after $elapsed_ms ms"
+  echo "PASS: --connect-timeout 3 gave up after $elapsed_ms ms"
+  ;;
+*)
+  echo "unknown mode $mode" >&2
+  exit 2
+  ;;
+esac
