@@ -79,6 +79,24 @@ connect_timeout)
   [ "$elapsed_ms" -lt 6000 ] || fail "gave up only after $elapsed_ms ms"
   echo "PASS: --connect-timeout 3 gave up after $elapsed_ms ms"
   ;;
+metrics_at_stop)
+  broker_start "$work" "$mqtt_port" || fail "broker did not start"
+  prom=$work/sfgw.prom
+  gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info --metrics-file "$prom" \
+    --metrics-interval 1 || fail "sfgw did not start"
+  metric_wait "$prom" sf_mqtt_connected -eq 1 20 >/dev/null || fail "the metrics file never said connected"
+  grep -q '^sf_up{gateway="gw0001"} 1$' "$prom" || fail "no sf_up 1 while running: $(cat "$prom")"
+  gateway_stop "$work" || fail "sfgw did not stop cleanly"
+  [ -f "$prom" ] || fail "the metrics file is gone after a clean stop"
+  grep -q '^sf_up{gateway="gw0001"} 0$' "$prom" || fail "after the stop: $(grep '^sf_up' "$prom")"
+  grep -q '^sf_mqtt_connected{gateway="gw0001"} 0$' "$prom" || fail "after the stop: $(grep '^sf_mqtt_connected' "$prom")"
+  if command -v promtool >/dev/null; then
+    promtool check metrics <"$prom" || fail "promtool refuses the last file"
+  else
+    echo "promtool missing (scripts/install_deps.sh installs it): format not checked"
+  fi
+  echo "PASS: after a clean stop the metrics file says sf_up 0 and sf_mqtt_connected 0"
+  ;;
 *)
   echo "unknown mode $mode" >&2
   exit 2

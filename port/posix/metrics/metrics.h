@@ -104,6 +104,7 @@ inline void inbound_received(int kind)
 }
 
 struct Snapshot {
+    bool up = true; /* false only in the last snapshot of a clean stop */
     uint64_t counters[kCounterCount] = {};
     uint64_t latency_buckets[kLatencyBuckets + 1] = {}; /* cumulative; the last is +Inf = count */
     double latency_sum_s = 0;

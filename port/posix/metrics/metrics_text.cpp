@@ -75,6 +75,7 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
 {
     const uint64_t *c = s.counters;
     Exposition e(gateway_id);
+    e.one("sf_up", "gauge", "1 while the gateway runs; 0 in the last file, written at a clean stop.", s.up ? "1" : "0");
     e.one("sf_mqtt_connected", "gauge", "1 while the broker connection is up, else 0.", s.mqtt_connected ? "1" : "0");
     e.one("sf_mqtt_connects_total", "counter", "Sessions the broker accepted.", number(c[MqttConnects]));
     e.one("sf_mqtt_disconnects_total", "counter", "Accepted sessions that ended.", number(c[MqttDisconnects]));
