@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "app_callbacks.h"
+#include "common/broker_port.h"
 #include "gateway/registry/gw_registry.h"
 #include "port/posix/lan/lan_config.h"
 #include "port/posix/metrics/metrics_reporter.h"
@@ -29,6 +30,7 @@ Gateway::Gateway(const Options &options, const apps::Description &description)
     if (options.mqtt_protocol != 0) {
         mqtt_.protocol = options.mqtt_protocol;
     }
+    mqtt_.port = apps::broker_port(mqtt_.port, mqtt_.ca_file);
 }
 
 Gateway::~Gateway() { stop(); }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/description.h"
+#include "config_files.h"
 #include "gateway.h"
 #include "options.h"
 #include "gateway/registry/gw_registry.h"
@@ -19,7 +20,7 @@ namespace {
 /*
  * The whole description checked in the order a reader fixes it: JSON
  * first, then the registry's part (worded by the registry's loader), then
- * the apps' own sections.
+ * the apps' own sections, then the files they name (TLS).
  */
 bool check_description(const std::string &file, apps::Description *out, std::string *why)
 {
@@ -34,7 +35,7 @@ bool check_description(const std::string &file, apps::Description *out, std::str
         return false;
     }
     gw_registry::unload();
-    return apps::read_description_text(text, file, out, why);
+    return apps::read_description_text(text, file, out, why) && sfgw::check_config_files(*out, why);
 }
 
 size_t sub_device_count(const apps::Description &description) { return description.devices.size() - 1; }
