@@ -5,7 +5,12 @@
 #                    line at ERROR level, and every device's start-up report goes out;
 #   connect_timeout  with no broker, --connect-timeout 3 gives up after 3 s or more;
 #   metrics_at_stop  after a clean stop the metrics file says the gateway is down
-#                    (sf_up 0, sf_mqtt_connected 0) and promtool accepts it.
+#                    (sf_up 0, sf_mqtt_connected 0) and promtool accepts it;
+#   read_only_state  a state file holding countdown=800 on a location that became
+#                    read-only (a read-only bind mount in a private mount namespace):
+#                    the restart publishes 800, never the default 0, says so once
+#                    (warning) and in sf_state_read_only 1. Skipped where no mount
+#                    namespace can be made.
 #
 #   tests/apps/start_stop_test.sh BIN_DIR MODE
 set -uo pipefail
@@ -96,6 +101,39 @@ metrics_at_stop)
     echo "promtool missing (scripts/install_deps.sh installs it): format not checked"
   fi
   echo "PASS: after a clean stop the metrics file says sf_up 0 and sf_mqtt_connected 0"
+  ;;
+read_only_state)
+  if ! unshare -m --propagation private true 2>/dev/null; then
+    echo "SKIP: no private mount namespace here (unshare -m needs CAP_SYS_ADMIN)"
+    exit 0
+  fi
+  broker_start "$work" "$mqtt_port" || fail "broker did not start"
+  mkdir -p "$work/state"
+  export SFGW_STATE=$work/state/state.db
+  gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info || fail "sfgw did not start"
+  "$bin/sfcloud" --description "$description" --port "$mqtt_port" --timeout 10 set plug01 countdown=800 >/dev/null ||
+    fail "set plug01 countdown=800"
+  state_holds "$SFGW_STATE" "SELECT num FROM dp_state WHERE dev='plug01' AND dp=9" 800 ||
+    fail "the state file does not hold countdown=800"
+  gateway_stop "$work" || fail "sfgw did not stop cleanly"
+  : >"$work/sfgw.log"
+  # the same daemon, but its state folder is read-only in its own mount namespace
+  cat >"$work/ro_sfgw" <<EOS
+#!/bin/sh
+exec unshare -m --propagation private sh -c 'mount --bind -o ro "$work/state" "$work/state" && exec "$bin/sfgw" "\$@"' sh "\$@"
+EOS
+  chmod +x "$work/ro_sfgw"
+  prom=$work/sfgw.prom
+  gateway_start "$work" "$work/ro_sfgw" "$description" "$mqtt_port" "$lan_port" info \
+    --metrics-file "$prom" --metrics-interval 1 || fail "sfgw did not start on a read-only state folder"
+  poll_until 20 grep -q 'plug01 reports {.*}: 0$' "$work/sfgw.log" || fail "no start-up report of plug01"
+  grep -q 'plug01 reports {.*"9":800.*}: 0$' "$work/sfgw.log" || fail "the start-up report lost countdown=800: $(grep 'plug01 reports' "$work/sfgw.log")"
+  if grep -q 'plug01 reports {.*"9":0[,}]' "$work/sfgw.log"; then fail "the default countdown=0 was published"; fi
+  [ "$(grep -c ' WARN .*cannot be written: the gateway runs on the values it restored' "$work/sfgw.log")" = 1 ] ||
+    fail "expected one warning about the read-only state file"
+  metric_wait "$prom" sf_state_read_only -eq 1 20 >/dev/null || fail "sf_state_read_only is not 1"
+  if grep -n ' ERROR ' "$work/sfgw.log"; then fail "a read-only state folder logged the ERROR lines above"; fi
+  echo "PASS: a read-only state folder: countdown=800 restored and published, one warning, sf_state_read_only 1"
   ;;
 *)
   echo "unknown mode $mode" >&2
