@@ -37,7 +37,23 @@ if(TARGET sfgw)
 endif()
 
 set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_PACKAGE_NAME libsmart-frame-dev)
-set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_PACKAGE_DEPENDS "libcjson-dev, libmosquitto-dev, libsqlite3-dev")
+# The pkg-config and CMake files link -lstdc++ (the libraries are C++ inside),
+# and a C compiler finds libstdc++.so only in the C++ runtime's development
+# package (libstdc++-12-dev on Debian 12), which g++ usually brings along. A
+# C-only machine has gcc and not that: depend on the package that holds the
+# libstdc++.so of the compiler these libraries were built with.
+set(SF_STDCXX_DEV libstdc++-dev)
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libstdc++.so
+                OUTPUT_VARIABLE SF_STDCXX_SO OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+if(IS_ABSOLUTE "${SF_STDCXX_SO}")
+  execute_process(COMMAND dpkg-query -S ${SF_STDCXX_SO} OUTPUT_VARIABLE SF_STDCXX_OWNER ERROR_QUIET
+                  OUTPUT_STRIP_TRAILING_WHITESPACE)
+  string(REGEX MATCH "^[^:,]+" SF_STDCXX_OWNER "${SF_STDCXX_OWNER}")
+  if(SF_STDCXX_OWNER)
+    set(SF_STDCXX_DEV ${SF_STDCXX_OWNER})
+  endif()
+endif()
+set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_PACKAGE_DEPENDS "libcjson-dev, libmosquitto-dev, libsqlite3-dev, ${SF_STDCXX_DEV}")
 set(CPACK_DEBIAN_LIBSMART-FRAME-DEV_DESCRIPTION
     "smart frame static libraries, headers, CMake package and pkg-config files")
 set(CPACK_DEBIAN_SFGW_PACKAGE_NAME sfgw)

@@ -41,4 +41,5 @@ fi
 
 dpkg -x "$dev" "$work/root"
 echo "-dev package: $(basename "$dev"), unpacked into $work/root"
+"$here/check_c_only.sh" "$dev" "$work/root" "$work/c-only" "$@"
 "$here/../examples/c-gateway/check_consumer.sh" --prefix "$work/root/usr" "$work/consumer" "$@"
