@@ -6,6 +6,9 @@
 #   connect_timeout  with no broker, --connect-timeout 3 gives up after 3 s or more;
 #   metrics_at_stop  after a clean stop the metrics file says the gateway is down
 #                    (sf_up 0, sf_mqtt_connected 0) and promtool accepts it;
+#   query_flow       a query answers every asked DP, also one whose report flow
+#                    control used up its window: plug01's current_ma (10 reports per
+#                    60 s) is in the answer to the 12th query in a row;
 #   read_only_state  a state file holding countdown=800 on a location that became
 #                    read-only (a read-only bind mount in a private mount namespace):
 #                    the restart publishes 800, never the default 0, says so once
@@ -13,6 +16,7 @@
 #                    namespace can be made.
 #
 #   tests/apps/start_stop_test.sh BIN_DIR MODE
+# (poll_until and the broker and gateway helpers: scripts/lib/demo_lib.sh)
 set -uo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -38,17 +42,6 @@ fail() {
   echo "--- sfgw.log (last 30 lines)" >&2
   tail -n 30 "$work/sfgw.log" >&2
   exit 1
-}
-
-# poll_until SECONDS COMMAND...: true once COMMAND succeeds, false when the time is up
-poll_until() {
-  local deadline=$((SECONDS + $1))
-  shift
-  while ((SECONDS < deadline)); do
-    if "$@"; then return 0; fi
-    sleep 0.1
-  done
-  "$@"
 }
 
 mqtt_port=$(free_port)
@@ -101,6 +94,18 @@ metrics_at_stop)
     echo "promtool missing (scripts/install_deps.sh installs it): format not checked"
   fi
   echo "PASS: after a clean stop the metrics file says sf_up 0 and sf_mqtt_connected 0"
+  ;;
+query_flow)
+  broker_start "$work" "$mqtt_port" || fail "broker did not start"
+  gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info --no-state || fail "sfgw did not start"
+  for i in $(seq 1 12); do
+    out=$("$bin/sfcloud" --description "$description" --port "$mqtt_port" --timeout 10 --json query plug01 current_ma)
+    status=$?
+    [ "$status" = 0 ] || fail "query $i of plug01 current_ma: exit $status: $out"
+  done
+  answers=$(grep -c 'plug01 answers the query with {"dps":{"4":[0-9]*},"cid":"plug01"}: 0' "$work/sfgw.log")
+  [ "$answers" = 12 ] || fail "12 queries, $answers answers in the log"
+  echo "PASS: 12 queries of a DP under flow control (10 per 60 s), 12 complete answers"
   ;;
 read_only_state)
   if ! unshare -m --propagation private true 2>/dev/null; then
