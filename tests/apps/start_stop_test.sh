@@ -13,7 +13,9 @@
 #                    read-only (a read-only bind mount in a private mount namespace):
 #                    the restart publishes 800, never the default 0, says so once
 #                    (warning) and in sf_state_read_only 1. Skipped where no mount
-#                    namespace can be made.
+#                    namespace can be made. Then the same file read by a user
+#                    who may not write it (the non-root case: a root-owned folder,
+#                    sfgw run as nobody with setpriv): the same outcome.
 #
 #   tests/apps/start_stop_test.sh BIN_DIR MODE
 # (poll_until and the broker and gateway helpers: scripts/lib/demo_lib.sh)
@@ -139,6 +141,26 @@ EOS
   metric_wait "$prom" sf_state_read_only -eq 1 20 >/dev/null || fail "sf_state_read_only is not 1"
   if grep -n ' ERROR ' "$work/sfgw.log"; then fail "a read-only state folder logged the ERROR lines above"; fi
   echo "PASS: a read-only state folder: countdown=800 restored and published, one warning, sf_state_read_only 1"
+  gateway_stop "$work" || fail "sfgw did not stop cleanly"
+  if [ "$(id -u)" -ne 0 ] || ! command -v setpriv >/dev/null; then
+    echo "SKIP: the non-root case needs root and setpriv to run sfgw as nobody"
+    exit 0
+  fi
+  : >"$work/sfgw.log"
+  chmod 0755 "$work" "$work/state"
+  chmod 0644 "$SFGW_STATE"
+  mkdir -m 0777 "$work/nobody"
+  printf '#!/bin/sh\nexec setpriv --reuid=nobody --regid=nogroup --clear-groups "%s" "$@"\n' "$bin/sfgw" >"$work/nobody_sfgw"
+  chmod +x "$work/nobody_sfgw"
+  prom=$work/nobody/sfgw.prom
+  gateway_start "$work" "$work/nobody_sfgw" "$description" "$mqtt_port" "$lan_port" info \
+    --metrics-file "$prom" --metrics-interval 1 || fail "sfgw did not start as nobody"
+  poll_until 20 grep -q 'plug01 reports {.*}: 0$' "$work/sfgw.log" || fail "no start-up report of plug01 (as nobody)"
+  grep -q 'plug01 reports {.*"9":800.*}: 0$' "$work/sfgw.log" || fail "as nobody, the start-up report lost countdown=800"
+  [ "$(grep -c ' WARN .*cannot be written: the gateway runs on the values it restored' "$work/sfgw.log")" = 1 ] ||
+    fail "as nobody: expected one warning about the read-only state file"
+  metric_wait "$prom" sf_state_read_only -eq 1 20 >/dev/null || fail "as nobody: sf_state_read_only is not 1"
+  echo "PASS: a state file its user may not write: countdown=800 restored and published, one warning"
   ;;
 *)
   echo "unknown mode $mode" >&2
