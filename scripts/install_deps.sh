@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev valgrind
   libmosquitto-dev mosquitto mosquitto-clients
   libsqlite3-dev sqlite3
+  libssl-dev  # sfgw checks the TLS files of its description with OpenSSL
   python3 python3-paho-mqtt
   clang libclang-rt-14-dev
   prometheus  # promtool checks the metrics file the gateway writes

@@ -22,7 +22,7 @@ namespace apps {
 
 struct MqttSettings {
     std::string host = "127.0.0.1";
-    int port = 1883;
+    int port = 0; /* 0: not set, broker_port.h gives the default (1883, or 8883 with ca_file) */
     std::string topic_root = "sf";
     std::string client_id; /* empty: the gateway id */
     std::string username;

@@ -10,6 +10,7 @@
 #include <random>
 #include <thread>
 
+#include "common/broker_port.h"
 #include "common/json_reader.h"
 #include "gateway/sync/annotated_lock.h"
 
@@ -182,7 +183,7 @@ int health(const Options &options, const apps::Description *names, std::string *
 {
     const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
     const std::string host = !options.host.empty() ? options.host : defaults.host;
-    const int port = options.port != 0 ? options.port : defaults.port;
+    const int port = apps::broker_port(options.port != 0 ? options.port : defaults.port, options.ca_file);
     Gatherer g;
     g.prefix = (!options.root.empty() ? options.root : defaults.topic_root) + "/";
     mosquitto_lib_init();

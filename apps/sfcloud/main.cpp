@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/broker_port.h"
 #include "common/description.h"
 #include "health.h"
 #include "link.h"
@@ -76,7 +77,7 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
         sfcloud::MqttTarget target;
         const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
         target.host = !options.host.empty() ? options.host : defaults.host;
-        target.port = options.port != 0 ? options.port : defaults.port;
+        target.port = apps::broker_port(options.port != 0 ? options.port : defaults.port, options.ca_file);
         target.topics = {!options.root.empty() ? options.root : defaults.topic_root, gw_id};
         target.username = options.username;
         target.password = options.password;

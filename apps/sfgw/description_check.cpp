@@ -1,5 +1,6 @@
 #include "description_check.h"
 
+#include "config_files.h"
 #include "gateway/registry/gw_registry.h"
 
 namespace sfgw {
@@ -15,7 +16,7 @@ bool check_description(const std::string &file, apps::Description *out, std::str
         return false;
     }
     gw_registry::unload();
-    return true;
+    return check_config_files(*out, why); /* the TLS files it names, last: the description itself holds */
 }
 
 } // namespace sfgw

@@ -1,9 +1,11 @@
 #define SF_LOG_MODULE SF_LOG_MODULE_SFGW
 #include "gateway.h"
 
+#include <chrono>
 #include <ctime>
 
 #include "app_callbacks.h"
+#include "common/broker_port.h"
 #include "gateway/registry/gw_registry.h"
 #include "port/posix/lan/lan_config.h"
 #include "port/posix/metrics/metrics_reporter.h"
@@ -28,6 +30,7 @@ Gateway::Gateway(const Options &options, const apps::Description &description)
     if (options.mqtt_protocol != 0) {
         mqtt_.protocol = options.mqtt_protocol;
     }
+    mqtt_.port = apps::broker_port(mqtt_.port, mqtt_.ca_file);
 }
 
 Gateway::~Gateway() { stop(); }
@@ -122,9 +125,10 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
 
 bool Gateway::wait_for_broker(const sigset_t &stop_signals, bool *interrupted, std::string *why)
 {
-    const std::time_t deadline = std::time(nullptr) + options_.connect_timeout_s;
+    /* a steady clock in full resolution: whole seconds of the wall clock gave up as early as 2.0 s of 3 */
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options_.connect_timeout_s);
     while (get_gw_nw_status() != GW_NW_CLOUD) {
-        if (std::time(nullptr) >= deadline) {
+        if (std::chrono::steady_clock::now() >= deadline) {
             *why = "cannot reach the MQTT broker at " + mqtt_.host + ":" + std::to_string(mqtt_.port) + " within " +
                    std::to_string(options_.connect_timeout_s) + " s (is it running? see the log above)";
             return false;

@@ -32,7 +32,7 @@ const char *usage_text()
            "\n"
            "Options:\n"
            "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
-           "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883)\n"
+           "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883, or 8883 with ca_file)\n"
            "  --mqtt-protocol 5|311   MQTT version (default: connection.mqtt.protocol, else 5 with a\n"
            "                          fall-back to 3.1.1 when the broker refuses 5)\n"
            "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"

@@ -132,3 +132,15 @@ metric_wait() {
   echo "$name = ${now:-?}, expected $test $value" >&2
   return 1
 }
+
+# poll_until SECONDS COMMAND...: true once COMMAND succeeds (tried every 0.1 s),
+# else the result of one last try when the time is up.
+poll_until() {
+  local deadline=$((SECONDS + $1))
+  shift
+  while ((SECONDS < deadline)); do
+    if "$@"; then return 0; fi
+    sleep 0.1
+  done
+  "$@"
+}

@@ -104,6 +104,7 @@ inline void inbound_received(int kind)
 }
 
 struct Snapshot {
+    bool up = true; /* false only in the last snapshot of a clean stop */
     uint64_t counters[kCounterCount] = {};
     uint64_t latency_buckets[kLatencyBuckets + 1] = {}; /* cumulative; the last is +Inf = count */
     double latency_sum_s = 0;
@@ -119,6 +120,7 @@ struct Snapshot {
     uint64_t dps_pending_peak = 0; /* the highest dps_pending the reporter saw since its last document */
     uint64_t log_dropped = 0;
     uint64_t log_suppressed = 0;
+    bool state_read_only = false; /* the state file could only be read: nothing is stored */
     double uptime_s = 0;
     uint64_t rss_bytes = 0;
     int64_t unix_time_s = 0;

@@ -12,6 +12,7 @@
 #include "gateway/registry/gw_registry.h"
 #include "port/posix/lan/lan_config.h"
 #include "port/posix/log/log_output.h"
+#include "port/posix/state/state_store.h"
 #include "metrics.h"
 
 namespace sf_metrics {
@@ -96,6 +97,7 @@ Snapshot snapshot()
     add_registry(&out);
     out.log_dropped = sf_log::dropped_lines();
     out.log_suppressed = sf_log::suppressed_lines();
+    out.state_read_only = sf_state::read_only();
     out.uptime_s = std::chrono::duration<double>(SteadyClock::now() - g_started).count();
     out.rss_bytes = resident_bytes();
     out.unix_time_s = static_cast<int64_t>(std::time(nullptr));

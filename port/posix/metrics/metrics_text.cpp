@@ -75,6 +75,7 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
 {
     const uint64_t *c = s.counters;
     Exposition e(gateway_id);
+    e.one("sf_up", "gauge", "1 while the gateway runs; 0 in the last file, written at a clean stop.", s.up ? "1" : "0");
     e.one("sf_mqtt_connected", "gauge", "1 while the broker connection is up, else 0.", s.mqtt_connected ? "1" : "0");
     e.one("sf_mqtt_connects_total", "counter", "Sessions the broker accepted.", number(c[MqttConnects]));
     e.one("sf_mqtt_disconnects_total", "counter", "Accepted sessions that ended.", number(c[MqttDisconnects]));
@@ -129,6 +130,8 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
           number(s.log_dropped));
     e.one("sf_log_lines_suppressed_total", "counter", "Repeated error lines held back by the rate limit.",
           number(s.log_suppressed));
+    e.one("sf_state_read_only", "gauge", "1 when the state file could only be read at start: nothing is stored.",
+          s.state_read_only ? "1" : "0");
     e.one("sf_uptime_seconds", "gauge", "Seconds since the gateway process started.", number(s.uptime_s));
     e.one("sf_resident_memory_bytes", "gauge", "Resident memory of the gateway process.", number(s.rss_bytes));
     return e.take();

@@ -183,3 +183,22 @@ TEST_F(MetricsRegistry, PromtoolAcceptsTheFile)
 }
 
 } // namespace
+
+namespace {
+
+TEST(MetricsText, EveryFamilyOfTheFileIsListedInDocsMetrics)
+{
+    const std::string doc = read_all(std::string(SF_SOURCE_DIR) + "/docs/metrics.md");
+    ASSERT_FALSE(doc.empty());
+    const std::string text = sf_metrics::prometheus_text(sf_metrics::Snapshot(), "gw0001");
+    size_t families = 0;
+    for (size_t at = text.find("# TYPE "); at != std::string::npos; at = text.find("# TYPE ", at + 1)) {
+        const size_t start = at + 7;
+        const std::string name = text.substr(start, text.find(' ', start) - start);
+        EXPECT_NE(std::string::npos, doc.find("| `" + name + "` |")) << name << " is not in docs/metrics.md";
+        ++families;
+    }
+    EXPECT_GE(families, 20u);
+}
+
+} // namespace
