@@ -10,6 +10,7 @@ packages=(
   libbenchmark-dev valgrind
   libmosquitto-dev mosquitto mosquitto-clients
   libsqlite3-dev sqlite3
+  libssl-dev openssl  # the LAN channel's TLS 1.3 (external PSK); openssl for s_client checks
   python3 python3-paho-mqtt
   clang libclang-rt-14-dev
   prometheus  # promtool checks the metrics file the gateway writes
