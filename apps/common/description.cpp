@@ -101,7 +101,7 @@ bool read_lan(const cJSON *node, LanSettings *lan, std::string *error)
     const bool loopback = ::inet_pton(AF_INET, lan->bind_addr.c_str(), &ip) == 1 && (ntohl(ip.s_addr) >> 24) == 127;
     if (r.ok() && lan->plain && !loopback && !lan->allow_plain_on_network) {
         r.fail("security", "\"plain\" on " + lan->bind_addr +
-                               " would send the local key and every frame readable on the network; use \"tls\", or "
+                               " would send the local key and every frame readable on the network: use \"tls\", or "
                                "set connection.lan.allow_plain_on_network to true to accept it");
     }
     return r.no_unknown_keys();
