@@ -97,8 +97,8 @@ void handshake_failed(Session *session, const std::string &why) SF_REQUIRES(g_mu
 
 /*
  * A session that has proved the key (its TLS handshake, or the auth frame
- * in plain mode): it joins the authenticated pool and gets the greeting,
- * or is refused when the pool is full. Caller holds g_mutex.
+ * in plain mode) joins the authenticated pool and gets the greeting. The
+ * caller has checked that the pool has room, and holds g_mutex.
  */
 void welcome(Session *session) SF_REQUIRES(g_mutex);
 

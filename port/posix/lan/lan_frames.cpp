@@ -74,10 +74,6 @@ AuthFrame classify_auth_frame(const std::string &line)
 
 void welcome(Session *session)
 {
-    if (authed_clients() >= g_settings.max_clients) {
-        refuse(session, "every client place is taken");
-        return;
-    }
     session->set_authed();
     const GW_CNTL_S *gw = get_gw_cntl();
     const std::string hello = "{\"gwId\":" + sf_wire::quote(gw->gw_if.id, std::strlen(gw->gw_if.id)) + "}";

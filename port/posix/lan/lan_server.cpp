@@ -178,7 +178,11 @@ void shake_hands(Session *session) SF_REQUIRES(g_mutex)
     std::string why;
     switch (session->step_handshake(&why)) {
     case Session::Step::Done:
-        welcome(session);
+        if (authed_clients() >= g_settings.max_clients) {
+            refuse(session, "every client place is taken");
+        } else {
+            welcome(session);
+        }
         break;
     case Session::Step::Failed:
         handshake_failed(session, why);
@@ -215,7 +219,9 @@ void take_lines(Session *session, std::vector<Command> *commands) SF_REQUIRES(g_
             return;
         }
         if (!session->authed()) {
-            if (!authenticate(session, line)) {
+            if (authed_clients() >= g_settings.max_clients) {
+                refuse(session, "every client place is taken");
+            } else if (!authenticate(session, line)) {
                 refuse(session, "wrong key or not an authentication");
             }
             continue;
