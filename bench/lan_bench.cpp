@@ -210,4 +210,14 @@ BENCHMARK(BM_LanHandshake)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char **argv)
+{
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    lan_stop(); // the channel's thread ends before the process does
+    return 0;
+}

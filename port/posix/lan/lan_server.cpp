@@ -19,6 +19,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -114,6 +115,10 @@ void accept_clients(Clock::time_point now, std::chrono::milliseconds accept_back
             SF_LOG_PROG("LAN channel accepts connections again");
             g_out_of_descriptors = false;
         }
+        // Frames are small and interactive: a reply written as a few TLS
+        // records or lines must not wait for the client's delayed ACK.
+        const int on = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         char ip[INET_ADDRSTRLEN] = "?";
         ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
         const std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
