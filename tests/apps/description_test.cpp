@@ -80,29 +80,25 @@ TEST(Description, DefaultsApplyWithoutTheAppsSections)
     EXPECT_EQ(60, d.devices[1].sim.hb_timeout_s);
 }
 
+/* The LAN settings of a description whose connection.lan is lan, which must be accepted. */
+apps::LanSettings lan_of(const std::string &lan)
+{
+    apps::Description d;
+    std::string why;
+    EXPECT_TRUE(apps::read_description_text(
+        R"({"connection":{"lan":)" + lan + R"(},"gateway":{"id":"g"},"devices":[{"id":"a"}]})", "f", &d, &why))
+        << why;
+    return d.lan;
+}
+
 TEST(Description, PlainLanIsTakenOnLoopbackAndBeyondItOnlyWithTheOperatorsConsent)
 {
-    apps::Description loopback;
-    std::string why;
-    ASSERT_TRUE(apps::read_description_text(
-        R"({"connection":{"lan":{"bind_addr":"127.0.0.2","security":"plain"}},"gateway":{"id":"g"},"devices":[{"id":"a"}]})",
-        "f", &loopback, &why))
-        << why;
-    EXPECT_TRUE(loopback.lan.plain);
-    apps::Description network;
-    ASSERT_TRUE(apps::read_description_text(
-        R"({"connection":{"lan":{"bind_addr":"192.168.1.5","security":"plain","allow_plain_on_network":true}},
-            "gateway":{"id":"g"},"devices":[{"id":"a"}]})",
-        "f", &network, &why))
-        << why;
-    EXPECT_TRUE(network.lan.plain);
-    EXPECT_TRUE(network.lan.allow_plain_on_network);
-    apps::Description tls;
-    ASSERT_TRUE(apps::read_description_text(
-        R"({"connection":{"lan":{"bind_addr":"0.0.0.0","security":"tls"}},"gateway":{"id":"g"},"devices":[{"id":"a"}]})",
-        "f", &tls, &why))
-        << why;
-    EXPECT_FALSE(tls.lan.plain);
+    EXPECT_TRUE(lan_of(R"({"bind_addr":"127.0.0.2","security":"plain"})").plain);
+    const apps::LanSettings network =
+        lan_of(R"({"bind_addr":"192.168.1.5","security":"plain","allow_plain_on_network":true})");
+    EXPECT_TRUE(network.plain);
+    EXPECT_TRUE(network.allow_plain_on_network);
+    EXPECT_FALSE(lan_of(R"({"bind_addr":"0.0.0.0","security":"tls"})").plain);
 }
 
 std::string error_of(const std::string &text)
