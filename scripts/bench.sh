@@ -29,6 +29,9 @@ run sf_bench_passes
 if [ -x "$build/bench/sf_bench_e2e" ]; then
   run sf_bench_e2e
 fi
+if [ -x "$build/bench/sf_bench_lan" ]; then
+  run sf_bench_lan
+fi
 scripts/footprint.sh "$build" | tee "$out/footprint.txt"
 echo "results in $out" >&2
 # the goals, and the guards of the figures that miss theirs: a regression fails the run

@@ -10,7 +10,7 @@ packages=(
   libbenchmark-dev valgrind
   libmosquitto-dev mosquitto mosquitto-clients
   libsqlite3-dev sqlite3
-  libssl-dev  # sfgw checks the TLS files of its description with OpenSSL
+  libssl-dev openssl  # TLS: the LAN channel (TLS 1.3, external PSK) and the check of the description's TLS files; openssl for s_client checks
   python3 python3-paho-mqtt
   clang libclang-rt-14-dev
   prometheus  # promtool checks the metrics file the gateway writes

@@ -1,5 +1,7 @@
 #include "description.h"
 
+#include <arpa/inet.h>
+
 #include "json_reader.h"
 
 namespace apps {
@@ -58,6 +60,20 @@ bool read_lan(const cJSON *node, LanSettings *lan, LoadError *error)
     r.text("bind_addr", false, &lan->bind_addr);
     if (r.integer("port", false, 0, 65535, &number)) {
         lan->port = static_cast<int>(number);
+    }
+    std::string security = lan->plain ? "plain" : "tls";
+    r.text("security", false, &security);
+    r.boolean("allow_plain_on_network", false, &lan->allow_plain_on_network);
+    if (r.ok() && security != "tls" && security != "plain") {
+        r.refuse("security", "expected \"tls\" or \"plain\", got \"" + security + "\"");
+    }
+    lan->plain = security == "plain";
+    in_addr ip{};
+    const bool loopback = ::inet_pton(AF_INET, lan->bind_addr.c_str(), &ip) == 1 && (ntohl(ip.s_addr) >> 24) == 127;
+    if (r.ok() && lan->plain && !loopback && !lan->allow_plain_on_network) {
+        r.refuse("security", "\"plain\" on " + lan->bind_addr +
+                               " would send the local key and every frame readable on the network: use \"tls\", or "
+                               "set connection.lan.allow_plain_on_network to true to accept it");
     }
     return r.no_unknown_keys();
 }

@@ -40,6 +40,8 @@ struct LanSettings {
     bool enabled = true;
     std::string bind_addr = "127.0.0.1";
     int port = 6668; /* 0: any free port */
+    bool plain = false; /* security "plain": plain TCP instead of TLS 1.3 (security "tls", the default) */
+    bool allow_plain_on_network = false; /* plain on an address other than 127.x.x.x is refused without it */
 };
 
 /* A DP that moves by itself: a measured temperature, a current. */

@@ -8,9 +8,11 @@
 
 #include <chrono>
 #include <deque>
+#include <memory>
 #include <string>
 #include <utility>
 
+#include "port/posix/lan/lan_tls_client.h"
 #include "common/topics.h"
 #include "gateway/sync/annotated_lock.h"
 #include "uplink.h"
@@ -67,18 +69,27 @@ private:
 
 class LanLink : public Link {
 public:
-    explicit LanLink(std::string gateway_id) : gateway_id_(std::move(gateway_id)) {}
+    /* plain: speak plain TCP (the channel's "plain" mode) instead of TLS 1.3 with the key's PSK. */
+    LanLink(std::string gateway_id, bool plain) : gateway_id_(std::move(gateway_id)), plain_(plain) {}
     ~LanLink() override;
-    /* Connect to host:port and authenticate with key; waits for the gateway's welcome. */
+    /*
+     * Connect to host:port and prove key: by the TLS handshake (identity
+     * the gateway id), or in plain mode by the auth frame. Waits for the
+     * gateway's welcome.
+     */
     bool open(const std::string &host, int port, const std::string &key, Deadline deadline, std::string *why);
     bool send(const std::string &kind, const std::string &document, std::string *why) override;
     bool next(Message *out, Deadline deadline) override;
 
 private:
     bool read_line(std::string *line, Deadline deadline);
+    bool write_text(const std::string &text);
+    ssize_t read_some(char *buf, size_t len);
 
     std::string gateway_id_;
+    bool plain_;
     int fd_ = -1;
+    std::unique_ptr<sf_lan::TlsClient> tls_;
     std::string buffer_;
 };
 

@@ -4,6 +4,7 @@
  */
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -68,7 +69,7 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
             return finish(options, plan.command, sfcloud::EXIT_USAGE, "--lan: expected HOST:PORT, got " + options.lan);
         }
         const std::string key = !options.key.empty() ? options.key : names != nullptr ? names->local_key : "";
-        auto lan = std::make_unique<sfcloud::LanLink>(gw_id);
+        auto lan = std::make_unique<sfcloud::LanLink>(gw_id, options.lan_plain);
         if (!lan->open(options.lan.substr(0, colon), port, key, deadline, &why)) {
             return finish(options, plan.command, sfcloud::EXIT_NO_ANSWER, why);
         }
@@ -130,6 +131,8 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
 
 int main(int argc, char **argv)
 {
+    // The TLS library writes with write(2): a gateway that closed must give an error, not kill the console.
+    std::signal(SIGPIPE, SIG_IGN);
     Options options;
     std::string why;
     if (!sfcloud::parse_options(std::vector<std::string>(argv + 1, argv + argc), &options, &why)) {

@@ -39,6 +39,7 @@ const char *usage_text()
            "  --gw ID --root ROOT       gateway id and topic root (default: from the description)\n"
            "  --username U --password P --ca-file FILE   broker credentials and TLS\n"
            "  --lan HOST:PORT     speak to the gateway's LAN channel instead (set, query, group)\n"
+           "  --lan-plain         the LAN channel speaks plain TCP (its security \"plain\"), not TLS 1.3\n"
            "  --key KEY           LAN key (default: the description's local_key)\n"
            "  --session NAME      persistent MQTT session: what arrives while away is kept\n"
            "  --expect report|echo|any   what set must see (default any)\n"
@@ -78,6 +79,8 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             out->json = true;
         } else if (arg == "--table") {
             out->table = true;
+        } else if (arg == "--lan-plain") {
+            out->lan_plain = true;
         } else if (texts.count(arg) != 0 || numbers.count(arg) != 0) {
             if (i + 1 >= args.size()) {
                 *why = arg + ": expected a value";

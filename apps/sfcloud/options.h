@@ -21,6 +21,7 @@ struct Options {
     std::string root;        /* empty: from the description, else sf */
     std::string username, password, ca_file;
     std::string lan;         /* HOST:PORT: speak to the LAN channel instead of MQTT */
+    bool lan_plain = false;  /* the LAN channel in plain TCP, not TLS 1.3 */
     std::string key;         /* LAN key; empty: the description's local_key */
     std::string session;     /* persistent MQTT session name */
     std::string expect = "any"; /* set: report, echo or any */

@@ -104,6 +104,8 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
         lan.bind_addr = description_.lan.bind_addr.c_str();
         lan.port = static_cast<USHORT_T>(options_.lan_port >= 0 ? options_.lan_port : description_.lan.port);
         lan.local_key = description_.local_key.c_str();
+        lan.security = description_.lan.plain ? LAN_SECURITY_PLAIN : LAN_SECURITY_TLS;
+        lan.allow_plain_on_network = description_.lan.allow_plain_on_network ? TRUE : FALSE;
         rc = lan_start(&lan);
         if (rc != RC_OK) {
             *why = "the LAN channel cannot listen on " + description_.lan.bind_addr + ":" +
@@ -111,6 +113,7 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
             return false;
         }
         lan_started_ = true;
+        lan_key_ = description_.local_key;
     }
 
     if (!link_.start(mqtt_, topics, [this](const std::string &payload) { sim_->control(payload); }, why)) {
@@ -121,6 +124,20 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     }
     sim_->start();
     return true;
+}
+
+void Gateway::reload_local_key(const std::string &local_key)
+{
+    if (!lan_started_ || local_key == lan_key_) {
+        return;
+    }
+    if (local_key.empty()) {
+        SF_LOG_ERR("SIGHUP: the description has no gateway.local_key now; the LAN channel keeps the old one");
+        return;
+    }
+    if (lan_set_local_key(local_key.c_str()) == RC_OK) {
+        lan_key_ = local_key;
+    }
 }
 
 bool Gateway::wait_for_broker(const sigset_t &stop_signals, bool *interrupted, std::string *why)

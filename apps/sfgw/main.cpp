@@ -60,7 +60,7 @@ int main(int argc, char **argv)
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     sigset_t blocked = stop_signals;
-    sigaddset(&blocked, SIGHUP); /* logrotate's "re-open your log", taken by the sigwait below */
+    sigaddset(&blocked, SIGHUP); /* logrotate's "re-open your log" and a new local key, taken by the sigwait below */
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
@@ -81,6 +81,14 @@ int main(int argc, char **argv)
     int signal_number = 0;
     while (sigwait(&blocked, &signal_number) == 0 && signal_number == SIGHUP) {
         sf_log::reopen();
+        // A key rotated by the installer takes effect now; the rest of the description at the next start.
+        apps::Description now;
+        if (apps::read_description(options.description, &now, &why)) {
+            gateway.reload_local_key(now.local_key);
+        } else {
+            std::fprintf(stderr, "sfgw: SIGHUP: the description is not readable now, the local key stays: %s\n",
+                         why.c_str());
+        }
     }
     std::printf("sfgw: %s received, stopping\n", signal_number == SIGINT ? "SIGINT" : "SIGTERM");
     std::fflush(stdout);

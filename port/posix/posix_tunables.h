@@ -164,6 +164,16 @@
 #define SF_LAN_AUTH_TIMEOUT_MS 5000
 #endif
 
+/*
+ * Milliseconds a new client has to finish its TLS handshake (TLS mode),
+ * 100..60000. One round trip and an X25519 exchange take a few ms on a
+ * LAN; the bound is for a client that stalls on purpose: its connection
+ * counts against the waiting pool (SF_LAN_MAX_PENDING_CLIENTS) until then.
+ */
+#ifndef SF_LAN_HANDSHAKE_TIMEOUT_MS
+#define SF_LAN_HANDSHAKE_TIMEOUT_MS 3000
+#endif
+
 /* Longest wait of the channel's poll in ms; time-outs are checked this often. */
 #ifndef SF_LAN_POLL_TICK_MS
 #define SF_LAN_POLL_TICK_MS 100

@@ -77,9 +77,32 @@ TEST(Description, DefaultsApplyWithoutTheAppsSections)
     EXPECT_EQ(0, d.mqtt.port); /* not set: 1883, or 8883 with ca_file (common/broker_port.h) */
     EXPECT_EQ("sf", d.mqtt.topic_root);
     EXPECT_EQ(6668, d.lan.port);
+    EXPECT_FALSE(d.lan.plain); // TLS unless the description says otherwise
+    EXPECT_FALSE(d.lan.allow_plain_on_network);
     EXPECT_FALSE(d.devices[1].has_sim);
     EXPECT_EQ(10, d.devices[1].sim.heartbeat_s);
     EXPECT_EQ(60, d.devices[1].sim.hb_timeout_s);
+}
+
+/* The LAN settings of a description whose connection.lan is lan, which must be accepted. */
+apps::LanSettings lan_of(const std::string &lan)
+{
+    apps::Description d;
+    std::string why;
+    EXPECT_TRUE(apps::read_description_text(
+        R"({"connection":{"lan":)" + lan + R"(},"gateway":{"id":"g"},"devices":[{"id":"a"}]})", "f", &d, &why))
+        << why;
+    return d.lan;
+}
+
+TEST(Description, PlainLanIsTakenOnLoopbackAndBeyondItOnlyWithTheOperatorsConsent)
+{
+    EXPECT_TRUE(lan_of(R"({"bind_addr":"127.0.0.2","security":"plain"})").plain);
+    const apps::LanSettings network =
+        lan_of(R"({"bind_addr":"192.168.1.5","security":"plain","allow_plain_on_network":true})");
+    EXPECT_TRUE(network.plain);
+    EXPECT_TRUE(network.allow_plain_on_network);
+    EXPECT_FALSE(lan_of(R"({"bind_addr":"0.0.0.0","security":"tls"})").plain);
 }
 
 std::string error_of(const std::string &text)
@@ -97,6 +120,11 @@ TEST(Description, ErrorsNameTheFileTheKeyPathAndWhy)
     EXPECT_EQ("gw.json: connection.lan.port: out of range (0..65535): 70000",
               error_of(R"({"connection":{"lan":{"port":70000}},"gateway":{"id":"g"}})"));
     EXPECT_EQ("gw.json: connection.tls: unknown key", error_of(R"({"connection":{"tls":{}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.lan.security: \"plain\" on 192.168.1.5 would send the local key and every frame "
+              "readable on the network: use \"tls\", or set connection.lan.allow_plain_on_network to true to accept it",
+              error_of(R"({"connection":{"lan":{"bind_addr":"192.168.1.5","security":"plain"}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.lan.security: expected \"tls\" or \"plain\", got \"none\"",
+              error_of(R"({"connection":{"lan":{"security":"none"}},"gateway":{"id":"g"}})"));
     EXPECT_EQ("gw.json: devices[0].sim.heartbeat_s: not below hb_timeout_s: the device would look silent",
               error_of(R"({"gateway":{"id":"g"},"devices":[{"id":"a","sim":{"heartbeat_s":60}}]})"));
     EXPECT_EQ("gw.json: devices[0].sim.raw_sample.dp: a raw sample needs a raw DP",

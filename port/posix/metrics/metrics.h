@@ -37,6 +37,7 @@ enum Counter : int {
     DispatchHandled,     /* messages the dispatch thread ran */
     LanAuthRefused,
     LanDroppedSlow,
+    LanHandshakeFailed,  /* TLS handshakes of LAN clients that failed or did not finish in time */
     HeartbeatProbes,     /* probes sent to silent sub-devices */
     kCounterCount
 };

@@ -115,6 +115,8 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
           number(c[LanAuthRefused]));
     e.one("sf_lan_clients_dropped_slow_total", "counter", "LAN clients dropped for reading too slowly.",
           number(c[LanDroppedSlow]));
+    e.one("sf_lan_handshakes_failed_total", "counter", "LAN TLS handshakes that failed or did not finish in time.",
+          number(c[LanHandshakeFailed]));
     e.family("sf_devices", "gauge", "Sub-devices by presence.");
     e.sample("sf_devices", "state=\"online\"", number(s.devices_online));
     e.sample("sf_devices", "state=\"offline\"", number(s.devices_offline));
@@ -179,7 +181,8 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
            "," +
            field("lan", "{" + field("clients", number(s.lan_clients)) + "," +
                             field("auth_refused", number(c[LanAuthRefused])) + "," +
-                            field("dropped_slow", number(c[LanDroppedSlow])) + "}") +
+                            field("dropped_slow", number(c[LanDroppedSlow])) + "," +
+                            field("handshakes_failed", number(c[LanHandshakeFailed])) + "}") +
            "," +
            field("registry", "{" + field("devices", number(s.devices)) + "," + field("online", number(s.devices_online)) +
                                  "," + field("offline", number(s.devices_offline)) + "," +

@@ -82,22 +82,35 @@ protected:
         return cfg;
     }
 
-    /* Start the LAN channel on a free port; the key comes from the registry. */
-    void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0)
+    /* Start the LAN channel on a free port; the key comes from the registry. TLS unless plain. */
+    void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0, bool plain = false)
     {
         LAN_CONFIG_S cfg{};
         cfg.auth_timeout_ms = auth_timeout_ms;
         cfg.max_queue_frames = max_queue_frames;
+        start_lan_with(cfg, plain);
+    }
+
+    /* Start the LAN channel with cfg, in plain TCP when plain; the peers connected later speak the same. */
+    static void start_lan_with(LAN_CONFIG_S cfg, bool plain)
+    {
+        cfg.security = plain ? LAN_SECURITY_PLAIN : LAN_SECURITY_TLS;
+        lan_peers_speak_plain(plain);
         ASSERT_EQ(RC_OK, lan_start(&cfg));
         ASSERT_NE(0, lan_bound_port());
     }
 
-    /* Connect peer and authenticate it; returns the gateway's greeting ("" when none came). */
+    /*
+     * Connect peer and authenticate it: the handshake under TLS, the auth
+     * frame in plain TCP. Returns the gateway's greeting ("" when none came).
+     */
     static std::string authenticate(LanPeer *peer)
     {
         std::string hello;
-        EXPECT_TRUE(peer->connect(lan_bound_port()));
-        EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        EXPECT_TRUE(peer->connect(lan_bound_port())) << peer->why();
+        if (!peer->tls()) {
+            EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        }
         EXPECT_TRUE(peer->read_line(&hello, seconds(5)));
         return hello;
     }
