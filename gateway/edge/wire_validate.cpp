@@ -133,6 +133,11 @@ bool validate_command(CmdKind kind, const cJSON *doc, Refusal *why)
     if (!cJSON_IsObject(doc) || kind == CmdKind::Unknown) {
         return check::fail(why, "bad_shape", "not a JSON object or unknown kind");
     }
+    const cJSON *t = cJSON_GetObjectItemCaseSensitive(doc, "t");
+    if (t != nullptr && !cJSON_IsNumber(t)) {
+        return check::fail(why, "bad_shape", std::string("t is ") + check::type_name(t) +
+                                                 ", expected the POSIX seconds at which the command was issued");
+    }
     switch (kind) {
     case CmdKind::Dp: return check::dp_command(doc, why);
     case CmdKind::Group: return check::member_command(doc, false, why);
