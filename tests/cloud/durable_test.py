@@ -141,12 +141,28 @@ class Trace:
         return [int(line[len(prefix):]) for line in self.lines()[since:] if line.startswith(prefix)]
 
     def wait_applied(self, value, since, timeout):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            if value in self.applied(since):
-                return True
-            time.sleep(0.05)
-        return False
+        return wait_for(lambda: value in self.applied(since), timeout)
+
+
+def wait_for(condition, timeout):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if condition():
+            return True
+        time.sleep(0.1)
+    return False
+
+
+def takeovers(prom_file):
+    """sf_mqtt_session_takeovers_total in a gateway's Prometheus file, 0 when absent."""
+    try:
+        with open(prom_file, encoding="utf-8") as f:
+            for line in f:
+                if line.startswith("sf_mqtt_session_takeovers_total{"):
+                    return int(line.split()[-1])
+    except FileNotFoundError:
+        pass
+    return 0
 
 
 def first_occurrences(values):
@@ -202,6 +218,7 @@ def main():
     only_first = os.environ.get("SF_DURABLE_ONLY") == "sigterm"
     trace = Trace(os.path.join(workdir, "trace.txt"))
     extra = ["--no-lan", "--state", os.path.join(workdir, "state.db"), "--mqtt-protocol", protocol,
+             "--metrics-file", os.path.join(workdir, "sfgw.prom"), "--metrics-interval", "1",
              "--command-trace", trace.path]
     gateway = Gateway(workdir, sfgw, description, broker.port, 0, extra)
     twin = None
@@ -276,12 +293,16 @@ def main():
 
             heading("two gateways with one id: the take-over is told, and both back off")
             twin = Gateway(workdir, sfgw, description, broker.port, 0,
-                           ["--no-lan", "--state", os.path.join(workdir, "twin.db"), "--mqtt-protocol", protocol],
+                           ["--no-lan", "--state", os.path.join(workdir, "twin.db"), "--mqtt-protocol", protocol,
+                            "--metrics-file", os.path.join(workdir, "twin.prom"), "--metrics-interval", "1"],
                            name="twin")
             twin.start()
             line = "to another client: two gateways use the same id"
             told = any(g.wait_log(line, 40) for g in (gateway, twin))
             check(told, "a gateway logs at error level that another client took its session, naming the id")
+            counted = wait_for(lambda: any(takeovers(os.path.join(workdir, f"{n}.prom")) > 0 for n in ("sfgw", "twin")),
+                               15)
+            check(counted, "sf_mqtt_session_takeovers_total counts it")
             logs = gateway.log() + twin.log()
             check(f"of client id {gateway_id} to another client" in logs and logs.count(line) <= 2,
                   "the line names the client id and is logged once per gateway")
