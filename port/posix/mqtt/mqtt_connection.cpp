@@ -33,15 +33,14 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "cloud_defs/gw_intf.h"
 #include "services/mqtt_client.h"
-#include "services/uni_memory.h"
 #include "smart_frame/smart_frame.h"
 #include "gateway/registry/gw_registry.h"
 #include "port/posix/metrics/metrics.h"
 #include "mqtt_client_state.h"
+#include "mqtt_journal.h"
 #include "mqtt_session.h"
 #include "port/posix/posix_tunables.h"
 #include "port/posix/state/command_journal.h"
@@ -519,56 +518,6 @@ void destroy(Client *client)
     delete client;
 }
 
-/* Dispatch thread: the journaled command posted before this message has been run. */
-void on_command_applied(MESSAGE *msg)
-{
-    if (msg != nullptr && msg->pMsgData != nullptr) {
-        int64_t seq = 0;
-        std::memcpy(&seq, msg->pMsgData, sizeof seq);
-        sf_state::journal::done(seq);
-        Free(msg->pMsgData);
-    }
-}
-
-/*
- * Commands left in the journal by the last run go first, in the order they
- * arrived, before anything the broker sends now (the network thread does
- * not run yet). One whose expiry passed is dropped by the worker.
- */
-void take_journal(Client *client)
-{
-    client->journaled = sf_state::journal::is_open();
-    if (!client->journaled) {
-        return;
-    }
-    // Registered once for the process and never released: the markers of
-    // the last commands must still run when mqc_stop is long gone, while
-    // cmmod_stop drains the queue (handlers survive a stop).
-    static MSG_ID done_msg = 0;
-    if (done_msg == 0) {
-        MSG_ID mid = 0;
-        if (cmmod_get_free_msgid(&mid) == RC_OK && cmmod_reg_msgcb(mid, on_command_applied) == RC_OK) {
-            done_msg = mid;
-        }
-    }
-    client->done_msg = done_msg;
-    client->inbound->set_done_message(done_msg);
-    const std::vector<sf_state::journal::Entry> entries = sf_state::journal::read_all();
-    size_t taken = 0;
-    for (const sf_state::journal::Entry &e : entries) {
-        const sf_wire::CmdKind kind = sf_wire::cmd_kind_from_name(e.kind.c_str());
-        if (kind == sf_wire::CmdKind::Unknown) {
-            sf_state::journal::done(e.seq);
-            continue;
-        }
-        sf_metrics::count(sf_metrics::CommandsReplayed);
-        client->inbound->push(kind, e.payload.data(), e.payload.size(), 1, e.seq, e.expires_ms);
-        ++taken;
-    }
-    if (taken > 0) {
-        SF_LOG_NOTICE("%zu commands taken from the journal of the last run: applied first, in order", taken);
-    }
-}
 
 } // namespace
 
