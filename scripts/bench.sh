@@ -32,6 +32,12 @@ fi
 if [ -x "$build/bench/sf_bench_lan" ]; then
   run sf_bench_lan
 fi
+# commands through the persistent session, with and without the journal (a real sfgw and mosquitto)
+if [ -x "$build/apps/sfgw" ] && command -v /usr/bin/python3 >/dev/null &&
+  PATH="/usr/sbin:$PATH" command -v mosquitto >/dev/null; then
+  echo "== sf_bench_commands" >&2
+  PATH="/usr/sbin:$PATH" /usr/bin/python3 scripts/bench_commands.py "$build/apps/sfgw" "$out" | tee "$out/sf_bench_commands.txt"
+fi
 scripts/footprint.sh "$build" | tee "$out/footprint.txt"
 echo "results in $out" >&2
 # the goals, and the guards of the figures that miss theirs: a regression fails the run

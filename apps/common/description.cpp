@@ -38,6 +38,12 @@ bool read_mqtt(const cJSON *node, MqttSettings *mqtt, LoadError *error)
             *s.field = static_cast<int>(number);
         }
     }
+    r.boolean("persistent_session", false, &mqtt->persistent_session);
+    r.integer("session_expiry_s", false, 1, 4294967294LL, &mqtt->session_expiry_s);
+    number = mqtt->takeover_backoff_s;
+    if (r.integer("takeover_backoff_s", false, 1, 86400, &number)) {
+        mqtt->takeover_backoff_s = static_cast<int>(number);
+    }
     number = mqtt->protocol;
     if (r.integer("protocol", false, 0, 311, &number)) {
         if (number != 0 && number != 5 && number != 311) {
@@ -78,15 +84,25 @@ bool read_lan(const cJSON *node, LanSettings *lan, LoadError *error)
     return r.no_unknown_keys();
 }
 
+bool read_commands(const cJSON *node, CommandSettings *commands, LoadError *error)
+{
+    Reader r(node, "connection.commands", error);
+    r.integer("max_age_s", false, 0, 31536000, &commands->max_age_s);
+    r.boolean("journal", false, &commands->journal);
+    return r.no_unknown_keys();
+}
+
 bool read_connection(const cJSON *node, Description *out, LoadError *error)
 {
     Reader r(node, "connection", error);
     const cJSON *mqtt = r.object("mqtt", false);
     const cJSON *lan = r.object("lan", false);
+    const cJSON *commands = r.object("commands", false);
     if (!r.no_unknown_keys()) {
         return false;
     }
-    return (mqtt == nullptr || read_mqtt(mqtt, &out->mqtt, error)) && (lan == nullptr || read_lan(lan, &out->lan, error));
+    return (mqtt == nullptr || read_mqtt(mqtt, &out->mqtt, error)) && (lan == nullptr || read_lan(lan, &out->lan, error)) &&
+           (commands == nullptr || read_commands(commands, &out->commands, error));
 }
 
 /* A DP named by its name or number, which must exist in the device. */

@@ -34,6 +34,15 @@ struct MqttSettings {
     int reconnect_min_s = 0;
     int reconnect_max_s = 0;
     int protocol = 0;         /* 5 or 311; 0: MQTT 5, falling back to 3.1.1 when the broker refuses it */
+    bool persistent_session = true; /* false: a clean session at every connect */
+    long long session_expiry_s = 0; /* MQTT 5 session expiry; 0: the client's default (one day) */
+    int takeover_backoff_s = 0;     /* 0: the client's default (300) */
+};
+
+/* What happens to commands on their way in (docs/wire-protocol.md "Delivery of commands"). */
+struct CommandSettings {
+    long long max_age_s = -1; /* -1: the default (SF_COMMAND_MAX_AGE_S); 0: no limit */
+    bool journal = true;      /* keep commands in the state file until applied */
 };
 
 struct LanSettings {
@@ -83,6 +92,7 @@ struct Description {
     std::vector<DeviceDescription> devices; /* the gateway's own device first */
     MqttSettings mqtt;
     LanSettings lan;
+    CommandSettings commands;
     gw_desc::GatewayLayout layout; /* the devices and DPs as the registry loads them */
 
     const DeviceDescription *find(const std::string &id) const;

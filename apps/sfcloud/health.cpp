@@ -12,6 +12,7 @@
 
 #include "common/broker_port.h"
 #include "common/json_reader.h"
+#include "uplink.h"
 #include "gateway/sync/annotated_lock.h"
 
 namespace sfcloud {
@@ -112,8 +113,14 @@ void on_message(mosquitto *, void *self, const mosquitto_message *msg)
     if (leaf == "metrics") {
         h.document = payload;
     } else if (leaf == "status") {
-        h.have_status = true;
-        h.online = payload.find("\"online\":true") != std::string::npos;
+        cJSON *doc = cJSON_Parse(payload.c_str());
+        const cJSON *session = cJSON_GetObjectItemCaseSensitive(doc, "session");
+        if (status_is_current(cJSON_IsNumber(session) ? static_cast<long long>(session->valuedouble) : 0,
+                              &h.session)) {
+            h.have_status = true;
+            h.online = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(doc, "online"));
+        }
+        cJSON_Delete(doc);
     }
 }
 
@@ -125,7 +132,8 @@ std::string row_json(const HealthRow &r)
            "\",\"pending\":" + std::to_string(r.pending) + ",\"drops\":" + std::to_string(r.drops) +
            ",\"devices\":" + std::to_string(r.devices) + ",\"online\":" + std::to_string(r.online) +
            ",\"latency_mean_ms\":" + (r.latency_mean_ms < 0 ? std::string("null") : std::string(latency)) +
-           ",\"latency_p90\":" + apps::json_quote(r.latency_p90) + ",\"age_s\":" + std::to_string(r.age_s) + "}";
+           ",\"latency_p90\":" + apps::json_quote(r.latency_p90) + ",\"age_s\":" + std::to_string(r.age_s) +
+           ",\"session\":" + std::to_string(r.session) + ",\"takeovers\":" + std::to_string(r.takeovers) + "}";
 }
 
 } // namespace
@@ -149,6 +157,8 @@ bool health_row(const std::string &gateway, const GatewayHealth &seen, long long
                 number_at(doc, {"lan", "dropped_slow"}) + number_at(doc, {"log", "dropped"});
     latency_of(cJSON_GetObjectItemCaseSensitive(mqtt, "latency_s"), &row);
     row.age_s = now_s - number_at(doc, {"time"});
+    row.session = seen.session;
+    row.takeovers = number_at(doc, {"mqtt", "takeovers"});
     cJSON_Delete(doc);
     *out = row;
     return true;
@@ -156,8 +166,8 @@ bool health_row(const std::string &gateway, const GatewayHealth &seen, long long
 
 void print_health_table(const std::map<std::string, GatewayHealth> &seen, long long now_s, FILE *out)
 {
-    std::fprintf(out, "%-16s %-8s %8s %6s %8s %10s %10s %6s\n", "GATEWAY", "LINK", "PENDING", "DROPS", "DEVICES",
-                 "LAT MEAN", "LAT P90", "AGE");
+    std::fprintf(out, "%-16s %-8s %8s %6s %8s %10s %10s %6s %9s\n", "GATEWAY", "LINK", "PENDING", "DROPS", "DEVICES",
+                 "LAT MEAN", "LAT P90", "AGE", "TAKEOVERS");
     for (const auto &entry : seen) {
         HealthRow r;
         if (!health_row(entry.first, entry.second, now_s, &r)) {
@@ -174,8 +184,8 @@ void print_health_table(const std::map<std::string, GatewayHealth> &seen, long l
         }
         char age[32];
         std::snprintf(age, sizeof age, "%llds", r.age_s);
-        std::fprintf(out, "%-16s %-8s %8lld %6lld %8s %10s %10s %6s\n", r.gateway.c_str(), r.link.c_str(), r.pending,
-                     r.drops, devices, mean, r.latency_p90.c_str(), age);
+        std::fprintf(out, "%-16s %-8s %8lld %6lld %8s %10s %10s %6s %9lld\n", r.gateway.c_str(), r.link.c_str(),
+                     r.pending, r.drops, devices, mean, r.latency_p90.c_str(), age, r.takeovers);
     }
 }
 

@@ -11,6 +11,7 @@
 #include "port/posix/metrics/metrics_reporter.h"
 #include "port/posix/mqtt/mqtt_config.h"
 #include "port/posix/runtime/posix_runtime.h"
+#include "port/posix/state/command_journal.h"
 #include "port/posix/state/state_store.h"
 #include "gateway/edge/wire_validate.h"
 #include "smart_frame/smart_frame.h"
@@ -48,10 +49,20 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     if (!options_.no_state) {
         /* the stored values before anything reports; a bad store is logged there and the gateway runs on */
         sf_state::start({options_.state_file, std::chrono::milliseconds(options_.state_interval_ms)});
+        /* before the MQTT client starts: it hands on what the last run left in the journal first */
+        if (sf_state::running() && description_.commands.journal) {
+            sf_state::journal::open(options_.state_file);
+        }
+    }
+    if (description_.commands.max_age_s >= 0) {
+        wire_set_command_max_age(static_cast<UINT_T>(description_.commands.max_age_s));
     }
 
     const apps::Topics topics{mqtt_.topic_root, description_.gateway_id};
     sim_ = std::make_unique<Simulator>(description_, [this](const std::string &json) { link_.publish(json); });
+    if (!open_command_trace(options_.command_trace, why)) {
+        return false;
+    }
     install_app_callbacks(sim_.get(), &description_);
 
     OPERATE_RET rc = smart_frame_init();
@@ -81,6 +92,9 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     cfg.reconnect_min_s = static_cast<UINT_T>(mqtt_.reconnect_min_s);
     cfg.reconnect_max_s = static_cast<UINT_T>(mqtt_.reconnect_max_s);
     cfg.protocol = static_cast<UINT_T>(mqtt_.protocol);
+    cfg.clean_session = mqtt_.persistent_session ? FALSE : TRUE;
+    cfg.session_expiry_s = static_cast<UINT_T>(mqtt_.session_expiry_s);
+    cfg.takeover_backoff_s = static_cast<UINT_T>(mqtt_.takeover_backoff_s);
     rc = mqc_start(&cfg);
     if (rc != RC_OK) {
         *why = "the MQTT client did not start: " + std::to_string(rc);
@@ -188,9 +202,12 @@ void Gateway::stop()
         cmmod_stop();
         frame_started_ = false;
     }
+    /* the dispatch thread has run its queue: what it applied leaves the journal, the rest stays for the next start */
+    sf_state::journal::close();
     if (registry_loaded_) {
         sf_state::stop(); /* nothing reports any more: the last values are written */
         install_app_callbacks(nullptr, nullptr);
+        close_command_trace();
         gw_registry::unload();
         registry_loaded_ = false;
     }

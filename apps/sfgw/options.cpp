@@ -52,6 +52,8 @@ const char *usage_text()
            "  --metrics-interval SEC  seconds between two writes of that file (default 15)\n"
            "  --metrics-mqtt SEC      seconds between two health documents on <root>/<gateway>/metrics\n"
            "                          (default 60, 0 for none); see docs/metrics.md\n"
+           "  --command-trace FILE    append each DP command handed to the devices to FILE, one line\n"
+           "                          \"<device> <dp>=<value>\", written at once (tests, delivery checks)\n"
            "  --check                 check the description and exit\n"
            "  --lenient-commands      hand commands to the smart frame unchecked (no refusal answers,\n"
            "                          see docs/wire-protocol.md, \"Refused commands\")\n"
@@ -92,6 +94,11 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 *why = arg + ": expected milliseconds (20..60000), got " + value;
                 return false;
             }
+        } else if (arg == "--command-trace") {
+            if (!need_value("a file name")) {
+                return false;
+            }
+            out->command_trace = value;
         } else if (arg == "--check") {
             out->check_only = true;
         } else if (arg == "--lenient-commands") {

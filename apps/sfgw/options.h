@@ -26,6 +26,7 @@ struct Options {
     int metrics_mqtt_s = 60;     /* between two health documents; 0: none */
     bool check_only = false;
     bool lenient_commands = false; /* --lenient-commands: no edge check of inbound commands */
+    std::string command_trace;     /* empty: none; else every DP command handed to the devices is appended */
     bool help = false;
 };
 

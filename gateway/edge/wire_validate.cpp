@@ -166,6 +166,11 @@ bool validate_command(CmdKind kind, const cJSON *doc, Refusal *why)
         return check::fail(why, "nul_in_string", std::string("\"") + key + "\": " + check::nul_reason(nul),
                            std::strcmp(key, "devId") == 0 || std::strcmp(key, "cid") == 0 ? check::printed(nul) : "");
     }
+    const cJSON *t = cJSON_GetObjectItemCaseSensitive(doc, "t");
+    if (t != nullptr && !cJSON_IsNumber(t)) {
+        return check::fail(why, "bad_shape", std::string("t is ") + check::type_name(t) +
+                                                 ", expected the POSIX seconds at which the command was issued");
+    }
     switch (kind) {
     case CmdKind::Dp: return check::dp_command(doc, why);
     case CmdKind::Group: return check::member_command(doc, false, why);

@@ -46,6 +46,13 @@ broker_start() {
       if [ "$(id -u)" -eq 0 ]; then echo "user root"; fi
     } >"$dir/mosquitto.conf"
   fi
+  # What mosquitto keeps for an absent client (the gateway's commands, the
+  # console's uplinks) is bounded by max_queued_messages, 1000 by default;
+  # beyond it the broker drops (docs/brokers.md). 10000 holds the largest
+  # burst of the demo and the tests. A configuration of an older run gets it too.
+  if ! grep -q '^max_queued_messages' "$dir/mosquitto.conf"; then
+    echo "max_queued_messages 10000" >>"$dir/mosquitto.conf"
+  fi
   "$bin" -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
   echo $! >"$dir/broker.pid"
   if ! wait_port "$port" 10; then

@@ -68,6 +68,38 @@ TEST(Description, TheMqttProtocolIsReadAndAnyOtherVersionIsRefused)
     EXPECT_EQ("f: connection.mqtt.protocol: expected 5 or 311, got 4", why);
 }
 
+std::string error_of(const std::string &text)
+{
+    apps::Description d;
+    std::string why;
+    EXPECT_FALSE(apps::read_description_text(text, "gw.json", &d, &why));
+    return why;
+}
+
+TEST(Description, SessionAndCommandSettingsAreReadAndCheckedForRange)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(
+        R"({"connection":{"mqtt":{"persistent_session":false,"session_expiry_s":600,"takeover_backoff_s":9},
+            "commands":{"max_age_s":0,"journal":false}},"gateway":{"id":"g"},"devices":[{"id":"a"}]})",
+        "f", &d, &why))
+        << why;
+    EXPECT_FALSE(d.mqtt.persistent_session);
+    EXPECT_EQ(600, d.mqtt.session_expiry_s);
+    EXPECT_EQ(9, d.mqtt.takeover_backoff_s);
+    EXPECT_EQ(0, d.commands.max_age_s);
+    EXPECT_FALSE(d.commands.journal);
+    EXPECT_EQ("gw.json: connection.mqtt.session_expiry_s: out of range (1..4294967294): 0",
+              error_of(R"({"connection":{"mqtt":{"session_expiry_s":0}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.commands.max_age_s: out of range (0..31536000): -1",
+              error_of(R"({"connection":{"commands":{"max_age_s":-1}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.commands.journal: expected true or false",
+              error_of(R"({"connection":{"commands":{"journal":1}},"gateway":{"id":"g"}})"));
+    EXPECT_EQ("gw.json: connection.commands.replay: unknown key",
+              error_of(R"({"connection":{"commands":{"replay":true}},"gateway":{"id":"g"}})"));
+}
+
 TEST(Description, DefaultsApplyWithoutTheAppsSections)
 {
     apps::Description d;
@@ -79,6 +111,10 @@ TEST(Description, DefaultsApplyWithoutTheAppsSections)
     EXPECT_EQ(6668, d.lan.port);
     EXPECT_FALSE(d.lan.plain); // TLS unless the description says otherwise
     EXPECT_FALSE(d.lan.allow_plain_on_network);
+    EXPECT_TRUE(d.mqtt.persistent_session);
+    EXPECT_EQ(0, d.mqtt.session_expiry_s) << "the client's default, one day";
+    EXPECT_EQ(-1, d.commands.max_age_s) << "the edge's default, SF_COMMAND_MAX_AGE_S";
+    EXPECT_TRUE(d.commands.journal);
     EXPECT_FALSE(d.devices[1].has_sim);
     EXPECT_EQ(10, d.devices[1].sim.heartbeat_s);
     EXPECT_EQ(60, d.devices[1].sim.hb_timeout_s);
@@ -103,14 +139,6 @@ TEST(Description, PlainLanIsTakenOnLoopbackAndBeyondItOnlyWithTheOperatorsConsen
     EXPECT_TRUE(network.plain);
     EXPECT_TRUE(network.allow_plain_on_network);
     EXPECT_FALSE(lan_of(R"({"bind_addr":"0.0.0.0","security":"tls"})").plain);
-}
-
-std::string error_of(const std::string &text)
-{
-    apps::Description d;
-    std::string why;
-    EXPECT_FALSE(apps::read_description_text(text, "gw.json", &d, &why));
-    return why;
 }
 
 TEST(Description, ErrorsNameTheFileTheKeyPathAndWhy)

@@ -19,20 +19,8 @@ sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
 from cloud_client import (LAN_GROUP, LAN_REFUSED, LAN_REPORT, PRO_ECHO, PRO_GROUP, PRO_PRESENCE,  # noqa: E402
                           PRO_REFUSED, PRO_REPORT, PRO_SCENE, CloudClient, LanClient, Schema)
+from checks import check, failures, heading  # noqa: E402
 from processes import Broker, Gateway, free_port  # noqa: E402
-
-failures = []
-
-
-def check(ok, what):
-    print(("   ok   " if ok else "   FAIL ") + what, flush=True)
-    if not ok:
-        failures.append(what)
-    return ok
-
-
-def heading(text):
-    print(f"\n== {text}", flush=True)
 
 
 def report_of(cid, dps):

@@ -39,6 +39,9 @@ enum Counter : int {
     LanDroppedSlow,
     LanHandshakeFailed,  /* TLS handshakes of LAN clients that failed or did not finish in time */
     HeartbeatProbes,     /* probes sent to silent sub-devices */
+    MqttTakeovers,       /* sessions another client with our client id took from us */
+    CommandsReplayed,    /* commands taken from the journal of the last run and handed on again */
+    CommandsExpired,     /* commands dropped because their MQTT 5 message expiry passed while they waited */
     kCounterCount
 };
 
@@ -110,6 +113,9 @@ struct Snapshot {
     uint64_t latency_buckets[kLatencyBuckets + 1] = {}; /* cumulative; the last is +Inf = count */
     double latency_sum_s = 0;
     bool mqtt_connected = false;
+    uint64_t mqtt_session = 0;        /* session number (docs/wire-protocol.md) */
+    bool mqtt_session_kept = false;   /* the broker had our session at the last accepted connect */
+    uint64_t commands_too_old = 0;    /* commands refused because their "t" was older than the limit */
     uint64_t dispatch_depth = 0;
     uint64_t dispatch_depth_max = 0;
     uint64_t lan_clients = 0;

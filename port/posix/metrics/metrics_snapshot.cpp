@@ -10,7 +10,9 @@
 #include "services/mqtt_client.h"
 #include "services/uni_mutex.h"
 #include "gateway/registry/gw_registry.h"
+#include "gateway/edge/wire_validate.h"
 #include "port/posix/lan/lan_config.h"
+#include "port/posix/mqtt/mqtt_config.h"
 #include "port/posix/log/log_output.h"
 #include "port/posix/state/state_store.h"
 #include "metrics.h"
@@ -91,6 +93,9 @@ Snapshot snapshot()
     }
     out.latency_sum_s = static_cast<double>(g_latency_sum_us.load(std::memory_order_relaxed)) / 1e6;
     out.mqtt_connected = get_mqc_conn_stat() != 0;
+    out.mqtt_session = mqc_session_number();
+    out.mqtt_session_kept = mqc_session_kept() != 0;
+    out.commands_too_old = wire_expired_refusals();
     out.dispatch_depth = g_dispatch_depth.load(std::memory_order_relaxed);
     out.dispatch_depth_max = g_dispatch_depth_max.load(std::memory_order_relaxed);
     out.lan_clients = lan_authed_client_count();

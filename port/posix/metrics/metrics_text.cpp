@@ -105,6 +105,21 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
         e.sample("sf_mqtt_inbound_dropped_total", std::string("reason=\"") + kDropReasons[r] + '"',
                  number(c[InboundDroppedOversize + r]));
     }
+    e.one("sf_mqtt_session", "gauge", "Session number of the current or next connection (raised at every connect).",
+          number(s.mqtt_session));
+    e.one("sf_mqtt_session_kept", "gauge",
+          "1 when the broker had kept the gateway's session at the last connect, else 0.",
+          s.mqtt_session_kept ? "1" : "0");
+    e.one("sf_mqtt_session_takeovers_total", "counter",
+          "Sessions another client with the gateway's client id took over (two gateways with one id).",
+          number(c[MqttTakeovers]));
+    e.one("sf_commands_replayed_total", "counter",
+          "Commands taken from the journal of the last run and handed on again after a restart.",
+          number(c[CommandsReplayed]));
+    e.family("sf_commands_expired_total", "counter",
+             "Commands not applied because they were too old, by reason: message_expiry (MQTT 5), max_age (t).");
+    e.sample("sf_commands_expired_total", "reason=\"message_expiry\"", number(c[CommandsExpired]));
+    e.sample("sf_commands_expired_total", "reason=\"max_age\"", number(s.commands_too_old));
     e.one("sf_dispatch_queue_depth", "gauge", "Messages waiting for the dispatch thread.", number(s.dispatch_depth));
     e.one("sf_dispatch_queue_depth_max", "gauge", "Highest dispatch queue depth since the start.",
           number(s.dispatch_depth_max));
@@ -173,7 +188,13 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
                              field("latency_s", "{" + field("le", latency_le) + "," + field("counts", latency_counts) +
                                                     "," + field("sum", number(s.latency_sum_s)) + "}") +
                              "," + field("inbound", "{" + kinds + "}") + "," + field("inbound_dropped", "{" + drops + "}") +
-                             "}") +
+                             "," + field("session", number(s.mqtt_session)) + "," +
+                             field("session_kept", s.mqtt_session_kept ? "true" : "false") + "," +
+                             field("takeovers", number(c[MqttTakeovers])) + "}") +
+           "," +
+           field("commands", "{" + field("replayed", number(c[CommandsReplayed])) + "," +
+                                 field("expired", number(c[CommandsExpired])) + "," +
+                                 field("too_old", number(s.commands_too_old)) + "}") +
            "," +
            field("dispatch", "{" + field("depth", number(s.dispatch_depth)) + "," +
                                  field("depth_max", number(s.dispatch_depth_max)) + "," +

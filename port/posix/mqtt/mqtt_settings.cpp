@@ -64,6 +64,9 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     client->protocol = protocol == 5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
     client->fall_back = cfg->protocol == 0 && protocol == 5;
     client->receive_maximum = SF_MQTT_RECEIVE_MAXIMUM;
+    client->clean_session = cfg->clean_session == TRUE;
+    client->session_expiry_s = or_default(cfg->session_expiry_s, SF_MQTT_SESSION_EXPIRY_S);
+    client->takeover_backoff_s = or_default(cfg->takeover_backoff_s, SF_MQTT_TAKEOVER_BACKOFF_S);
     const UINT_T max_bytes = or_default(cfg->max_inbound_bytes, SF_MQTT_MAX_INBOUND_BYTES);
     client->max_packet_bytes = max_bytes + SF_MQTT_PACKET_OVERHEAD;
     client->inbound = std::make_unique<InboundWorker>(max_bytes,

@@ -59,7 +59,7 @@ protected:
                 ASSERT_TRUE(cloud_.wait_until(
                     [](const std::vector<Received> &all) {
                         for (const Received &one : all) {
-                            if (one.topic == topic("status") && one.payload == "{\"online\":true}") {
+                            if (one.topic == topic("status") && one.payload == status(true)) {
                                 return true;
                             }
                         }
@@ -123,6 +123,13 @@ protected:
     }
 
     static std::string topic(const char *leaf) { return std::string("sf/") + GW_ID + "/" + leaf; }
+
+    /* The status text of the client's session now (docs/wire-protocol.md, section 2). */
+    static std::string status(bool online)
+    {
+        return std::string("{\"online\":") + (online ? "true" : "false") +
+               ",\"session\":" + std::to_string(mqc_session_number()) + "}";
+    }
 
     /* Uplink messages of protocol pro whose "data" printed unformatted equals data. */
     static bool has_uplink(const std::vector<Received> &all, int pro, const std::string &data)

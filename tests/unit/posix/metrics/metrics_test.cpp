@@ -16,6 +16,7 @@
 #include "port/posix/mqtt/mqtt_inbound.h"
 #include "port/posix/mqtt/mqtt_pending.h"
 #include "tests/unit/gateway/registry/registry_test_data.h"
+#include "tests/unit/posix/posix_test_util.h"
 
 namespace {
 
@@ -80,6 +81,22 @@ TEST_F(Metrics, AQueueFullDropOfAQos0CommandMovesItsCounter)
     EXPECT_EQ(0u, counter(sf_metrics::InboundDroppedQueueFull));
     worker.push(sf_wire::CmdKind::Dp, "{}", 2, 0);
     EXPECT_EQ(1u, counter(sf_metrics::InboundDroppedQueueFull));
+}
+
+TEST_F(Metrics, ACommandWhoseMessageExpiryPassedIsDroppedAndCountedAsExpired)
+{
+    sf_mqtt::InboundWorker worker(64, 4, 8, 0);
+    worker.start();
+    worker.push(sf_wire::CmdKind::Dp, "{}", 2, 1, 0, 1000); /* expired at 1970-01-01 00:00:01 */
+    EXPECT_TRUE(posix_test::eventually([] { return counter(sf_metrics::CommandsExpired) == 1; }));
+    worker.stop();
+    const std::string text = sf_metrics::prometheus_text(sf_metrics::snapshot(), "g");
+    EXPECT_NE(std::string::npos, text.find("sf_commands_expired_total{gateway=\"g\",reason=\"message_expiry\"} 1\n"))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("sf_commands_expired_total{gateway=\"g\",reason=\"max_age\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_commands_replayed_total{gateway=\"g\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_session_takeovers_total{gateway=\"g\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_session_kept{gateway=\"g\"} 0\n"));
 }
 
 TEST_F(Metrics, RefusedDocumentsAreCountedByReason)
