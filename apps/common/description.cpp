@@ -38,6 +38,40 @@ Json parse_json(const std::string &text, const std::string &file, std::string *e
     return nullptr;
 }
 
+/*
+ * connection.mqtt.brokers: [{"host": ..., "port": ..., and optionally the
+ * credentials and TLS files of that broker}], instead of host and port.
+ */
+bool read_brokers(JsonReader &parent, const cJSON *list, std::vector<BrokerSettings> *out, std::string *error)
+{
+    if (!cJSON_IsArray(list) || cJSON_GetArraySize(list) == 0) {
+        return parent.fail("brokers", "expected a non-empty array of brokers");
+    }
+    int index = 0;
+    for (const cJSON *item = list->child; item != nullptr; item = item->next, ++index) {
+        BrokerSettings b;
+        JsonReader r(item, element_path("connection.mqtt", "brokers", index), error);
+        long long number = 0;
+        r.text("host", true, &b.host);
+        if (r.integer("port", false, 1, 65535, &number)) {
+            b.port = static_cast<int>(number);
+        }
+        r.text("username", false, &b.username);
+        r.text("password", false, &b.password);
+        r.text("ca_file", false, &b.ca_file);
+        r.text("cert_file", false, &b.cert_file);
+        r.text("key_file", false, &b.key_file);
+        if (r.ok() && b.host.empty()) {
+            r.fail("host", "empty");
+        }
+        if (!r.no_unknown_keys()) {
+            return false;
+        }
+        out->push_back(b);
+    }
+    return true;
+}
+
 bool read_mqtt(const cJSON *node, MqttSettings *mqtt, std::string *error)
 {
     JsonReader r(node, "connection.mqtt", error);
@@ -75,6 +109,13 @@ bool read_mqtt(const cJSON *node, MqttSettings *mqtt, std::string *error)
     }
     if (r.ok() && mqtt->topic_root.empty()) {
         r.fail("topic_root", "empty");
+    }
+    const cJSON *brokers = r.member("brokers", false);
+    if (brokers != nullptr && r.ok() && (r.member("host", false) != nullptr || r.member("port", false) != nullptr)) {
+        return r.fail("brokers", "not with host or port (name every broker in the list)");
+    }
+    if (brokers != nullptr && r.ok() && !read_brokers(r, brokers, &mqtt->brokers, error)) {
+        return false;
     }
     return r.no_unknown_keys();
 }

@@ -17,6 +17,13 @@
 
 namespace apps {
 
+/* One broker of connection.mqtt.brokers; empty texts and port 0 take the shared settings. */
+struct BrokerSettings {
+    std::string host;
+    int port = 0;
+    std::string username, password, ca_file, cert_file, key_file;
+};
+
 struct MqttSettings {
     std::string host = "127.0.0.1";
     int port = 1883;
@@ -31,6 +38,7 @@ struct MqttSettings {
     int reconnect_min_s = 0;
     int reconnect_max_s = 0;
     int protocol = 0;         /* 5 or 311; 0: MQTT 5, falling back to 3.1.1 when the broker refuses it */
+    std::vector<BrokerSettings> brokers; /* non-empty: tried in this order instead of host and port */
 };
 
 struct LanSettings {

@@ -10,7 +10,9 @@
 #include <deque>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "broker_session.h"
 #include "common/topics.h"
 #include "gateway/sync/annotated_lock.h"
 #include "uplink.h"
@@ -32,8 +34,7 @@ public:
 };
 
 struct MqttTarget {
-    std::string host = "127.0.0.1";
-    int port = 1883;
+    std::vector<sf_mqtt::Broker> brokers; /* tried in order (broker_session.h); MUST NOT be empty */
     apps::Topics topics;
     std::string username;
     std::string password;
@@ -58,6 +59,7 @@ private:
     std::string gateway_id_;
     MqttTarget target_;
     mosquitto *mosq_ = nullptr;
+    BrokerSession session_;
     sf_sync::Mutex mutex_;
     sf_sync::CondVar changed_;
     std::deque<std::pair<std::string, std::string>> inbox_ SF_GUARDED_BY(mutex_);

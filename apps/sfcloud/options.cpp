@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "common/broker_address.h"
 #include "common/json_reader.h"
 
 #include <cstdlib>
@@ -34,6 +35,8 @@ const char *usage_text()
            "  --description FILE  gateway description for names and defaults\n"
            "                      (default: $SF_DESCRIPTION, else examples/gateway.json)\n"
            "  --host HOST --port PORT   MQTT broker (default: the description's connection)\n"
+           "  --broker HOST:PORT  a broker of a list, repeatable: the first given is tried first, the\n"
+           "                      next when a connect fails or the connection is lost\n"
            "  --gw ID --root ROOT       gateway id and topic root (default: from the description)\n"
            "  --username U --password P --ca-file FILE   broker credentials and TLS\n"
            "  --lan HOST:PORT     speak to the gateway's LAN channel instead (set, query, group)\n"
@@ -70,6 +73,15 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             out->json = true;
         } else if (arg == "--table") {
             out->table = true;
+        } else if (arg == "--broker") {
+            std::pair<std::string, int> broker;
+            if (i + 1 >= args.size() || !apps::parse_broker_address(args[i + 1], &broker.first, &broker.second)) {
+                *why = arg + ": expected HOST:PORT ([ADDRESS]:PORT for IPv6)" +
+                       (i + 1 < args.size() ? ", got " + args[i + 1] : std::string());
+                return false;
+            }
+            ++i;
+            out->brokers.push_back(broker);
         } else if (texts.count(arg) != 0 || numbers.count(arg) != 0) {
             if (i + 1 >= args.size()) {
                 *why = arg + ": expected a value";
@@ -95,6 +107,10 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
     }
     if (out->expect != "report" && out->expect != "echo" && out->expect != "any") {
         *why = "--expect: expected report, echo or any, got " + out->expect;
+        return false;
+    }
+    if (!out->brokers.empty() && (!out->host.empty() || out->port != 0)) {
+        *why = "--broker: not with --host or --port (name every broker with --broker)";
         return false;
     }
     if (!out->help && out->words.empty()) {

@@ -3,6 +3,7 @@
 #define SFCLOUD_OPTIONS_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sfcloud {
@@ -17,6 +18,7 @@ struct Options {
     std::string description; /* empty: $SF_DESCRIPTION, else examples/gateway.json when it exists */
     std::string host;        /* empty: from the description, else 127.0.0.1 */
     int port = 0;            /* 0: from the description, else 1883 */
+    std::vector<std::pair<std::string, int>> brokers; /* --broker, in order; non-empty: these only */
     std::string gw;          /* empty: from the description */
     std::string root;        /* empty: from the description, else sf */
     std::string username, password, ca_file;

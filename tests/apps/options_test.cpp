@@ -118,3 +118,31 @@ TEST(ConsoleOptions, BadCommandLinesAreRefusedWithAReason)
 }
 
 } // namespace
+
+namespace {
+
+TEST(GatewayBrokerOptions, RepeatedBrokersAreKeptInTheOrderGiven)
+{
+    sfgw::Options o;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"--mqtt-broker", "n1:1883", "gw.json", "--mqtt-broker", "[::1]:1884"}, &o, &why))
+        << why;
+    ASSERT_EQ(2u, o.mqtt_brokers.size());
+    EXPECT_EQ("n1", o.mqtt_brokers[0].first);
+    EXPECT_EQ(1883, o.mqtt_brokers[0].second);
+    EXPECT_EQ("::1", o.mqtt_brokers[1].first);
+    EXPECT_EQ(1884, o.mqtt_brokers[1].second);
+}
+
+TEST(GatewayBrokerOptions, ABadBrokerOrOneWithTheSingleFormIsRefused)
+{
+    sfgw::Options o1;
+    sfgw::Options o2;
+    std::string why;
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-broker", "n1", "gw.json"}, &o1, &why));
+    EXPECT_EQ("--mqtt-broker: expected HOST:PORT ([ADDRESS]:PORT for IPv6), got n1", why);
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-broker", "n1:1", "--mqtt-port", "1884", "gw.json"}, &o2, &why));
+    EXPECT_EQ("--mqtt-broker: not with --mqtt-host or --mqtt-port (name every broker with --mqtt-broker)", why);
+}
+
+} // namespace

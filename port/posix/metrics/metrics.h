@@ -38,6 +38,7 @@ enum Counter : int {
     LanAuthRefused,
     LanDroppedSlow,
     HeartbeatProbes,     /* probes sent to silent sub-devices */
+    MqttBrokerChanges,   /* sessions accepted by another broker of the list than the previous session */
     kCounterCount
 };
 
@@ -92,6 +93,10 @@ void publication_completed(int op_ret, std::chrono::steady_clock::time_point acc
 void mqtt_session_up(const char *host, int port);
 void mqtt_session_down(const char *host, int port);
 
+/* The broker in use ("host:port"): the last that accepted a session, else the first to try. */
+void mqtt_broker_in_use(const std::string &name);
+std::string mqtt_broker_in_use();
+
 /* A refused inbound document, by the reason sf_wire gave (within_bounds, parse_bounded). */
 void inbound_refused(const char *why);
 
@@ -108,6 +113,7 @@ struct Snapshot {
     uint64_t latency_buckets[kLatencyBuckets + 1] = {}; /* cumulative; the last is +Inf = count */
     double latency_sum_s = 0;
     bool mqtt_connected = false;
+    std::string mqtt_broker; /* mqtt_broker_in_use() */
     uint64_t dispatch_depth = 0;
     uint64_t dispatch_depth_max = 0;
     uint64_t lan_clients = 0;

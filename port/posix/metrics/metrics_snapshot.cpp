@@ -90,6 +90,7 @@ Snapshot snapshot()
     }
     out.latency_sum_s = static_cast<double>(g_latency_sum_us.load(std::memory_order_relaxed)) / 1e6;
     out.mqtt_connected = get_mqc_conn_stat() != 0;
+    out.mqtt_broker = mqtt_broker_in_use();
     out.dispatch_depth = g_dispatch_depth.load(std::memory_order_relaxed);
     out.dispatch_depth_max = g_dispatch_depth_max.load(std::memory_order_relaxed);
     out.lan_clients = lan_authed_client_count();

@@ -31,6 +31,21 @@ extern "C" {
 #define MQC_PRO_SCENE     205 /* scene operation answers */
 
 /*
+ * One broker of a list (MQC_CONFIG_S.brokers). NULL or empty texts take the
+ * shared setting of MQC_CONFIG_S; port 0 takes 1883, or 8883 with TLS. TLS
+ * is on for all brokers of a list or for none.
+ */
+typedef struct {
+    const CHAR_T *host;      /* required */
+    INT_T         port;
+    const CHAR_T *username;
+    const CHAR_T *password;
+    const CHAR_T *ca_file;
+    const CHAR_T *cert_file;
+    const CHAR_T *key_file;
+} MQC_BROKER_S;
+
+/*
  * Every text is copied by mqc_start. Zero or NULL fields take the default
  * named in brackets.
  */
@@ -56,6 +71,9 @@ typedef struct {
     UINT_T        protocol;          /* 5: MQTT 5 only; 311: MQTT 3.1.1 only; 0: MQTT 5, or 3.1.1
                                         when the broker refuses 5 [SF_MQTT_PROTOCOL]. See
                                         docs/robustness.md for what each can bound. */
+    const MQC_BROKER_S *brokers;     /* broker_count > 0: these brokers, tried in this order, instead of
+                                        host and port (see port/posix/mqtt/mqtt_brokers.h) */
+    UINT_T        broker_count;
 } MQC_CONFIG_S;
 
 /*
