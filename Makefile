@@ -77,8 +77,10 @@ test-brokers:
 
 # The gateway on a 3-node RabbitMQ cluster on loopback (scripts/rabbitmq_cluster.sh):
 # kill -9 the gateway's node, then the console's; nothing lost (build/cluster).
+# Then the small fleet: 5 gateways, one node killed, every gateway back and no value lost.
 test-cluster:
 	scripts/cluster_scenario.sh
+	FLEET=5 MEASURE_S=5 SF_FLEET_ASSERT=1 FLEET_DIR=build/fleet-small scripts/fleet_bench.sh
 
 # A fleet of FLEET gateways (default 100) against that cluster, one node killed;
 # the table goes to docs/benchmarks.md (build/fleet).

@@ -172,7 +172,13 @@ else
   echo "killed node 2 (the console's) at $(now_ms)"
 fi
 grep -q "MQTT broker changed" "$dir/console.err" && grep "MQTT broker changed" "$dir/console.err" | tail -n 1
-sleep 15
+# a console given the dead node first still reads every gateway's health
+"$bin/sfcloud" --description "$desc" "${console_brokers[@]}" --timeout 20 --for 3 health >"$dir/health.out" 2>&1 ||
+  fail "sfcloud health with node 2 dead: $(cat "$dir/health.out")"
+grep -q "^gw0001 " "$dir/health.out" || fail "no health row of gw0001: $(cat "$dir/health.out")"
+echo "sfcloud health with node 2 dead:"
+cat "$dir/health.out"
+sleep 12
 touch "$dir/stop"
 sleep 4
 echo "== what arrived"
