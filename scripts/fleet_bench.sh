@@ -205,7 +205,14 @@ text = open(doc).read()
 head = "## Fleet on a RabbitMQ cluster"
 section = (f"{head}\n\n`make bench-fleet` (FLEET={fleet}): gateways (`sfgw`, Release) on a 3-node RabbitMQ 3.10 "
            "cluster on loopback, one console receiving every uplink, node 1 killed with `kill -9` "
-           "(scripts/fleet_bench.sh says how each figure is taken).\n\n" + table + "\n")
+           "(scripts/fleet_bench.sh says how each figure is taken).\n\n" + table + "\n"
+           "The report rate is the load the simulators offer (every sub-device's temperature moves every 2 s), "
+           "all of it confirmed: it is not the cluster's limit. The console receives more reports than the "
+           "gateways counted as confirmed: values re-sent after the move arrive twice (receivers de-duplicate "
+           "by serno). Memory per gateway is the growth of the three nodes' resident memory with the fleet "
+           "connected, divided by the fleet. Commands during the move are not measured here: the gateway's "
+           "session is not persistent yet (`make test-cluster` counts them, docs/brokers.md). The machine was "
+           "shared with other jobs while this ran.\n")
 if head in text:
     text = re.sub(re.escape(head) + r"\n.*?(?=\n## |\Z)", section.rstrip("\n") + "\n", text, flags=re.S)
 else:
