@@ -136,11 +136,13 @@ kill_and_follow() {
   done
   line=$(grep "MQTT broker changed from ${brokers[$((node - 1))]}" "$dir/sfgw.log" | tail -n 1)
   moved_ms=$(($(date -d "$(echo "$line" | cut -d' ' -f1)" +%s%3N) - t0))
-  # the first value the console received after the kill that was set after the kill
+  # the first value the console received once the gateway's session on the new node was up
+  # (a value already on its way before the kill may arrive just after it)
   first_ms=""
   deadline=$((SECONDS + 60))
   while [ -z "$first_ms" ]; do
-    first_ms=$(awk -v t0="$t0" '$1 > t0 && /"countdown"/ { print $1 - t0; exit }' "$dir/console.jsonl")
+    first_ms=$(awk -v t0="$t0" -v up="$moved_ms" '$1 >= t0 + up && /"countdown"/ { print $1 - t0; exit }' \
+      "$dir/console.jsonl")
     [ -n "$first_ms" ] && break
     ((SECONDS < deadline)) || fail "no value reached the console after node $node died"
     sleep 0.2
