@@ -10,7 +10,8 @@
 #include <random>
 #include <thread>
 
-#include "broker_session.h"
+#include "common/broker_session.h"
+#include "link.h"
 #include "common/json_reader.h"
 #include "gateway/sync/annotated_lock.h"
 
@@ -67,7 +68,7 @@ void latency_of(const cJSON *latency, HealthRow *row)
 
 struct Gatherer {
     std::string prefix; /* "<root>/"; set before libmosquitto's thread starts, read-only afterwards */
-    BrokerSession session;
+    apps::BrokerSession session;
     sf_sync::Mutex mutex;
     sf_sync::CondVar changed;
     int connect_rc SF_GUARDED_BY(mutex) = -1;
@@ -205,7 +206,7 @@ int health(const Options &options, const apps::Description *names, std::string *
     }
     const std::string where = brokers[0].name();
     std::string why;
-    g.session.start(mosq, brokers);
+    g.session.start(mosq, brokers, say_broker_change);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
     if (g.session.wait_first(deadline, &why)) {
         why.clear();

@@ -1,12 +1,18 @@
 #include <mosquitto.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
 #include "link.h"
 
 namespace sfcloud {
+
+void say_broker_change(const std::string &from, const std::string &to)
+{
+    std::fprintf(stderr, "sfcloud: MQTT broker changed from %s to %s\n", from.c_str(), to.c_str());
+}
 
 MqttLink::~MqttLink()
 {
@@ -77,7 +83,7 @@ bool MqttLink::open(const MqttTarget &target, Deadline deadline, std::string *wh
         mosquitto_tls_set(mosq_, target.ca_file.c_str(), nullptr, nullptr, nullptr, nullptr);
     }
     const std::string where = target.brokers[0].name();
-    session_.start(mosq_, target.brokers);
+    session_.start(mosq_, target.brokers, say_broker_change);
     if (!session_.wait_first(deadline, why)) {
         sf_sync::Guard hold(mutex_);
         if (connect_rc_ > 0) {

@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include "common/broker_address.h"
+#include "common/broker_session.h"
 #include "common/json_reader.h"
 
 #include <cstdlib>
@@ -51,6 +52,20 @@ const char *usage_text()
            "\n"
            "Exit status: 0 the gateway answered as expected, 1 it answered otherwise,\n"
            "2 bad command line, 3 no answer in time or no connection.\n";
+}
+
+std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults)
+{
+    if (options.brokers.empty() && options.host.empty() && options.port == 0) {
+        return apps::brokers_of(defaults);
+    }
+    apps::MqttSettings named;
+    named.host = !options.host.empty() ? options.host : defaults.host;
+    named.port = options.port != 0 ? options.port : defaults.port;
+    for (const auto &address : options.brokers) {
+        named.brokers.push_back({address.first, address.second, "", "", "", "", ""});
+    }
+    return apps::brokers_of(named);
 }
 
 bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why)

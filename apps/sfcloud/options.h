@@ -6,6 +6,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/description.h"
+#include "port/posix/mqtt/mqtt_brokers.h"
+
 namespace sfcloud {
 
 /* Exit codes: the gateway answered as expected / answered otherwise / bad command line / no answer in time. */
@@ -34,6 +37,9 @@ struct Options {
     bool help = false;
     std::vector<std::string> words; /* the command and its arguments */
 };
+
+/* --broker (in order), else --host/--port, else the description's brokers, else its host and port. */
+std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults);
 
 /* false with *why ("--port: expected a port number, got x"). */
 bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why);

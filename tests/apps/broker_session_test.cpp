@@ -1,4 +1,4 @@
-#include "sfcloud/broker_session.h"
+#include "common/broker_session.h"
 
 #include <gtest/gtest.h>
 #include <mosquitto.h>
@@ -8,7 +8,6 @@
 
 #include <chrono>
 
-#include "sfcloud/options.h"
 
 namespace {
 
@@ -21,34 +20,16 @@ std::vector<std::string> names(const std::vector<sf_mqtt::Broker> &brokers)
     return out;
 }
 
-TEST(ConsoleBrokerList, BrokerOptionsComeFirstInTheOrderGiven)
+TEST(BrokersOf, TheDescriptionsListElseItsHostAndPort)
 {
-    sfcloud::Options options;
-    options.brokers = {{"n2", 1884}, {"n1", 1883}};
-    apps::MqttSettings defaults;
-    defaults.brokers.push_back({"d1", 1999, "", "", "", "", ""});
-    EXPECT_EQ(names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"n2:1884", "n1:1883"}));
-}
-
-TEST(ConsoleBrokerList, HostAndPortNameOneBrokerAndReplaceTheDescriptionsList)
-{
-    sfcloud::Options options;
-    options.port = 1999;
-    apps::MqttSettings defaults;
-    defaults.host = "broker";
-    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
-    EXPECT_EQ(names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"broker:1999"}));
-}
-
-TEST(ConsoleBrokerList, TheDescriptionsListIsUsedWhenTheCommandLineNamesNoBroker)
-{
-    sfcloud::Options options;
-    apps::MqttSettings defaults;
-    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
-    defaults.brokers.push_back({"d2", 0, "", "", "", "", ""});
-    EXPECT_EQ(names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"d1:1884", "d2:1883"}));
-    EXPECT_EQ(names(sfcloud::broker_list(options, apps::MqttSettings())),
-              (std::vector<std::string>{"127.0.0.1:1883"}));
+    apps::MqttSettings mqtt;
+    mqtt.host = "broker";
+    mqtt.port = 1999;
+    EXPECT_EQ(names(apps::brokers_of(mqtt)), (std::vector<std::string>{"broker:1999"}));
+    mqtt.brokers.push_back({"d1", 1884, "", "", "", "", ""});
+    mqtt.brokers.push_back({"d2", 0, "", "", "", "", ""});
+    mqtt.brokers.push_back({"d3", 0, "", "", "ca.pem", "", ""});
+    EXPECT_EQ(names(apps::brokers_of(mqtt)), (std::vector<std::string>{"d1:1884", "d2:1883", "d3:8883"}));
 }
 
 /* A loopback port nobody listens on: bound, then closed. */
@@ -75,7 +56,7 @@ TEST(BrokerSession, WhenEveryBrokerRefusesTheFirstWaitEndsAfterOneRoundNamingThe
     a.port = closed_port();
     sf_mqtt::Broker b = a;
     b.port = closed_port();
-    sfcloud::BrokerSession session;
+    apps::BrokerSession session;
     const auto started = std::chrono::steady_clock::now();
     session.start(mosq, {a, b});
     std::string why;

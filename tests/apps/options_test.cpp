@@ -146,3 +146,46 @@ TEST(GatewayBrokerOptions, ABadBrokerOrOneWithTheSingleFormIsRefused)
 }
 
 } // namespace
+
+namespace {
+
+std::vector<std::string> broker_names(const std::vector<sf_mqtt::Broker> &brokers)
+{
+    std::vector<std::string> out;
+    for (const sf_mqtt::Broker &b : brokers) {
+        out.push_back(b.name());
+    }
+    return out;
+}
+
+TEST(ConsoleBrokerList, BrokerOptionsComeFirstInTheOrderGiven)
+{
+    sfcloud::Options options;
+    options.brokers = {{"n2", 1884}, {"n1", 1883}};
+    apps::MqttSettings defaults;
+    defaults.brokers.push_back({"d1", 1999, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"n2:1884", "n1:1883"}));
+}
+
+TEST(ConsoleBrokerList, HostAndPortNameOneBrokerAndReplaceTheDescriptionsList)
+{
+    sfcloud::Options options;
+    options.port = 1999;
+    apps::MqttSettings defaults;
+    defaults.host = "broker";
+    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"broker:1999"}));
+}
+
+TEST(ConsoleBrokerList, TheDescriptionsListIsUsedWhenTheCommandLineNamesNoBroker)
+{
+    sfcloud::Options options;
+    apps::MqttSettings defaults;
+    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
+    defaults.brokers.push_back({"d2", 0, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"d1:1884", "d2:1883"}));
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, apps::MqttSettings())),
+              (std::vector<std::string>{"127.0.0.1:1883"}));
+}
+
+} // namespace

@@ -1,18 +1,20 @@
 /*
- * The console's connection to a list of brokers (--broker, repeatable):
- * its own thread connects to the first, serves the connection with
+ * A connection of the apps to a list of brokers: the console's
+ * (sfcloud --broker, repeatable) and the gateway simulator's. Its own
+ * thread connects to the first broker, serves the connection with
  * mosquitto_loop, and on a failed connect or a lost connection moves to
- * the next with the gateway's rotation and back-off
+ * the next with the gateway client's rotation and back-off
  * (port/posix/mqtt/mqtt_brokers.h). Subscriptions are the owner's to make
  * again in its connect callback, which reports an accepted session with
  * accepted(). A persistent session (clean_session false) continues on the
  * next node of a cluster, which holds its queue.
  */
-#ifndef SFCLOUD_BROKER_SESSION_H
-#define SFCLOUD_BROKER_SESSION_H
+#ifndef APPS_COMMON_BROKER_SESSION_H
+#define APPS_COMMON_BROKER_SESSION_H
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,22 +25,27 @@
 
 struct mosquitto;
 
-namespace sfcloud {
+namespace apps {
 
-struct Options;
-
-/* --broker (in order), else --host/--port, else the description's brokers, else its host and port. */
-std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults);
+/* The description's brokers (connection.mqtt.brokers), else its host and port. */
+std::vector<sf_mqtt::Broker> brokers_of(const MqttSettings &mqtt);
 
 class BrokerSession {
 public:
+    /* A session was accepted by another broker than the previous one ("host:port" each). */
+    using Change = std::function<void(const std::string &from, const std::string &to)>;
+
     BrokerSession() = default;
     ~BrokerSession() { stop(); }
     BrokerSession(const BrokerSession &) = delete;
     BrokerSession &operator=(const BrokerSession &) = delete;
 
-    /* Start the thread on mosq (callbacks set, mosquitto_threaded_set done here). brokers MUST NOT be empty. */
-    void start(mosquitto *mosq, std::vector<sf_mqtt::Broker> brokers);
+    /*
+     * Start the thread on mosq (callbacks set; mosquitto_threaded_set is
+     * done here). brokers MUST NOT be empty. on_change runs on the
+     * session's thread.
+     */
+    void start(mosquitto *mosq, std::vector<sf_mqtt::Broker> brokers, Change on_change = {});
     /* Disconnect and join the thread; mosq is then the caller's to destroy. Idempotent. */
     void stop();
 
@@ -59,6 +66,7 @@ private:
 
     mosquitto *mosq_ = nullptr;
     std::vector<sf_mqtt::Broker> brokers_;
+    Change on_change_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
     std::atomic<bool> accepted_now_{false}; // this connection was accepted (session thread)
@@ -70,6 +78,6 @@ private:
     bool ever_accepted_ SF_GUARDED_BY(mutex_) = false;
 };
 
-} // namespace sfcloud
+} // namespace apps
 
-#endif /* SFCLOUD_BROKER_SESSION_H */
+#endif /* APPS_COMMON_BROKER_SESSION_H */

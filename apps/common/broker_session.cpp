@@ -1,4 +1,4 @@
-#include "broker_session.h"
+#include "common/broker_session.h"
 
 #include <mosquitto.h>
 
@@ -6,11 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "options.h"
+namespace apps {
 
-namespace sfcloud {
-
-std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults)
+std::vector<sf_mqtt::Broker> brokers_of(const MqttSettings &mqtt)
 {
     std::vector<sf_mqtt::Broker> out;
     auto add = [&out](const std::string &host, int port) {
@@ -19,16 +17,11 @@ std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::Mqt
         b.port = port;
         out.push_back(b);
     };
-    if (!options.brokers.empty()) {
-        for (const auto &address : options.brokers) {
-            add(address.first, address.second);
-        }
-    } else if (!options.host.empty() || options.port != 0 || defaults.brokers.empty()) {
-        add(!options.host.empty() ? options.host : defaults.host, options.port != 0 ? options.port : defaults.port);
-    } else {
-        for (const apps::BrokerSettings &b : defaults.brokers) {
-            add(b.host, b.port != 0 ? b.port : (defaults.ca_file.empty() ? 1883 : 8883));
-        }
+    for (const BrokerSettings &b : mqtt.brokers) {
+        add(b.host, b.port != 0 ? b.port : (mqtt.ca_file.empty() && b.ca_file.empty() ? 1883 : 8883));
+    }
+    if (out.empty()) {
+        add(mqtt.host, mqtt.port);
     }
     return out;
 }
@@ -47,10 +40,11 @@ std::string why_of(int rc)
 
 } // namespace
 
-void BrokerSession::start(mosquitto *mosq, std::vector<sf_mqtt::Broker> brokers)
+void BrokerSession::start(mosquitto *mosq, std::vector<sf_mqtt::Broker> brokers, Change on_change)
 {
     mosq_ = mosq;
     brokers_ = std::move(brokers);
+    on_change_ = std::move(on_change);
     mosquitto_threaded_set(mosq_, true);
     thread_ = std::thread([this] { run(); });
 }
@@ -113,10 +107,8 @@ void BrokerSession::run()
                 if (!up && accepted_now_) {
                     up = true;
                     const std::string before = list.in_use() != nullptr ? list.in_use()->name() : "";
-                    if (list.accepted()) {
-                        // the console's own story, on standard error: the output stays the gateway's
-                        std::fprintf(stderr, "sfcloud: MQTT broker changed from %s to %s\n", before.c_str(),
-                                     b.name().c_str());
+                    if (list.accepted() && on_change_) {
+                        on_change_(before, b.name());
                     }
                     sf_sync::Guard hold(mutex_);
                     in_use_ = b.name();
@@ -144,4 +136,4 @@ void BrokerSession::run()
     }
 }
 
-} // namespace sfcloud
+} // namespace apps
