@@ -7,6 +7,8 @@
 #   make package       .deb files of the library (-dev) and the gateway daemon
 #   make test-brokers  the demo scenario against a private RabbitMQ node
 #   make web           build the web console (web/dist); make test-web its tests
+#   make test-cluster  the gateway and the console on a 3-node RabbitMQ cluster while nodes die
+#   make bench-fleet   N gateways (FLEET=100) on that cluster: connect time, throughput, fail-over (not in make test)
 
 JOBS ?= $(shell nproc)
 SAN_BUILD := build/asan
@@ -15,7 +17,7 @@ TSA_BUILD := build/tsa
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build web test-web test test-tsan test-thread-safety test-cross package test-brokers demo run bench fuzz clean
+.PHONY: all deps build web test-web test test-tsan test-thread-safety test-cross package test-brokers test-cluster bench-fleet demo run bench fuzz clean
 
 all: build
 
@@ -87,6 +89,19 @@ package: deps
 # The demo scenario against a private RabbitMQ node (MQTT plugin), outage included.
 test-brokers:
 	scripts/rabbitmq_scenario.sh
+
+# The gateway on a 3-node RabbitMQ cluster on loopback (scripts/rabbitmq_cluster.sh):
+# kill -9 the gateway's node, then the console's; nothing lost (build/cluster).
+# Then the small fleet: 5 gateways, one node killed, every gateway back and no value lost.
+test-cluster:
+	scripts/cluster_scenario.sh
+	FLEET=5 MEASURE_S=5 SF_FLEET_ASSERT=1 FLEET_DIR=build/fleet-small scripts/fleet_bench.sh
+
+# A fleet of FLEET gateways (default 100) against that cluster, one node killed;
+# the table goes to docs/benchmarks.md (build/fleet).
+FLEET ?= 100
+bench-fleet:
+	FLEET=$(FLEET) scripts/fleet_bench.sh
 
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi

@@ -11,6 +11,40 @@ namespace {
 using gw_desc::LoadError;
 using gw_desc::Reader;
 
+/*
+ * connection.mqtt.brokers: [{"host": ..., "port": ..., and optionally the
+ * credentials and TLS files of that broker}], instead of host and port.
+ */
+bool read_brokers(Reader &parent, const cJSON *list, std::vector<BrokerSettings> *out, LoadError *error)
+{
+    if (!cJSON_IsArray(list) || cJSON_GetArraySize(list) == 0) {
+        return parent.refuse("brokers", "expected a non-empty array of brokers");
+    }
+    int index = 0;
+    for (const cJSON *item = list->child; item != nullptr; item = item->next, ++index) {
+        BrokerSettings b;
+        Reader r(item, gw_desc::element_path("connection.mqtt", "brokers", index), error);
+        long long number = 0;
+        r.text("host", true, &b.host);
+        if (r.integer("port", false, 1, 65535, &number)) {
+            b.port = static_cast<int>(number);
+        }
+        r.text("username", false, &b.username);
+        r.text("password", false, &b.password);
+        r.text("ca_file", false, &b.ca_file);
+        r.text("cert_file", false, &b.cert_file);
+        r.text("key_file", false, &b.key_file);
+        if (r.ok() && b.host.empty()) {
+            r.refuse("host", "empty");
+        }
+        if (!r.no_unknown_keys()) {
+            return false;
+        }
+        out->push_back(b);
+    }
+    return true;
+}
+
 bool read_mqtt(const cJSON *node, MqttSettings *mqtt, LoadError *error)
 {
     Reader r(node, "connection.mqtt", error);
@@ -54,6 +88,13 @@ bool read_mqtt(const cJSON *node, MqttSettings *mqtt, LoadError *error)
     }
     if (r.ok() && mqtt->topic_root.empty()) {
         r.refuse("topic_root", "empty");
+    }
+    const cJSON *brokers = r.member("brokers", false);
+    if (brokers != nullptr && r.ok() && (r.member("host", false) != nullptr || r.member("port", false) != nullptr)) {
+        return r.refuse("brokers", "not with host or port (name every broker in the list)");
+    }
+    if (brokers != nullptr && r.ok() && !read_brokers(r, brokers, &mqtt->brokers, error)) {
+        return false;
     }
     return r.no_unknown_keys();
 }

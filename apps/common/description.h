@@ -20,6 +20,13 @@
 
 namespace apps {
 
+/* One broker of connection.mqtt.brokers; empty texts take the shared settings, port 0 the default (broker_port.h). */
+struct BrokerSettings {
+    std::string host;
+    int port = 0;
+    std::string username, password, ca_file, cert_file, key_file;
+};
+
 struct MqttSettings {
     std::string host = "127.0.0.1";
     int port = 0; /* 0: not set, broker_port.h gives the default (1883, or 8883 with ca_file) */
@@ -37,6 +44,7 @@ struct MqttSettings {
     bool persistent_session = true; /* false: a clean session at every connect */
     long long session_expiry_s = 0; /* MQTT 5 session expiry; 0: the client's default (one day) */
     int takeover_backoff_s = 0;     /* 0: the client's default (300) */
+    std::vector<BrokerSettings> brokers; /* non-empty: tried in this order instead of host and port */
 };
 
 /* What happens to commands on their way in (docs/wire-protocol.md "Delivery of commands"). */

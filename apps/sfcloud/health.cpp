@@ -10,7 +10,8 @@
 #include <random>
 #include <thread>
 
-#include "common/broker_port.h"
+#include "common/broker_session.h"
+#include "link.h"
 #include "common/json_reader.h"
 #include "uplink.h"
 #include "gateway/sync/annotated_lock.h"
@@ -68,6 +69,7 @@ void latency_of(const cJSON *latency, HealthRow *row)
 
 struct Gatherer {
     std::string prefix; /* "<root>/"; set before libmosquitto's thread starts, read-only afterwards */
+    apps::BrokerSession session;
     sf_sync::Mutex mutex;
     sf_sync::CondVar changed;
     int connect_rc SF_GUARDED_BY(mutex) = -1;
@@ -83,6 +85,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
         const std::string status = g->prefix + "+/status";
         char *subs[] = {const_cast<char *>(metrics.c_str()), const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 2, subs, 0, 0, nullptr);
+        g->session.accepted();
     }
     sf_sync::Guard hold(g->mutex);
     g->connect_rc = rc;
@@ -192,8 +195,7 @@ void print_health_table(const std::map<std::string, GatewayHealth> &seen, long l
 int health(const Options &options, const apps::Description *names, std::string *detail)
 {
     const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
-    const std::string host = !options.host.empty() ? options.host : defaults.host;
-    const int port = apps::broker_port(options.port != 0 ? options.port : defaults.port, options.ca_file);
+    const std::vector<sf_mqtt::Broker> brokers = broker_list(options, defaults);
     Gatherer g;
     g.prefix = (!options.root.empty() ? options.root : defaults.topic_root) + "/";
     mosquitto_lib_init();
@@ -212,15 +214,12 @@ int health(const Options &options, const apps::Description *names, std::string *
     if (!options.ca_file.empty()) {
         mosquitto_tls_set(mosq, options.ca_file.c_str(), nullptr, nullptr, nullptr, nullptr);
     }
-    const std::string where = host + ":" + std::to_string(port);
+    const std::string where = brokers[0].name();
     std::string why;
-    int rc = mosquitto_connect(mosq, host.c_str(), port, 30);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        why = "cannot connect to the MQTT broker at " + where + ": " +
-              (rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno)) : std::string(mosquitto_strerror(rc)));
-    } else {
-        mosquitto_loop_start(mosq);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
+    g.session.start(mosq, brokers, say_broker_change);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
+    if (g.session.wait_first(deadline, &why)) {
+        why.clear();
         sf_sync::Guard hold(g.mutex);
         if (!g.changed.wait_until(g.mutex, deadline,
                                   [&g]() SF_REQUIRES(g.mutex) { return g.subscribed || g.connect_rc > 0; }) ||
@@ -231,8 +230,7 @@ int health(const Options &options, const apps::Description *names, std::string *
             g.changed.wait_for(g.mutex, std::chrono::seconds(options.for_s > 0 ? options.for_s : 3), [] { return false; });
         }
     }
-    mosquitto_disconnect(mosq);
-    mosquitto_loop_stop(mosq, true);
+    g.session.stop();
     std::map<std::string, GatewayHealth> seen;
     {
         sf_sync::Guard hold(g.mutex);

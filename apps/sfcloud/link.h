@@ -11,8 +11,10 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "port/posix/lan/lan_tls_client.h"
+#include "common/broker_session.h"
 #include "common/topics.h"
 #include "gateway/sync/annotated_lock.h"
 #include "uplink.h"
@@ -24,6 +26,9 @@ namespace sfcloud {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+/* The console's own story, on standard error (the output stays the gateway's): "sfcloud: MQTT broker changed ...". */
+void say_broker_change(const std::string &from, const std::string &to);
+
 class Link {
 public:
     virtual ~Link() = default;
@@ -34,8 +39,7 @@ public:
 };
 
 struct MqttTarget {
-    std::string host = "127.0.0.1";
-    int port = 1883;
+    std::vector<sf_mqtt::Broker> brokers; /* tried in order (common/broker_session.h); MUST NOT be empty */
     apps::Topics topics;
     std::string username;
     std::string password;
@@ -60,6 +64,7 @@ private:
     std::string gateway_id_;
     MqttTarget target_;
     mosquitto *mosq_ = nullptr;
+    apps::BrokerSession session_;
     sf_sync::Mutex mutex_;
     sf_sync::CondVar changed_;
     std::deque<std::pair<std::string, std::string>> inbox_ SF_GUARDED_BY(mutex_);

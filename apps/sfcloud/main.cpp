@@ -77,8 +77,7 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
     } else {
         sfcloud::MqttTarget target;
         const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
-        target.host = !options.host.empty() ? options.host : defaults.host;
-        target.port = apps::broker_port(options.port != 0 ? options.port : defaults.port, options.ca_file);
+        target.brokers = sfcloud::broker_list(options, defaults);
         target.topics = {!options.root.empty() ? options.root : defaults.topic_root, gw_id};
         target.username = options.username;
         target.password = options.password;

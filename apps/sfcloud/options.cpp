@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "common/broker_address.h"
+#include "common/broker_session.h"
 #include "common/json_reader.h"
 
 #include <cstdlib>
@@ -36,6 +38,8 @@ const char *usage_text()
            "  --description FILE  gateway description for names and defaults\n"
            "                      (default: $SF_DESCRIPTION, else examples/gateway.json)\n"
            "  --host HOST --port PORT   MQTT broker (default: the description's connection)\n"
+           "  --broker HOST:PORT  a broker of a list, repeatable: the first given is tried first, the\n"
+           "                      next when a connect fails or the connection is lost\n"
            "  --gw ID --root ROOT       gateway id and topic root (default: from the description)\n"
            "  --username U --password P --ca-file FILE   broker credentials and TLS\n"
            "  --lan HOST:PORT     speak to the gateway's LAN channel instead (set, query, group)\n"
@@ -54,6 +58,21 @@ const char *usage_text()
            "\n"
            "Exit status: 0 the gateway answered as expected, 1 it answered otherwise,\n"
            "2 bad command line, 3 no answer in time or no connection.\n";
+}
+
+std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults)
+{
+    apps::MqttSettings named = defaults;
+    named.ca_file = options.ca_file; // the console's own TLS setting picks the default port
+    if (!options.brokers.empty() || !options.host.empty() || options.port != 0) {
+        named.host = !options.host.empty() ? options.host : defaults.host;
+        named.port = options.port != 0 ? options.port : defaults.port;
+        named.brokers.clear();
+        for (const auto &address : options.brokers) {
+            named.brokers.push_back({address.first, address.second, "", "", "", "", ""});
+        }
+    }
+    return apps::brokers_of(named);
 }
 
 bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why)
@@ -81,6 +100,15 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             out->table = true;
         } else if (arg == "--lan-plain") {
             out->lan_plain = true;
+        } else if (arg == "--broker") {
+            std::pair<std::string, int> broker;
+            if (i + 1 >= args.size() || !apps::parse_broker_address(args[i + 1], &broker.first, &broker.second)) {
+                *why = arg + ": expected HOST:PORT ([ADDRESS]:PORT for IPv6)" +
+                       (i + 1 < args.size() ? ", got " + args[i + 1] : std::string());
+                return false;
+            }
+            ++i;
+            out->brokers.push_back(broker);
         } else if (texts.count(arg) != 0 || numbers.count(arg) != 0) {
             if (i + 1 >= args.size()) {
                 *why = arg + ": expected a value";
@@ -106,6 +134,10 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
     }
     if (out->expect != "report" && out->expect != "echo" && out->expect != "any") {
         *why = "--expect: expected report, echo or any, got " + out->expect;
+        return false;
+    }
+    if (!out->brokers.empty() && (!out->host.empty() || out->port != 0)) {
+        *why = "--broker: not with --host or --port (name every broker with --broker)";
         return false;
     }
     if (!out->help && out->words.empty()) {

@@ -3,7 +3,11 @@
 #define SFCLOUD_OPTIONS_H
 
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "common/description.h"
+#include "port/posix/mqtt/mqtt_brokers.h"
 
 namespace sfcloud {
 
@@ -17,6 +21,7 @@ struct Options {
     std::string description; /* empty: $SF_DESCRIPTION, else examples/gateway.json when it exists */
     std::string host;        /* empty: from the description, else 127.0.0.1 */
     int port = 0;            /* 0: from the description, else 1883 */
+    std::vector<std::pair<std::string, int>> brokers; /* --broker, in order; non-empty: these only */
     std::string gw;          /* empty: from the description */
     std::string root;        /* empty: from the description, else sf */
     std::string username, password, ca_file;
@@ -37,6 +42,9 @@ struct Options {
     bool help = false;
     std::vector<std::string> words; /* the command and its arguments */
 };
+
+/* --broker (in order), else --host/--port, else the description's brokers, else its host and port. */
+std::vector<sf_mqtt::Broker> broker_list(const Options &options, const apps::MqttSettings &defaults);
 
 /* false with *why ("--port: expected a port number, got x"). */
 bool parse_options(const std::vector<std::string> &args, Options *out, std::string *why);

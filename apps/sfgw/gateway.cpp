@@ -19,6 +19,43 @@
 
 namespace sfgw {
 
+namespace {
+
+/* The client's view of connection.mqtt.brokers; the texts stay mqtt's. */
+std::vector<MQC_BROKER_S> broker_list(const apps::MqttSettings &mqtt)
+{
+    auto text = [](const std::string &t) { return t.empty() ? nullptr : t.c_str(); };
+    std::vector<MQC_BROKER_S> out;
+    for (const apps::BrokerSettings &b : mqtt.brokers) {
+        MQC_BROKER_S in{};
+        in.host = b.host.c_str();
+        in.port = b.port;
+        in.username = text(b.username);
+        in.password = text(b.password);
+        in.ca_file = text(b.ca_file);
+        in.cert_file = text(b.cert_file);
+        in.key_file = text(b.key_file);
+        out.push_back(in);
+    }
+    return out;
+}
+
+/* "host:port", or "a:1, b:2" for a list. */
+std::string broker_names(const apps::MqttSettings &mqtt)
+{
+    if (mqtt.brokers.empty()) {
+        return mqtt.host + ":" + std::to_string(apps::broker_port(mqtt.port, mqtt.ca_file));
+    }
+    std::string names;
+    for (const apps::BrokerSettings &b : mqtt.brokers) {
+        names += (names.empty() ? "" : ", ") + b.host + ":" +
+                 std::to_string(apps::broker_port(b.port, !b.ca_file.empty() ? b.ca_file : mqtt.ca_file));
+    }
+    return names;
+}
+
+} // namespace
+
 Gateway::Gateway(const Options &options, const apps::Description &description)
     : options_(options), description_(description), mqtt_(description.mqtt)
 {
@@ -27,6 +64,23 @@ Gateway::Gateway(const Options &options, const apps::Description &description)
     }
     if (options.mqtt_port != 0) {
         mqtt_.port = options.mqtt_port;
+    }
+    if (!options.mqtt_host.empty() || options.mqtt_port != 0) {
+        mqtt_.brokers.clear(); /* the command line names the one broker */
+    }
+    if (!options.mqtt_brokers.empty()) {
+        mqtt_.brokers.clear();
+        for (const auto &address : options.mqtt_brokers) {
+            apps::BrokerSettings broker;
+            broker.host = address.first;
+            broker.port = address.second;
+            mqtt_.brokers.push_back(broker);
+        }
+    }
+    if (!mqtt_.brokers.empty()) {
+        /* what names one broker (the simulator's link, messages) names the first */
+        mqtt_.host = mqtt_.brokers[0].host;
+        mqtt_.port = mqtt_.brokers[0].port != 0 ? mqtt_.brokers[0].port : mqtt_.port;
     }
     if (options.mqtt_protocol != 0) {
         mqtt_.protocol = options.mqtt_protocol;
@@ -95,6 +149,9 @@ bool Gateway::start(const sigset_t &stop_signals, bool *interrupted, std::string
     cfg.clean_session = mqtt_.persistent_session ? FALSE : TRUE;
     cfg.session_expiry_s = static_cast<UINT_T>(mqtt_.session_expiry_s);
     cfg.takeover_backoff_s = static_cast<UINT_T>(mqtt_.takeover_backoff_s);
+    const std::vector<MQC_BROKER_S> brokers = broker_list(mqtt_);
+    cfg.brokers = brokers.empty() ? nullptr : brokers.data();
+    cfg.broker_count = static_cast<UINT_T>(brokers.size());
     rc = mqc_start(&cfg);
     if (rc != RC_OK) {
         *why = "the MQTT client did not start: " + std::to_string(rc);
@@ -160,7 +217,7 @@ bool Gateway::wait_for_broker(const sigset_t &stop_signals, bool *interrupted, s
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options_.connect_timeout_s);
     while (get_gw_nw_status() != GW_NW_CLOUD) {
         if (std::chrono::steady_clock::now() >= deadline) {
-            *why = "cannot reach the MQTT broker at " + mqtt_.host + ":" + std::to_string(mqtt_.port) + " within " +
+            *why = "cannot reach the MQTT broker at " + broker_names(mqtt_) + " within " +
                    std::to_string(options_.connect_timeout_s) + " s (is it running? see the log above)";
             return false;
         }

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "common/broker_address.h"
 #include "common/json_reader.h"
 
 #include <cstdlib>
@@ -34,6 +35,9 @@ const char *usage_text()
            "Options:\n"
            "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
            "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883, or 8883 with ca_file)\n"
+           "  --mqtt-broker HOST:PORT a broker of a list, repeatable: the first given is tried first, the\n"
+           "                          next when a connect fails or the connection is lost (default:\n"
+           "                          connection.mqtt.brokers; see docs/brokers.md, \"Clusters\")\n"
            "  --mqtt-protocol 5|311   MQTT version (default: connection.mqtt.protocol, else 5 with a\n"
            "                          fall-back to 3.1.1 when the broker refuses 5)\n"
            "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"
@@ -120,6 +124,16 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 return false;
             }
             (arg == "--mqtt-port" ? out->mqtt_port : out->lan_port) = port;
+        } else if (arg == "--mqtt-broker") {
+            if (!need_value("HOST:PORT")) {
+                return false;
+            }
+            std::pair<std::string, int> broker;
+            if (!apps::parse_broker_address(value, &broker.first, &broker.second)) {
+                *why = arg + ": expected HOST:PORT ([ADDRESS]:PORT for IPv6), got " + value;
+                return false;
+            }
+            out->mqtt_brokers.push_back(broker);
         } else if (arg == "--mqtt-protocol") {
             if (!need_value("5 or 311")) {
                 return false;
@@ -171,6 +185,10 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             *why = "one description only (got " + out->description + " and " + arg + ")";
             return false;
         }
+    }
+    if (!out->mqtt_brokers.empty() && (!out->mqtt_host.empty() || out->mqtt_port != 0)) {
+        *why = "--mqtt-broker: not with --mqtt-host or --mqtt-port (name every broker with --mqtt-broker)";
+        return false;
     }
     if (!out->help && out->description.empty()) {
         *why = "missing the gateway description (a .json file)";

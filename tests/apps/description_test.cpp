@@ -205,3 +205,64 @@ TEST(Description, TheExampleDescriptionCoversEveryDpKind)
 }
 
 } // namespace
+
+namespace {
+
+bool read_mqtt_text(const std::string &mqtt, apps::Description *d, std::string *why)
+{
+    return apps::read_description_text(R"({"connection":{"mqtt":)" + mqtt +
+                                           R"(},"gateway":{"id":"g"},"devices":[{"id":"a"}]})",
+                                       "f", d, why);
+}
+
+TEST(DescriptionBrokers, AListOfBrokersIsReadInOrderWithItsOwnSettings)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(read_mqtt_text(R"({"username":"u","brokers":[{"host":"n1","port":1884},
+        {"host":"n2","port":1885,"username":"u2","password":"p2"},{"host":"n3"}]})", &d, &why)) << why;
+    ASSERT_EQ(3u, d.mqtt.brokers.size());
+    EXPECT_EQ("n1", d.mqtt.brokers[0].host);
+    EXPECT_EQ(1884, d.mqtt.brokers[0].port);
+    EXPECT_EQ("", d.mqtt.brokers[0].username);
+    EXPECT_EQ("u2", d.mqtt.brokers[1].username);
+    EXPECT_EQ("p2", d.mqtt.brokers[1].password);
+    EXPECT_EQ("n3", d.mqtt.brokers[2].host);
+    EXPECT_EQ(0, d.mqtt.brokers[2].port);
+    EXPECT_EQ("u", d.mqtt.username);
+}
+
+TEST(DescriptionBrokers, TheSingleHostAndPortFormLeavesTheListEmpty)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(read_mqtt_text(R"({"host":"b","port":1999})", &d, &why)) << why;
+    EXPECT_TRUE(d.mqtt.brokers.empty());
+    EXPECT_EQ("b", d.mqtt.host);
+}
+
+TEST(DescriptionBrokers, BadListsAreRefusedWithTheirKeyPath)
+{
+    const struct {
+        const char *mqtt;
+        const char *error;
+    } cases[] = {
+        {R"({"brokers":[]})", "f: connection.mqtt.brokers: expected a non-empty array of brokers"},
+        {R"({"brokers":{"host":"a"}})", "f: connection.mqtt.brokers: expected a non-empty array of brokers"},
+        {R"({"brokers":[{"host":"a"},{"port":1}]})", "f: connection.mqtt.brokers[1].host: missing key"},
+        {R"({"brokers":[{"host":""}]})", "f: connection.mqtt.brokers[0].host: empty"},
+        {R"({"brokers":[{"host":"a","port":70000}]})",
+         "f: connection.mqtt.brokers[0].port: out of range (1..65535): 70000"},
+        {R"({"brokers":[{"host":"a","tls":true}]})", "f: connection.mqtt.brokers[0].tls: unknown key"},
+        {R"({"host":"a","brokers":[{"host":"b"}]})",
+         "f: connection.mqtt.brokers: not with host or port (name every broker in the list)"},
+    };
+    for (const auto &c : cases) {
+        apps::Description d;
+        std::string why;
+        EXPECT_FALSE(read_mqtt_text(c.mqtt, &d, &why)) << c.mqtt;
+        EXPECT_EQ(c.error, why) << c.mqtt;
+    }
+}
+
+} // namespace

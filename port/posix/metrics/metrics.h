@@ -42,6 +42,7 @@ enum Counter : int {
     MqttTakeovers,       /* sessions another client with our client id took from us */
     CommandsReplayed,    /* commands taken from the journal of the last run and handed on again */
     CommandsExpired,     /* commands dropped because their MQTT 5 message expiry passed while they waited */
+    MqttBrokerChanges,   /* sessions accepted by another broker of the list than the previous session */
     kCounterCount
 };
 
@@ -96,6 +97,10 @@ void publication_completed(int op_ret, std::chrono::steady_clock::time_point acc
 void mqtt_session_up(const char *host, int port);
 void mqtt_session_down(const char *host, int port);
 
+/* The broker in use ("host:port"): the last that accepted a session, else the first to try. */
+void mqtt_broker_in_use(const std::string &name);
+std::string mqtt_broker_in_use();
+
 /* A refused inbound document, by the reason sf_wire gave (within_bounds, parse_bounded). */
 void inbound_refused(const char *why);
 
@@ -116,6 +121,7 @@ struct Snapshot {
     uint64_t mqtt_session = 0;        /* session number (docs/wire-protocol.md) */
     bool mqtt_session_kept = false;   /* the broker had our session at the last accepted connect */
     uint64_t commands_too_old = 0;    /* commands refused because their "t" was older than the limit */
+    std::string mqtt_broker; /* mqtt_broker_in_use() */
     uint64_t dispatch_depth = 0;
     uint64_t dispatch_depth_max = 0;
     uint64_t lan_clients = 0;

@@ -96,6 +96,7 @@ Snapshot snapshot()
     out.mqtt_session = mqc_session_number();
     out.mqtt_session_kept = mqc_session_kept() != 0;
     out.commands_too_old = wire_expired_refusals();
+    out.mqtt_broker = mqtt_broker_in_use();
     out.dispatch_depth = g_dispatch_depth.load(std::memory_order_relaxed);
     out.dispatch_depth_max = g_dispatch_depth_max.load(std::memory_order_relaxed);
     out.lan_clients = lan_authed_client_count();

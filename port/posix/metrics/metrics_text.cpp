@@ -78,6 +78,10 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
     e.one("sf_up", "gauge", "1 while the gateway runs; 0 in the last file, written at a clean stop.", s.up ? "1" : "0");
     e.one("sf_mqtt_connected", "gauge", "1 while the broker connection is up, else 0.", s.mqtt_connected ? "1" : "0");
     e.one("sf_mqtt_connects_total", "counter", "Sessions the broker accepted.", number(c[MqttConnects]));
+    e.family("sf_mqtt_broker_info", "gauge", "Always 1; the broker label names the broker in use.");
+    e.sample("sf_mqtt_broker_info", "broker=\"" + label_value(s.mqtt_broker) + '"', "1");
+    e.one("sf_mqtt_broker_changes_total", "counter", "Sessions accepted by another broker of the list than the one before.",
+          number(c[MqttBrokerChanges]));
     e.one("sf_mqtt_disconnects_total", "counter", "Accepted sessions that ended.", number(c[MqttDisconnects]));
     e.one("sf_mqtt_connect_failures_total", "counter", "Connection attempts that did not reach a session.",
           number(c[MqttConnectFailures]));
@@ -177,6 +181,8 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
     return "{" + field("gateway", "\"" + label_value(gateway_id) + "\"") + "," + field("time", std::to_string(s.unix_time_s)) +
            "," +
            field("mqtt", "{" + field("connected", s.mqtt_connected ? "true" : "false") + "," +
+                             field("broker", "\"" + label_value(s.mqtt_broker) + "\"") + "," +
+                             field("broker_changes", number(c[MqttBrokerChanges])) + "," +
                              field("connects", number(c[MqttConnects])) + "," +
                              field("disconnects", number(c[MqttDisconnects])) + "," +
                              field("connect_failures", number(c[MqttConnectFailures])) + "," +

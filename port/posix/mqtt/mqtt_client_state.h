@@ -16,6 +16,7 @@
 #include "services/uni_msg_queue.h"
 
 #include "gateway/sync/annotated_lock.h"
+#include "mqtt_brokers.h"
 #include "mqtt_config.h"
 #include "mqtt_inbound.h"
 #include "mqtt_pending.h"
@@ -46,6 +47,11 @@ struct Client {
     int short_sessions = 0;         // accepted sessions in a row the broker closed soon after their start
     bool takeover_logged = false;
     std::atomic<bool> taken_over{false}; // the last session ended by a take-over: back off long
+
+    // The brokers and the one in use (host, port and credentials above are
+    // its settings): changed on the network thread only (mqtt_broker_use.cpp).
+    std::unique_ptr<BrokerList> brokers;
+    size_t applied_broker = 0;
 
     mosquitto *mosq = nullptr;
     PendingPublications pending;
@@ -84,6 +90,13 @@ extern std::atomic<bool> g_v5;           // the current connection speaks MQTT 5
 
 /* Fill client's settings and topics from cfg with their defaults; false (logged) without a gateway id. */
 bool configure(Client *client, const MQC_CONFIG_S *cfg);
+
+/* The broker list of cfg (or its single host and port) into client; false (logged) when it cannot be used. */
+bool configure_brokers(Client *client, const MQC_CONFIG_S *cfg);
+/* Before a connect, network thread: take the settings of the list's current broker; false (logged) on failure. */
+bool use_broker(Client *client);
+/* The current broker accepted a session, network thread: a change of broker is logged and counted. */
+void broker_accepted(Client *client);
 
 /* text, or NULL when empty, for libmosquitto's optional arguments. */
 inline const char *c_or_null(const std::string &text) { return text.empty() ? nullptr : text.c_str(); }

@@ -31,6 +31,21 @@ extern "C" {
 #define MQC_PRO_SCENE     205 /* scene operation answers */
 
 /*
+ * One broker of a list (MQC_CONFIG_S.brokers). NULL or empty texts take the
+ * shared setting of MQC_CONFIG_S; port 0 takes 1883, or 8883 with TLS. TLS
+ * is on for all brokers of a list or for none.
+ */
+typedef struct {
+    const CHAR_T *host;      /* required */
+    INT_T         port;
+    const CHAR_T *username;
+    const CHAR_T *password;
+    const CHAR_T *ca_file;
+    const CHAR_T *cert_file;
+    const CHAR_T *key_file;
+} MQC_BROKER_S;
+
+/*
  * Every text is copied by mqc_start. Zero or NULL fields take the default
  * named in brackets.
  */
@@ -62,6 +77,9 @@ typedef struct {
                                         [SF_MQTT_SESSION_EXPIRY_S] */
     UINT_T        takeover_backoff_s; /* reconnect delay once another client took our session
                                          [SF_MQTT_TAKEOVER_BACKOFF_S] */
+    const MQC_BROKER_S *brokers;     /* broker_count > 0: these brokers, tried in this order, instead of
+                                        host and port (see port/posix/mqtt/mqtt_brokers.h) */
+    UINT_T        broker_count;
 } MQC_CONFIG_S;
 
 /*

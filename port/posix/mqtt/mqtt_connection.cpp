@@ -125,6 +125,7 @@ void on_subscribe(mosquitto *mosq, void *obj, int, int qos_count, const int *gra
     client->established = true;
     g_connected = true;
     gw_registry_set_nw_status(GW_NW_CLOUD);
+    broker_accepted(client);
     sf_metrics::mqtt_session_up(client->host.c_str(), client->port);
     client->inbound->poke();
     SF_LOG_PROG("MQTT connected to %s:%d as %s, session %llu", client->host.c_str(), client->port,
@@ -379,7 +380,7 @@ void fall_back_if_refused(Client *client, int rc)
 
 void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait_mutex)
 {
-    UINT_T delay_s = client->reconnect_min_s;
+    UINT_T delay_s = 0;
     // An outage is one state change: its first failed attempt, and any change
     // of reason, are errors; the same failure again is detail, and counted.
     std::string failing_because;
@@ -390,7 +391,7 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
             if (client->stop) {
                 return;
             }
-            rc = connect_now(client);
+            rc = use_broker(client) ? connect_now(client) : MOSQ_ERR_INVAL;
         }
         const bool reached = rc == MOSQ_ERR_SUCCESS;
         if (reached) {
@@ -399,9 +400,10 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
         const bool was_established = client->established.exchange(false);
         if (was_established) {
             // The broker did accept us: this is a new outage, not a persisting one.
-            delay_s = client->reconnect_min_s;
             failing_because.clear();
         }
+        // The next broker of the list (the same one when it is alone), after the back-off.
+        delay_s = client->brokers->after_attempt(was_established);
         if (client->stop) {
             return;
         }
@@ -437,7 +439,6 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
         if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
             return;
         }
-        delay_s = delay_s * 2 > client->reconnect_max_s ? client->reconnect_max_s : delay_s * 2;
     }
 }
 

@@ -49,6 +49,9 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     if (client->reconnect_max_s < client->reconnect_min_s) {
         client->reconnect_max_s = client->reconnect_min_s;
     }
+    if (!configure_brokers(client, cfg)) {
+        return false;
+    }
     client->default_timeout_s = or_default(cfg->default_timeout_s, SF_MQTT_PUBLISH_TIMEOUT_S);
     client->max_inflight = or_default(cfg->max_inflight, SF_MQTT_MAX_INFLIGHT);
     const std::string base = or_default(cfg->topic_root, "sf") + "/" + client->gw_id + "/";

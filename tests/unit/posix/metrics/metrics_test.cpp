@@ -170,6 +170,22 @@ TEST_F(MetricsRegistry, TheHealthDocumentIsJsonWithThePendingValues)
     cJSON_Delete(doc);
 }
 
+TEST_F(MetricsRegistry, TheBrokerInUseAndItsChangesAreInTheFileAndTheHealthDocument)
+{
+    sf_metrics::mqtt_broker_in_use("10.0.0.2:1884");
+    sf_metrics::count(sf_metrics::MqttBrokerChanges);
+    const sf_metrics::Snapshot s = sf_metrics::snapshot();
+    const std::string text = sf_metrics::prometheus_text(s, "gw0001");
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_broker_info{gateway=\"gw0001\",broker=\"10.0.0.2:1884\"} 1\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_broker_changes_total{gateway=\"gw0001\"} 1\n")) << text;
+    cJSON *doc = cJSON_Parse(sf_metrics::json_document(s, "gw0001").c_str());
+    ASSERT_NE(nullptr, doc);
+    const cJSON *mqtt = cJSON_GetObjectItem(doc, "mqtt");
+    EXPECT_STREQ("10.0.0.2:1884", cJSON_GetObjectItem(mqtt, "broker")->valuestring);
+    EXPECT_EQ(1, cJSON_GetObjectItem(mqtt, "broker_changes")->valueint);
+    cJSON_Delete(doc);
+}
+
 std::string read_all(const std::string &path)
 {
     std::ifstream in(path);
