@@ -64,6 +64,20 @@ bool all_confirmed()
 
 std::string name_of(int port) { return "127.0.0.1:" + std::to_string(port); }
 
+/* For a failure message: each DP's publish state and what the peer received. */
+std::string picture(const std::vector<Received> &all)
+{
+    std::string out = "publish states:";
+    for (int dp = 1; dp <= DPS; ++dp) {
+        out += " " + std::to_string(dp) + "=" + std::to_string(pv_stat(DEVICE, dp));
+    }
+    out += "; received:";
+    for (const Received &one : all) {
+        out += "\n  " + one.topic + " " + one.payload;
+    }
+    return out;
+}
+
 class BrokerFailover : public ChannelTest {
 protected:
     void start_on_two_brokers()
@@ -112,7 +126,7 @@ TEST_F(BrokerFailover, TheGatewayMovesToTheSecondBrokerAndBackWithEveryValue)
     broker_->stop();
     report_round(2);
     ASSERT_TRUE(cloud_b_.wait_until([](const std::vector<Received> &all) { return has_round(all, 2); }, seconds(20)))
-        << "the values changed during the move did not reach the second broker";
+        << "the values changed during the move did not reach the second broker; " << picture(cloud_b_.received());
     EXPECT_TRUE(eventually(all_confirmed, seconds(10)));
     EXPECT_EQ(name_of(second_->port()), sf_metrics::mqtt_broker_in_use());
     EXPECT_EQ(1u, sf_metrics::snapshot().counters[sf_metrics::MqttBrokerChanges]);

@@ -236,7 +236,7 @@ void run_expiry(Client *client) SF_EXCLUDES(client->wait_mutex)
             }
             client->settled = false;
         }
-        PendingPublications::complete(client->pending.take_settled());
+        client->pending.complete_settled();
         PendingPublications::complete(client->pending.take_expired(Clock::now()), MQC_RC_TIMEOUT);
     }
 }
@@ -473,7 +473,7 @@ void stop_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wai
 /* Complete every publication still waiting with MQC_RC_STOPPED. No thread of the client completes any more. */
 void complete_all_stopped(Client *client)
 {
-    PendingPublications::complete(client->pending.take_settled());
+    client->pending.complete_settled();
     PendingPublications::complete(client->pending.close_and_take_all(), MQC_RC_STOPPED);
 }
 

@@ -11,6 +11,13 @@
 
 namespace sf_mqtt {
 
+namespace {
+
+/* Whether this thread is running completion callbacks (wait_settled_completed must not wait then). */
+thread_local bool t_in_completion = false;
+
+} // namespace
+
 int PendingPublications::publish_and_record(const std::function<int(int *mid)> &publish, const Completion &c)
 {
     unsigned long closes_before;
@@ -52,6 +59,7 @@ bool PendingPublications::record_locked(int rc, int mid, const Completion &c, un
         }
         if (acked || closes_ != closes_before) {
             settled_.push_back({c, acked ? RC_OK : MQC_RC_CONN_LOST});
+            ++settled_total_;
             settled = true;
         } else {
             by_mid_[mid] = c;
@@ -105,6 +113,7 @@ bool PendingPublications::settle_acked(int mid)
             return false;
         }
         settled_.push_back({done, RC_OK});
+        ++settled_total_;
     }
     if (on_settled_) {
         on_settled_();
@@ -121,6 +130,7 @@ void PendingPublications::settle(const std::vector<Completion> &done, OPERATE_RE
         sf_sync::Guard hold(mutex_);
         for (const Completion &one : done) {
             settled_.push_back({one, op_ret});
+            ++settled_total_;
         }
     }
     if (on_settled_) {
@@ -134,6 +144,34 @@ std::vector<Settled> PendingPublications::take_settled()
     sf_sync::Guard hold(mutex_);
     out.swap(settled_);
     return out;
+}
+
+void PendingPublications::complete_settled()
+{
+    std::vector<Settled> out;
+    unsigned long long upto = 0;
+    {
+        sf_sync::Guard hold(mutex_);
+        out.swap(settled_);
+        upto = settled_total_;
+    }
+    complete(out);
+    {
+        sf_sync::Guard hold(mutex_);
+        completed_total_ = upto;
+    }
+    completed_cv_.notify_all();
+}
+
+bool PendingPublications::wait_settled_completed(std::chrono::milliseconds limit)
+{
+    if (t_in_completion) {
+        return false;
+    }
+    sf_sync::Guard hold(mutex_);
+    const unsigned long long target = settled_total_;
+    return completed_cv_.wait_for(mutex_, limit,
+                                  [this, target]() SF_REQUIRES(mutex_) { return completed_total_ >= target; });
 }
 
 std::vector<Completion> PendingPublications::take_expired(Clock::time_point now)
@@ -188,7 +226,10 @@ void PendingPublications::complete(const Completion &done, OPERATE_RET op_ret)
 {
     sf_metrics::publication_completed(op_ret, done.accepted);
     if (done.cb != nullptr) {
+        const bool outer = t_in_completion;
+        t_in_completion = true;
         done.cb(op_ret, done.prv_data);
+        t_in_completion = outer;
     }
     if (done.block != nullptr) {
         put_rfc_data(done.block);

@@ -105,6 +105,23 @@ public:
     /* Publications settled and not completed yet; the expiry thread and the stop complete them. */
     std::vector<Settled> take_settled() SF_EXCLUDES(mutex_);
 
+    /*
+     * Complete every publication settled so far, in the order settled. One
+     * thread at a time: the expiry thread, or the stop once it has ended.
+     */
+    void complete_settled() SF_EXCLUDES(mutex_);
+
+    /*
+     * Wait, at most limit, until every publication settled before the call
+     * has been completed. A refused publication must not overtake them: the
+     * smart frame marks a refused value "to re-send", and an older
+     * publication's "done" completed after that would mark the newer value
+     * confirmed although no broker has it. true when none is left; false
+     * on time-out, and at once on a thread inside a completion (it would
+     * wait for itself).
+     */
+    bool wait_settled_completed(std::chrono::milliseconds limit) SF_EXCLUDES(mutex_);
+
     /* Entries whose deadline is not after now. */
     std::vector<Completion> take_expired(Clock::time_point now) SF_EXCLUDES(mutex_);
 
@@ -146,6 +163,9 @@ private:
     std::map<int, unsigned long> early_acks_ SF_GUARDED_BY(mutex_); // message id -> order parked
     std::map<int, Completion> by_mid_ SF_GUARDED_BY(mutex_);
     std::vector<Settled> settled_ SF_GUARDED_BY(mutex_);
+    unsigned long long settled_total_ SF_GUARDED_BY(mutex_) = 0;   // ever pushed to settled_
+    unsigned long long completed_total_ SF_GUARDED_BY(mutex_) = 0; // of those, completed
+    sf_sync::CondVar completed_cv_;
     // Set once before the client's threads start, read-only afterwards: called without the lock.
     std::function<void()> on_settled_;
 };

@@ -21,6 +21,24 @@ using namespace sf_mqtt; // this file is part of the client
 namespace {
 
 /*
+ * A refusal goes back to the caller only after the completions of every
+ * publication settled before it (acknowledged, or lost with the connection)
+ * have run. The smart frame marks a refused value "to re-send"; the "done"
+ * of an older publication of the same DP, acknowledged just before the
+ * connection dropped but completed after the refusal, would otherwise mark
+ * the newer value confirmed, and no broker would ever get it. Completions
+ * take microseconds; the bound only keeps a stuck callback from stalling
+ * every reporter.
+ */
+constexpr std::chrono::milliseconds REFUSAL_WAITS_FOR_COMPLETIONS{2000};
+
+OPERATE_RET refused(Client *client, OPERATE_RET rc)
+{
+    (void)client->pending.wait_settled_completed(REFUSAL_WAITS_FOR_COMPLETIONS);
+    return rc;
+}
+
+/*
  * Publish text under the uplink topic. With a callback the publication is
  * recorded and completes exactly once; block (may be null) is a reference
  * that the completion releases. Caller holds g_life shared.
@@ -29,7 +47,7 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
                            MQ_PUB_ASYNC_IFM_CB cb, void *prv_data, RFC_DATA_S *block) SF_REQUIRES_SHARED(g_life)
 {
     if (!g_connected) {
-        return MQC_RC_NOT_CONNECTED;
+        return refused(client, MQC_RC_NOT_CONNECTED);
     }
     auto publish = [&](int *mid) {
         if (!g_v5) {
@@ -60,11 +78,11 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
         rc = client->pending.publish_and_record(publish, c);
     }
     if (rc == MOSQ_ERR_NO_CONN || rc == PendingPublications::CLOSED) {
-        return MQC_RC_NOT_CONNECTED;
+        return refused(client, MQC_RC_NOT_CONNECTED);
     }
     if (rc != MOSQ_ERR_SUCCESS) {
         SF_LOG_ERR("mosquitto_publish failed: %s", mosquitto_strerror(rc));
-        return MQC_RC_PUBLISH_FAIL;
+        return refused(client, MQC_RC_PUBLISH_FAIL);
     }
     sf_metrics::count(sf_metrics::MqttAccepted);
     return RC_OK;

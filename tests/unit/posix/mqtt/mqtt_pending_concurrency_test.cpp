@@ -292,3 +292,70 @@ TEST(MqttPending, RacingAcknowledgementsExpiriesAndLossCompleteEachEntryExactlyO
 }
 
 } // namespace
+
+namespace {
+
+/* Waits for the completions settled before it from a completion callback: must return at once. */
+struct WaitFromInside {
+    PendingPublications *table = nullptr;
+    std::atomic<int> result{-1};
+};
+
+void wait_inside(OPERATE_RET, const void *prv)
+{
+    auto *inside = static_cast<WaitFromInside *>(const_cast<void *>(prv));
+    inside->result = inside->table->wait_settled_completed(std::chrono::seconds(30)) ? 1 : 0;
+}
+
+TEST(MqttPending, ARefusalWaitsUntilTheAcknowledgedPublicationsBeforeItAreCompleted)
+{
+    PendingPublications table;
+    table.open();
+    Counter counter;
+    ASSERT_EQ(0, record(&table, 9, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    ASSERT_TRUE(table.settle_acked(9));
+
+    std::atomic<bool> waited{false};
+    std::atomic<int> calls_seen{-1};
+    std::thread refuser([&] {
+        waited = table.wait_settled_completed(std::chrono::seconds(30));
+        calls_seen = counter.calls.load();
+    });
+    table.complete_settled(); // the expiry thread's turn
+    refuser.join();
+    EXPECT_TRUE(waited.load());
+    EXPECT_EQ(1, calls_seen.load()); // the "done" ran before the refusal went back
+    EXPECT_EQ(RC_OK, counter.last.load());
+}
+
+TEST(MqttPending, WaitingWithNothingSettledReturnsAtOnceAndATimeOutSaysSo)
+{
+    PendingPublications table;
+    table.open();
+    EXPECT_TRUE(table.wait_settled_completed(std::chrono::milliseconds(0)));
+    Counter counter;
+    ASSERT_EQ(0, record(&table, 3, completion(&counter, Clock::now() + std::chrono::hours(1))));
+    table.settle(table.close_and_take_all(), -1104);
+    EXPECT_FALSE(table.wait_settled_completed(std::chrono::milliseconds(1))); // nobody completes it
+    table.complete_settled();
+    EXPECT_EQ(-1104, counter.last.load());
+    EXPECT_TRUE(table.wait_settled_completed(std::chrono::milliseconds(0)));
+}
+
+TEST(MqttPending, ACompletionThatWaitsForCompletionsDoesNotWaitForItself)
+{
+    PendingPublications table;
+    table.open();
+    WaitFromInside inside;
+    inside.table = &table;
+    Completion c;
+    c.cb = wait_inside;
+    c.prv_data = &inside;
+    c.deadline = Clock::now() + std::chrono::hours(1);
+    ASSERT_EQ(0, record(&table, 4, c));
+    ASSERT_TRUE(table.settle_acked(4));
+    table.complete_settled();
+    EXPECT_EQ(0, inside.result.load());
+}
+
+} // namespace
