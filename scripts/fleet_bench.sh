@@ -210,8 +210,8 @@ section = (f"{head}\n\n`make bench-fleet` (FLEET={fleet}): gateways (`sfgw`, Rel
            "all of it confirmed: it is not the cluster's limit. The console receives more reports than the "
            "gateways counted as confirmed: values re-sent after the move arrive twice (receivers de-duplicate "
            "by serno). Memory per gateway is the growth of the three nodes' resident memory with the fleet "
-           "connected, divided by the fleet. Commands during the move are not measured here: the gateway's "
-           "session is not persistent yet (`make test-cluster` counts them, docs/brokers.md). The machine was "
+           "connected, divided by the fleet. Commands during the move are not measured here: `make test-cluster` "
+           "counts them (docs/brokers.md). The machine was "
            "shared with other jobs while this ran.\n")
 if head in text:
     text = re.sub(re.escape(head) + r"\n.*?(?=\n## |\Z)", section.rstrip("\n") + "\n", text, flags=re.S)
