@@ -19,6 +19,13 @@
  * state file next to this program, docs/state.md), so the store's cost
  * reads side by side. BM_StateWriteVolume reports at a steady rate and
  * counts what the process wrote (/proc/self/io) per report.
+ *
+ * BM_BarePublisher is the floor of the same run: a bare libmosquitto
+ * client (MQTT 5, QoS 1, its own network thread, the same in-flight limit)
+ * publishing the very payload the gateway's client sent first, on the same
+ * topic length, against the same broker, with the same windows and count;
+ * its completion is libmosquitto's on_publish. scripts/bench_goals.py
+ * divides the two throughputs window by window.
  */
 #include <benchmark/benchmark.h>
 
@@ -35,7 +42,11 @@
 #include <thread>
 #include <vector>
 
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+
 #include "cloud_defs/gw_intf.h"
+#include "gateway/edge/wire_json.h"
 #include "port/posix/metrics/metrics.h"
 #include "port/posix/metrics/metrics_reporter.h"
 #include "port/posix/mqtt/mqtt_config.h"
@@ -86,6 +97,9 @@ void completion(OPERATE_RET op_ret, const void *prv_data)
 }
 
 std::unique_ptr<it::Broker> g_broker;
+
+/* The first payload the gateway's client published (what the bare publisher sends); under g_lock. */
+std::string g_sample_payload;
 
 bool start_once(std::string *why)
 {
@@ -345,12 +359,119 @@ void BM_StateWriteVolume(benchmark::State &state)
     state.counters["disk_bytes_per_report"] = static_cast<double>(disk) / reports;
 }
 
+/* The bare publisher's completions: libmosquitto's on_publish, per message id. */
+struct Bare {
+    std::mutex lock;
+    std::condition_variable done;
+    size_t in_flight = 0;
+    uint64_t completed = 0;
+    std::vector<Clock::time_point> started; /* by message id modulo its size */
+    std::vector<double> latency_us;
+};
+
+void bare_on_publish(struct mosquitto *, void *obj, int mid)
+{
+    Bare *bare = static_cast<Bare *>(obj);
+    const auto now = Clock::now();
+    std::lock_guard<std::mutex> hold(bare->lock);
+    bare->latency_us.push_back(
+        std::chrono::duration<double, std::micro>(now - bare->started[static_cast<size_t>(mid) % bare->started.size()])
+            .count());
+    --bare->in_flight;
+    ++bare->completed;
+    bare->done.notify_all();
+}
+
+/* range(0): publications in flight at most. Each iteration is 2,000 publications, all acknowledged. */
+void BM_BarePublisher(benchmark::State &state)
+{
+    std::string why;
+    if (!start_once(&why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    std::string payload;
+    {
+        std::lock_guard<std::mutex> hold(g_lock);
+        payload = g_sample_payload;
+    }
+    if (payload.empty()) {
+        state.SkipWithError("no gateway payload captured yet: run after BM_ConfirmedReports");
+        return;
+    }
+    const size_t window = static_cast<size_t>(state.range(0));
+    static bool lib_ready = mosquitto_lib_init() == MOSQ_ERR_SUCCESS;
+    Bare bare;
+    bare.started.resize(65536);
+    struct mosquitto *mosq = lib_ready ? mosquitto_new("sf-bench-bare", true, &bare) : nullptr;
+    if (mosq == nullptr) {
+        state.SkipWithError("mosquitto_new");
+        return;
+    }
+    mosquitto_int_option(mosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+    mosquitto_max_inflight_messages_set(mosq, MAX_WINDOW);
+    mosquitto_publish_callback_set(mosq, bare_on_publish);
+    const std::string topic = std::string("sf/") + bench::GW_ID + "/up"; /* the gateway's uplink topic */
+    if (mosquitto_connect(mosq, "127.0.0.1", g_broker->port(), 60) != MOSQ_ERR_SUCCESS ||
+        mosquitto_loop_start(mosq) != MOSQ_ERR_SUCCESS) {
+        mosquitto_destroy(mosq);
+        state.SkipWithError("bare publisher: no connection");
+        return;
+    }
+    constexpr uint64_t PER_ITERATION = 2000;
+    uint64_t published = 0;
+    bool failed = false;
+    for (auto _ : state) {
+        const uint64_t target = bare.completed + PER_ITERATION;
+        const auto start = Clock::now();
+        for (uint64_t i = 0; i < PER_ITERATION && !failed; ++i) {
+            std::unique_lock<std::mutex> hold(bare.lock);
+            bare.done.wait(hold, [&] { return bare.in_flight < window; });
+            ++bare.in_flight;
+            int mid = 0;
+            /* the start is stamped under the lock, before the acknowledgement can be handled */
+            const auto now = Clock::now();
+            failed = mosquitto_publish(mosq, &mid, topic.c_str(), static_cast<int>(payload.size()), payload.data(), 1,
+                                       false) != MOSQ_ERR_SUCCESS;
+            bare.started[static_cast<size_t>(mid) % bare.started.size()] = now;
+        }
+        std::unique_lock<std::mutex> hold(bare.lock);
+        if (failed || !bare.done.wait_for(hold, std::chrono::seconds(30), [&] { return bare.completed >= target; })) {
+            failed = true;
+            break;
+        }
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        published += PER_ITERATION;
+    }
+    mosquitto_disconnect(mosq);
+    mosquitto_loop_stop(mosq, false);
+    mosquitto_destroy(mosq);
+    if (failed) {
+        state.SkipWithError("bare publisher: a publication failed or was not acknowledged in 30 s");
+        return;
+    }
+    const bench::Percentiles p = bench::percentiles(bare.latency_us);
+    state.counters["reports_per_s"] = benchmark::Counter(static_cast<double>(published), benchmark::Counter::kIsRate);
+    state.counters["p50_us"] = p.p50;
+    state.counters["p99_us"] = p.p99;
+}
+
 } // namespace
 
 extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
                                                   void *prv_data)
 {
     InFlight &slot = g_slots[t_slot];
+    static std::atomic<bool> captured{false};
+    const MSG_DATA_S *msg = captured.load(std::memory_order_relaxed) ? nullptr : sf_wire::message_of(rfc_data);
+    if (msg != nullptr) {
+        /* once: the client's own framing (mqtt_publish.cpp), so the bare publisher sends the same bytes */
+        captured.store(true, std::memory_order_relaxed);
+        std::string payload = sf_wire::wrap_frame({{"serno", msg->serno}, {"pro", MQC_PRO_DP_REPORT}},
+                                                  reinterpret_cast<const char *>(msg->data), msg->len);
+        std::lock_guard<std::mutex> hold(g_lock);
+        g_sample_payload.swap(payload);
+    }
     slot.module_cb = cb;
     slot.module_prv = prv_data;
     return __real_mqc_dp_report_async(rfc_data, to_lmt_s, completion, &slot);
@@ -361,6 +482,7 @@ BENCHMARK(BM_ConfirmedReports)
     ->ArgsProduct({{1, 8, 64}, {0, 1}})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_BarePublisher)->ArgName("window")->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MetricsCost)->ArgName("metrics")->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StateWriteVolume)->ArgName("reports_per_s")->Arg(50)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
 
