@@ -79,7 +79,10 @@ const Names *share_dp_names(const Names &names)
     Interned &in = interned();
     sf_sync::Guard guard(in.lock);
     try {
-        auto entry = in.dp_names.emplace(names, 0).first;
+        auto entry = in.dp_names.find(names); /* most devices share a table: no copy for them */
+        if (entry == in.dp_names.end()) {
+            entry = in.dp_names.emplace(names, 0).first;
+        }
         ++entry->second;
         return &entry->first;
     } catch (const std::bad_alloc &) {
@@ -106,7 +109,10 @@ CHAR_T **share_enum(const Names &names)
     Interned &in = interned();
     sf_sync::Guard guard(in.lock);
     try {
-        auto entry = in.enums.emplace(names, EnumTable{}).first;
+        auto entry = in.enums.find(names);
+        if (entry == in.enums.end()) {
+            entry = in.enums.emplace(names, EnumTable{}).first;
+        }
         EnumTable &table = entry->second;
         if (table.users == 0) {
             table.pointers.clear();
