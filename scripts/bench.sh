@@ -30,8 +30,9 @@ if [ -x "$build/bench/sf_bench_e2e" ]; then
   run sf_bench_e2e
 fi
 scripts/footprint.sh "$build" | tee "$out/footprint.txt"
-if [ -x "$build/apps/sfgw" ]; then
-  scripts/sfgw_rss.sh "$build" | tee "$out/sfgw_rss.txt"
+if [ -x "$build/apps/sfgw" ] && { command -v mosquitto >/dev/null || [ -x /usr/sbin/mosquitto ]; }; then
+  # a failure here leaves the row "not judged" rather than ending the run before the goals
+  scripts/sfgw_rss.sh "$build" | tee "$out/sfgw_rss.txt" || echo "sfgw_rss.sh failed: resident memory not measured" >&2
 fi
 echo "results in $out" >&2
 # the goals: exit 1 on a miss, 3 when a figure spread too much to be judged (scripts/bench_goals.py)
