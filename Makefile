@@ -6,6 +6,9 @@
 #   make test-cross    the module's unit tests on 32- and 64-bit ARM under qemu-user
 #   make package       .deb files of the library (-dev) and the gateway daemon
 #   make test-brokers  the demo scenario against a private RabbitMQ node
+#   make web           build the web console (web/dist); make test-web its tests
+#   make test-cluster  the gateway and the console on a 3-node RabbitMQ cluster while nodes die
+#   make bench-fleet   N gateways (FLEET=100) on that cluster: connect time, throughput, fail-over (not in make test)
 
 JOBS ?= $(shell nproc)
 SAN_BUILD := build/asan
@@ -14,7 +17,7 @@ TSA_BUILD := build/tsa
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test test-tsan test-thread-safety test-cross package test-brokers demo run bench fuzz clean
+.PHONY: all deps build web test-web test test-tsan test-thread-safety test-cross package test-brokers test-cluster bench-fleet demo run bench fuzz clean
 
 all: build
 
@@ -32,9 +35,23 @@ build: deps $(SAN_BUILD)/CMakeCache.txt
 # again under ThreadSanitizer.
 test: build
 	cd $(SAN_BUILD) && ctest -j $(JOBS) --output-on-failure --timeout 300
+	@$(MAKE) --no-print-directory test-web
 	@if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --smoke; fi
 	@$(MAKE) --no-print-directory test-tsan
 	@$(MAKE) --no-print-directory test-thread-safety
+
+# The web console: built with npm (web/dist) from the lock file's packages.
+web: deps
+	@scripts/build_web.sh >/dev/null
+
+# The web console's tests: its protocol code (vitest), then the page in
+# Debian's chromium against a private mosquitto, sfcloud serve and sfgw of
+# the sanitizer build (about 80 s, most of it a device's 60 s time-out).
+# Screenshots of every step in build/web-e2e/.
+test-web: web $(SAN_BUILD)/CMakeCache.txt
+	cmake --build $(SAN_BUILD) -j $(JOBS) --target sfcloud sfgw
+	cd web && npm run --silent test
+	cd web && SF_BIN_DIR=$(CURDIR)/$(SAN_BUILD)/apps SF_WEB_E2E_DIR=$(CURDIR)/build/web-e2e node --test --test-concurrency=1 e2e/
 
 test-tsan: deps
 	@if grep -rqs --include=CMakeLists.txt 'concurrency' tests; then \
@@ -73,6 +90,19 @@ package: deps
 test-brokers:
 	scripts/rabbitmq_scenario.sh
 
+# The gateway on a 3-node RabbitMQ cluster on loopback (scripts/rabbitmq_cluster.sh):
+# kill -9 the gateway's node, then the console's; nothing lost (build/cluster).
+# Then the small fleet: 5 gateways, one node killed, every gateway back and no value lost.
+test-cluster:
+	scripts/cluster_scenario.sh
+	FLEET=5 MEASURE_S=5 SF_FLEET_ASSERT=1 FLEET_DIR=build/fleet-small scripts/fleet_bench.sh
+
+# A fleet of FLEET gateways (default 100) against that cluster, one node killed;
+# the table goes to docs/benchmarks.md (build/fleet).
+FLEET ?= 100
+bench-fleet:
+	FLEET=$(FLEET) scripts/fleet_bench.sh
+
 demo: deps
 	@if [ -x scripts/demo.sh ]; then scripts/demo.sh; else echo "the demo is not built yet"; fi
 
@@ -82,7 +112,9 @@ run: deps
 bench: deps
 	@if [ -d bench ] && [ -f bench/CMakeLists.txt ]; then \
 	  cmake -S . -B $(REL_BUILD) -DCMAKE_BUILD_TYPE=Release -DSF_BUILD_TESTS=OFF $(CMAKE_FLAGS) && \
-	  cmake --build $(REL_BUILD) -j $(JOBS) && scripts/bench.sh $(REL_BUILD); \
+	  cmake --build $(REL_BUILD) -j $(JOBS) && scripts/bench.sh $(REL_BUILD) && \
+	  scripts/build_web.sh >/dev/null && \
+	  (cd web && SF_BIN_DIR=$(CURDIR)/$(REL_BUILD)/apps SF_WEB_BENCH_DIR=$(CURDIR)/$(REL_BUILD)/web-bench node bench/run.mjs); \
 	else echo "the benchmarks are not built yet"; fi
 
 fuzz: deps

@@ -36,10 +36,12 @@ install(FILES ${CMAKE_BINARY_DIR}/package/smart_frame.pc
 if(TARGET sf_posix)
   set_target_properties(sf_posix PROPERTIES VERSION ${PROJECT_VERSION} EXPORT_NAME posix_backend)
   set_target_properties(sf_base64 PROPERTIES VERSION ${PROJECT_VERSION} EXPORT_NAME base64)
-  install(TARGETS sf_posix sf_base64 EXPORT smart_frame-posix-targets
+  set_target_properties(sf_lan_tls PROPERTIES VERSION ${PROJECT_VERSION} EXPORT_NAME lan_tls)
+  install(TARGETS sf_posix sf_base64 sf_lan_tls EXPORT smart_frame-posix-targets
           ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT posix)
   # each header where it lies in the tree, so its relative includes hold
-  foreach(header port/posix/runtime/posix_runtime.h gateway/registry/gw_registry.h port/posix/mqtt/mqtt_config.h
+  foreach(header port/posix/runtime/posix_runtime.h gateway/registry/gw_registry.h gateway/description/desc_model.h
+                 gateway/description/desc_reader.h port/posix/mqtt/mqtt_config.h
                  port/posix/lan/lan_config.h)
     get_filename_component(header_dir ${header} DIRECTORY)
     install(FILES ${header} DESTINATION ${SF_INSTALL_INCLUDEDIR}/${header_dir} COMPONENT posix)

@@ -18,4 +18,16 @@
 #define SF_REGISTRY_RETIRE_GRACE_MS 60000
 #endif
 
+/*
+ * Seconds a command carrying "t" (the POSIX seconds at which the cloud
+ * issued it) may be old when it reaches the command edge; an older one is
+ * refused with the code "expired" [0 = no limit .. any]. Five minutes
+ * covers a restart and a short outage; a command older than that was
+ * probably meant for a situation that has passed. Overridden at run time
+ * with wire_set_command_max_age (sfgw: connection.commands.max_age_s).
+ */
+#ifndef SF_COMMAND_MAX_AGE_S
+#define SF_COMMAND_MAX_AGE_S 300
+#endif
+
 #endif /* GATEWAY_GATEWAY_TUNABLES_H */

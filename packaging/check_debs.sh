@@ -35,9 +35,11 @@ if [ -n "$daemon" ]; then
   has "$daemon" ./usr/bin/sfgw ./usr/lib/systemd/system/sfgw.service ./etc/sfgw/gateway.json ./var/lib/sfgw/
   dpkg-deb -I "$daemon" conffiles | grep -qxF /etc/sfgw/gateway.json ||
     { echo "$(basename "$daemon") does not keep /etc/sfgw/gateway.json as a conffile" >&2; exit 1; }
+  "$here/check_service.sh" "$daemon" "$work/service"
   echo "sfgw package: $(basename "$daemon")"
 fi
 
 dpkg -x "$dev" "$work/root"
 echo "-dev package: $(basename "$dev"), unpacked into $work/root"
+"$here/check_c_only.sh" "$dev" "$work/root" "$work/c-only" "$@"
 "$here/../examples/c-gateway/check_consumer.sh" --prefix "$work/root/usr" "$work/consumer" "$@"

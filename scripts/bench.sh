@@ -29,6 +29,15 @@ run sf_bench_passes
 if [ -x "$build/bench/sf_bench_e2e" ]; then
   run sf_bench_e2e
 fi
+if [ -x "$build/bench/sf_bench_lan" ]; then
+  run sf_bench_lan
+fi
+# commands through the persistent session, with and without the journal (a real sfgw and mosquitto)
+if [ -x "$build/apps/sfgw" ] && command -v /usr/bin/python3 >/dev/null &&
+  PATH="/usr/sbin:$PATH" command -v mosquitto >/dev/null; then
+  echo "== sf_bench_commands" >&2
+  PATH="/usr/sbin:$PATH" /usr/bin/python3 scripts/bench_commands.py "$build/apps/sfgw" "$out" | tee "$out/sf_bench_commands.txt"
+fi
 scripts/footprint.sh "$build" | tee "$out/footprint.txt"
 if [ -x "$build/apps/sfgw" ] && { command -v mosquitto >/dev/null || [ -x /usr/sbin/mosquitto ]; }; then
   # a failure here leaves the row "not judged" rather than ending the run before the goals

@@ -163,6 +163,32 @@ expect_ok --session restart --timeout 40 wait report plug01 switch=on countdown=
 expect_ok query plug01
 expect_ok query thermo01 temp_set mode
 
+heading "A command sent while the gateway restarts is applied once it is back (persistent session, docs/wire-protocol.md 2.1)"
+gateway_stop "$work" || true
+echo "   sfgw stopped (SIGTERM); the broker keeps its session and the commands sent to it"
+# A watcher on the broker: the retained status tells it is subscribed, the
+# command's arrival that the broker has it before the gateway returns.
+mosquitto_sub -p "$mqtt_port" -t sf/gw0001/status -t sf/gw0001/cmd/dp -C 2 -W 30 >"$work/while-away.sub" 2>&1 &
+watcher=$!
+for _ in $(seq 100); do [ -s "$work/while-away.sub" ] && break; sleep 0.1; done
+# sfcloud publishes now and waits for the device's report, which can only
+# come from the gateway started after it
+cloud --timeout 40 set plug01 countdown=777 >"$work/while-away.out" 2>&1 &
+while_away=$!
+wait "$watcher" || true
+echo "   published while the gateway is down: $(tail -n 1 "$work/while-away.sub")"
+gateway_start "$work" "$bin/sfgw" "$description" "$mqtt_port" "$lan_port" info \
+  --metrics-file "$metrics" --metrics-interval 1 --metrics-mqtt 5 ${gateway_options[@]+"${gateway_options[@]}"} || exit 1
+echo "   sfgw started again"
+if wait "$while_away"; then
+  sed 's/^/   /' "$work/while-away.out"
+  echo "   the command published while the gateway was down reached plug01"
+else
+  sed 's/^/   /' "$work/while-away.out"
+  echo "   FAILED: the command sent while the gateway was down was not applied"
+  failures+=("step $step_no: command while away")
+fi
+
 heading "Clean shutdown of the gateway (SIGTERM)"
 if gateway_stop "$work"; then
   tail -n 2 "$work/sfgw.out" | sed 's/^/   /'

@@ -17,3 +17,17 @@ mkdir -p "$dir"
 # than left to find out from the broker's answer.
 SF_BROKER_CTL="$here/rabbitmq_broker.sh" SF_BROKER_DIR="$dir" SF_BROKER_NAME=RabbitMQ \
   SF_GATEWAY_OPTIONS="--mqtt-protocol 311" "$here/demo_scenario.sh" "$bin" "$@"
+
+# Commands are never lost on RabbitMQ either: the gateway stopped (SIGTERM),
+# 100 commands published, the gateway started: all 100 applied, in order
+# (the first scenario of tests/cloud/durable_test.py, on a node of its own).
+echo
+echo "== RabbitMQ: 100 commands published while the gateway is stopped"
+durable=$root/build/brokers/rabbitmq-durable
+rm -rf "$durable"
+mkdir -p "$durable"
+port=$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+"$here/rabbitmq_broker.sh" start "$durable" "$port"
+trap '"$here/rabbitmq_broker.sh" stop "$durable"' EXIT
+SF_DURABLE_BROKER_PORT=$port SF_DURABLE_ONLY=sigterm /usr/bin/python3 "$root/tests/cloud/durable_test.py" \
+  "$bin/sfgw" "$root/tests/cloud/durable_gateway.json" 311

@@ -31,7 +31,7 @@ extern "C" {
 void PrintLog(INT_T module, INT_T level, const CHAR_T *file, INT_T line, const CHAR_T *func,
               const CHAR_T *fmt, ...) UNI_LOG_PRINTF(6, 7);
 
-/* Log text without a prefix (continues a line). */
+/* Log text without a prefix (continues a line). No result; any thread; never blocks on the network. */
 void PrintLogRaw(const CHAR_T *fmt, ...) UNI_LOG_PRINTF(1, 2);
 
 #ifdef __cplusplus

@@ -12,10 +12,10 @@
 extern "C" {
 #endif
 
-/* size bytes, contents undefined; NULL on exhaustion. Any thread. */
+/* size bytes, contents undefined; NULL on exhaustion (there is no result code). Any thread. */
 void *Malloc(size_t size);
 
-/* Release a block from Malloc or a text printed by cJSON; NULL is ignored. */
+/* Release a block from Malloc or a text printed by cJSON; NULL is ignored. Any thread. */
 void Free(void *ptr);
 
 #ifdef __cplusplus

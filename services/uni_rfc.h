@@ -25,7 +25,9 @@ typedef struct {
  * malk FALSE: ownership of data passes to the block; it is released with
  * Free on the last put. malk TRUE: the block holds a copy of the data_len
  * bytes of data in the same allocation, and data stays the caller's.
- * NULL on failure, and then data is still the caller's. Any thread.
+ * NULL (there is no result code) when the block cannot be allocated, rfc
+ * is 0, or malk is TRUE with data NULL and data_len non-zero; data is then
+ * still the caller's. Any thread.
  */
 RFC_DATA_S *cr_rfc_data(void *data, UINT_T data_len, BOOL_T malk, UINT_T rfc);
 

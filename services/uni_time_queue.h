@@ -15,8 +15,12 @@ typedef BYTE_T TIMER_TYPE;
 #define TIMER_CYCLE 1 /* fires every period until released */
 
 /*
- * Start the timer service. Called first at start-up, before cmmod_init.
- * Returns RC_OK; a second call is harmless and returns RC_OK.
+ * Start the timer service. Called first at start-up, before cmmod_init, on
+ * the start-up thread. A second call is harmless and returns RC_OK.
+ *   RC_OK    started (or already running)
+ *   RC_FAIL  the platform's timer service cannot start (the POSIX backend
+ *            never fails: its timers live on the dispatch thread)
+ * A backend returns no other code (the fakes: also any code a test injects).
  */
 OPERATE_RET system_timer_init(void);
 

@@ -32,8 +32,15 @@ namespace sf {
 /* The single control block; zero-filled by smart_frame_init. */
 extern SMT_FRM_CNTL_S sf_cntl;
 
+/* The accessors of the module's own locks (see sf_lock.h): each name bound to its handle here only. */
+inline Hold::Hold(DosMutex) : Hold(sf_cntl.dos_mutex) {}
+inline Hold::Hold(SerialMutex) : Hold(sf_cntl.mutex) {}
+
 /* Whether smart_frame_init has succeeded. */
 bool frame_inited();
+
+/* Record that smart_frame_init has succeeded; start-up only. */
+void set_frame_inited();
 
 } // namespace sf
 

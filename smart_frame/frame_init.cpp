@@ -12,11 +12,7 @@
 
 namespace sf {
 
-SMT_FRM_CNTL_S sf_cntl;
-
 namespace {
-
-BOOL_T init = FALSE;
 
 constexpr int HANDLER_COUNT = 3;
 
@@ -57,11 +53,6 @@ void roll_back_bindings()
 
 } // namespace
 
-bool frame_inited()
-{
-    return init == TRUE;
-}
-
 } // namespace sf
 
 using sf::sf_cntl;
@@ -69,7 +60,7 @@ using sf::sf_cntl;
 extern "C" OPERATE_RET smart_frame_init(void)
 {
     using namespace sf;
-    if (init == TRUE) {
+    if (frame_inited()) {
         SF_LOG_ERR("smart frame has been inited");
         return RC_OK;
     }
@@ -124,6 +115,6 @@ extern "C" OPERATE_RET smart_frame_init(void)
         }
     }
 
-    init = TRUE;
+    set_frame_inited();
     return RC_OK;
 }

@@ -9,12 +9,12 @@ using sf::sf_cntl;
 
 extern "C" UINT_T sf_get_serial_no(void)
 {
-    sf::Hold lock(sf::serial_mutex_cap, sf_cntl.mutex);
+    sf::Hold lock(sf::serial_mutex);
     return sf_cntl.serial_no++;
 }
 
 extern "C" void sf_inc_serial_no(void)
 {
-    sf::Hold lock(sf::serial_mutex_cap, sf_cntl.mutex);
+    sf::Hold lock(sf::serial_mutex);
     ++sf_cntl.serial_no;
 }

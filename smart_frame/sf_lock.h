@@ -3,8 +3,11 @@
  *
  * The locks themselves are MUTEX_HANDLEs of the platform, plain pointers
  * that clang's analysis cannot follow. Each gets a name here, a capability
- * object without state, and the module holds a lock through Hold, which
- * takes the name and the handle together. Functions then state with
+ * object without state, and the module holds a lock through Hold. Hold has
+ * one constructor per lock, its accessor: the constructor's annotation
+ * names the lock and its body fetches that lock's handle, so name and
+ * handle are bound in exactly one place, and no code that takes a lock can
+ * pair a name with another lock's handle. Functions then state with
  * SF_REQUIRES / SF_EXCLUDES which of them must be held, and control-block
  * fields with SF_GUARDED_BY which one guards them; clang with
  * -Wthread-safety checks every use. Hold makes exactly the MutexLock and
@@ -13,6 +16,7 @@
 #ifndef SF_LOCK_H
 #define SF_LOCK_H
 
+#include "../cloud_defs/gw_intf.h"
 #include "../services/lock_annotations.h"
 #include "../services/uni_mutex.h"
 
@@ -29,10 +33,27 @@ inline LockName dos_mutex_cap;
 /* sf_cntl.mutex: the serial number. */
 inline LockName serial_mutex_cap;
 
-/* Holds the lock named `name` (the handle `mutex`) for the scope; unlock() and lock() end and resume the hold. */
+/* Which lock a Hold takes: Hold lock(sf::dos_mutex), Hold lock(sf::dev_mutex, gw). */
+struct DevMutex {
+};
+struct DosMutex {
+};
+struct SerialMutex {
+};
+inline constexpr DevMutex dev_mutex{};
+inline constexpr DosMutex dos_mutex{};
+inline constexpr SerialMutex serial_mutex{};
+
+/* Holds one of the module's locks for the scope; unlock() and lock() end and resume the hold. */
 class SF_SCOPED_CAPABILITY Hold {
 public:
-    Hold([[maybe_unused]] LockName &name, MUTEX_HANDLE mutex) SF_ACQUIRE(name) : mutex_(mutex) { MutexLock(mutex_); }
+    /* dev_mutex of the gateway record gw, as get_gw_cntl() returned it (the caller's one call). */
+    Hold(DevMutex, const GW_CNTL_S *gw) SF_ACQUIRE(dev_mutex_cap) : mutex_(gw->dev_mutex) { MutexLock(mutex_); }
+    /* sf_cntl.dos_mutex; defined with the control block (frame_cntl.h). */
+    explicit Hold(DosMutex) SF_ACQUIRE(dos_mutex_cap);
+    /* sf_cntl.mutex; defined with the control block (frame_cntl.h). */
+    explicit Hold(SerialMutex) SF_ACQUIRE(serial_mutex_cap);
+
     ~Hold() SF_RELEASE()
     {
         if (held_) {
@@ -54,6 +75,9 @@ public:
     }
 
 private:
+    /* Only the per-lock constructors above may pick a handle. */
+    explicit Hold(MUTEX_HANDLE mutex) : mutex_(mutex) { MutexLock(mutex_); }
+
     MUTEX_HANDLE mutex_;
     bool held_ = true;
 };

@@ -1,10 +1,6 @@
 #include "description.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <memory>
-#include <sstream>
+#include <arpa/inet.h>
 
 #include "json_reader.h"
 
@@ -12,35 +8,46 @@ namespace apps {
 
 namespace {
 
-/* Parse, or say where the text stops being JSON. */
-Json parse_json(const std::string &text, const std::string &file, std::string *error)
+using gw_desc::LoadError;
+using gw_desc::Reader;
+
+/*
+ * connection.mqtt.brokers: [{"host": ..., "port": ..., and optionally the
+ * credentials and TLS files of that broker}], instead of host and port.
+ */
+bool read_brokers(Reader &parent, const cJSON *list, std::vector<BrokerSettings> *out, LoadError *error)
 {
-    const char *end = nullptr;
-    Json root(cJSON_ParseWithOpts(text.c_str(), &end, 1));
-    if (root != nullptr) {
-        return root;
+    if (!cJSON_IsArray(list) || cJSON_GetArraySize(list) == 0) {
+        return parent.refuse("brokers", "expected a non-empty array of brokers");
     }
-    size_t offset = end != nullptr && end >= text.c_str() ? static_cast<size_t>(end - text.c_str()) : 0;
-    if (offset > text.size()) {
-        offset = text.size();
-    }
-    int line = 1;
-    int column = 1;
-    for (size_t i = 0; i < offset; ++i) {
-        if (text[i] == '\n') {
-            ++line;
-            column = 1;
-        } else {
-            ++column;
+    int index = 0;
+    for (const cJSON *item = list->child; item != nullptr; item = item->next, ++index) {
+        BrokerSettings b;
+        Reader r(item, gw_desc::element_path("connection.mqtt", "brokers", index), error);
+        long long number = 0;
+        r.text("host", true, &b.host);
+        if (r.integer("port", false, 1, 65535, &number)) {
+            b.port = static_cast<int>(number);
         }
+        r.text("username", false, &b.username);
+        r.text("password", false, &b.password);
+        r.text("ca_file", false, &b.ca_file);
+        r.text("cert_file", false, &b.cert_file);
+        r.text("key_file", false, &b.key_file);
+        if (r.ok() && b.host.empty()) {
+            r.refuse("host", "empty");
+        }
+        if (!r.no_unknown_keys()) {
+            return false;
+        }
+        out->push_back(b);
     }
-    *error = file + ": not valid JSON (near line " + std::to_string(line) + ", column " + std::to_string(column) + ")";
-    return nullptr;
+    return true;
 }
 
-bool read_mqtt(const cJSON *node, MqttSettings *mqtt, std::string *error)
+bool read_mqtt(const cJSON *node, MqttSettings *mqtt, LoadError *error)
 {
-    JsonReader r(node, "connection.mqtt", error);
+    Reader r(node, "connection.mqtt", error);
     long long number = mqtt->port;
     r.text("host", false, &mqtt->host);
     if (r.integer("port", false, 1, 65535, &number)) {
@@ -65,45 +72,82 @@ bool read_mqtt(const cJSON *node, MqttSettings *mqtt, std::string *error)
             *s.field = static_cast<int>(number);
         }
     }
+    r.boolean("persistent_session", false, &mqtt->persistent_session);
+    r.integer("session_expiry_s", false, 1, 4294967294LL, &mqtt->session_expiry_s);
+    number = mqtt->takeover_backoff_s;
+    if (r.integer("takeover_backoff_s", false, 1, 86400, &number)) {
+        mqtt->takeover_backoff_s = static_cast<int>(number);
+    }
     number = mqtt->protocol;
     if (r.integer("protocol", false, 0, 311, &number)) {
         if (number != 0 && number != 5 && number != 311) {
-            r.fail("protocol", "expected 5 or 311, got " + std::to_string(number));
+            r.refuse("protocol", "expected 5 or 311, got " + std::to_string(number));
         } else {
             mqtt->protocol = static_cast<int>(number);
         }
     }
     if (r.ok() && mqtt->topic_root.empty()) {
-        r.fail("topic_root", "empty");
+        r.refuse("topic_root", "empty");
+    }
+    const cJSON *brokers = r.member("brokers", false);
+    if (brokers != nullptr && r.ok() && (r.member("host", false) != nullptr || r.member("port", false) != nullptr)) {
+        return r.refuse("brokers", "not with host or port (name every broker in the list)");
+    }
+    if (brokers != nullptr && r.ok() && !read_brokers(r, brokers, &mqtt->brokers, error)) {
+        return false;
     }
     return r.no_unknown_keys();
 }
 
-bool read_lan(const cJSON *node, LanSettings *lan, std::string *error)
+bool read_lan(const cJSON *node, LanSettings *lan, LoadError *error)
 {
-    JsonReader r(node, "connection.lan", error);
+    Reader r(node, "connection.lan", error);
     long long number = lan->port;
     r.boolean("enabled", false, &lan->enabled);
     r.text("bind_addr", false, &lan->bind_addr);
     if (r.integer("port", false, 0, 65535, &number)) {
         lan->port = static_cast<int>(number);
     }
+    std::string security = lan->plain ? "plain" : "tls";
+    r.text("security", false, &security);
+    r.boolean("allow_plain_on_network", false, &lan->allow_plain_on_network);
+    if (r.ok() && security != "tls" && security != "plain") {
+        r.refuse("security", "expected \"tls\" or \"plain\", got \"" + security + "\"");
+    }
+    lan->plain = security == "plain";
+    in_addr ip{};
+    const bool loopback = ::inet_pton(AF_INET, lan->bind_addr.c_str(), &ip) == 1 && (ntohl(ip.s_addr) >> 24) == 127;
+    if (r.ok() && lan->plain && !loopback && !lan->allow_plain_on_network) {
+        r.refuse("security", "\"plain\" on " + lan->bind_addr +
+                               " would send the local key and every frame readable on the network: use \"tls\", or "
+                               "set connection.lan.allow_plain_on_network to true to accept it");
+    }
     return r.no_unknown_keys();
 }
 
-bool read_connection(const cJSON *node, Description *out, std::string *error)
+bool read_commands(const cJSON *node, CommandSettings *commands, LoadError *error)
 {
-    JsonReader r(node, "connection", error);
+    Reader r(node, "connection.commands", error);
+    r.integer("max_age_s", false, 0, 31536000, &commands->max_age_s);
+    r.boolean("journal", false, &commands->journal);
+    return r.no_unknown_keys();
+}
+
+bool read_connection(const cJSON *node, Description *out, LoadError *error)
+{
+    Reader r(node, "connection", error);
     const cJSON *mqtt = r.object("mqtt", false);
     const cJSON *lan = r.object("lan", false);
+    const cJSON *commands = r.object("commands", false);
     if (!r.no_unknown_keys()) {
         return false;
     }
-    return (mqtt == nullptr || read_mqtt(mqtt, &out->mqtt, error)) && (lan == nullptr || read_lan(lan, &out->lan, error));
+    return (mqtt == nullptr || read_mqtt(mqtt, &out->mqtt, error)) && (lan == nullptr || read_lan(lan, &out->lan, error)) &&
+           (commands == nullptr || read_commands(commands, &out->commands, error));
 }
 
 /* A DP named by its name or number, which must exist in the device. */
-const DpSchema *dp_ref(JsonReader &r, const char *key, bool required, const DeviceSchema &device)
+const DpSchema *dp_ref(Reader &r, const char *key, bool required, const DeviceSchema &device)
 {
     const cJSON *item = r.member(key, required);
     if (item == nullptr) {
@@ -115,20 +159,20 @@ const DpSchema *dp_ref(JsonReader &r, const char *key, bool required, const Devi
     } else if (is_integer(item)) {
         ref = std::to_string(static_cast<long long>(item->valuedouble));
     } else {
-        r.fail(key, "expected a DP name or number");
+        r.refuse(key, "expected a DP name or number");
         return nullptr;
     }
     const DpSchema *dp = device.find(ref);
     if (dp == nullptr) {
-        r.fail(key, "no DP \"" + ref + "\" in the device");
+        r.refuse(key, "no DP \"" + ref + "\" in the device");
     }
     return dp;
 }
 
 bool read_drift(const cJSON *node, const std::string &path, const DeviceSchema &device, DriftSettings *drift,
-                std::string *error)
+                LoadError *error)
 {
-    JsonReader r(node, path, error);
+    Reader r(node, path, error);
     const DpSchema *dp = dp_ref(r, "dp", true, device);
     const DpSchema *toward = dp_ref(r, "toward", false, device);
     long long number = drift->every_s;
@@ -137,10 +181,10 @@ bool read_drift(const cJSON *node, const std::string &path, const DeviceSchema &
         drift->every_s = static_cast<int>(number);
     }
     if (dp != nullptr && dp->prop != "value") {
-        return r.fail("dp", "a drifting DP must be a value DP");
+        return r.refuse("dp", "a drifting DP must be a value DP");
     }
     if (toward != nullptr && toward->prop != "value") {
-        return r.fail("toward", "the set point must be a value DP");
+        return r.refuse("toward", "the set point must be a value DP");
     }
     drift->dp = dp != nullptr ? dp->id : 0;
     drift->toward = toward != nullptr ? toward->id : 0;
@@ -148,35 +192,33 @@ bool read_drift(const cJSON *node, const std::string &path, const DeviceSchema &
 }
 
 bool read_raw_sample(const cJSON *node, const std::string &path, const DeviceSchema &device,
-                     RawSampleSettings *raw, std::string *error)
+                     RawSampleSettings *raw, LoadError *error)
 {
-    JsonReader r(node, path, error);
+    Reader r(node, path, error);
     const DpSchema *dp = dp_ref(r, "dp", true, device);
     long long number = raw->every_s;
     if (r.integer("every_s", false, 1, 3600, &number)) {
         raw->every_s = static_cast<int>(number);
     }
     if (dp != nullptr && dp->type != "raw") {
-        return r.fail("dp", "a raw sample needs a raw DP");
+        return r.refuse("dp", "a raw sample needs a raw DP");
     }
     raw->dp = dp != nullptr ? dp->id : 0;
     return r.no_unknown_keys();
 }
 
 bool read_initial(const cJSON *node, const std::string &path, const DeviceSchema &device, SimSettings *sim,
-                  std::string *error)
+                  LoadError *error)
 {
     for (const cJSON *item = node->child; item != nullptr; item = item->next) {
         const DpSchema *dp = device.find(item->string);
         const std::string at = path + "." + item->string;
         if (dp == nullptr) {
-            *error = at + ": no DP \"" + item->string + "\" in the device";
-            return false;
+            return gw_desc::fail(error, error->file, at, "no DP \"" + std::string(item->string) + "\" in the device");
         }
         std::string why;
         if (!value_fits(*dp, item, &why)) {
-            *error = at + ": " + why;
-            return false;
+            return gw_desc::fail(error, error->file, at, why);
         }
         sim->initial.emplace_back(dp->id, json_text(item));
     }
@@ -184,9 +226,9 @@ bool read_initial(const cJSON *node, const std::string &path, const DeviceSchema
 }
 
 bool read_sim(const cJSON *node, const std::string &path, const DeviceSchema &device, bool own,
-              SimSettings *sim, std::string *error)
+              SimSettings *sim, LoadError *error)
 {
-    JsonReader r(node, path, error);
+    Reader r(node, path, error);
     long long number = 0;
     r.text("kind", false, &sim->kind);
     if (!own) {
@@ -211,45 +253,59 @@ bool read_sim(const cJSON *node, const std::string &path, const DeviceSchema &de
         return false;
     }
     if (r.ok() && !own && sim->heartbeat_s >= sim->hb_timeout_s && sim->heartbeat_s != 0) {
-        return r.fail("heartbeat_s", "not below hb_timeout_s: the device would look silent");
+        return r.refuse("heartbeat_s", "not below hb_timeout_s: the device would look silent");
     }
-    if (initial != nullptr && !read_initial(initial, r.path_of("initial"), device, sim, error)) {
+    if (initial != nullptr && !read_initial(initial, r.at("initial"), device, sim, error)) {
         return false;
     }
     sim->has_drift = drift != nullptr;
-    if (drift != nullptr && !read_drift(drift, r.path_of("drift"), device, &sim->drift, error)) {
+    if (drift != nullptr && !read_drift(drift, r.at("drift"), device, &sim->drift, error)) {
         return false;
     }
     sim->has_raw_sample = raw != nullptr;
-    return raw == nullptr || read_raw_sample(raw, r.path_of("raw_sample"), device, &sim->raw_sample, error);
+    return raw == nullptr || read_raw_sample(raw, r.at("raw_sample"), device, &sim->raw_sample, error);
 }
 
-/* Takes "sim" out of a device object, reads it against the device's schema. */
-bool take_sim(cJSON *device_node, const std::string &path, DeviceDescription *device, bool own, std::string *error)
+/* The "sim" of a device object, read against the device's schema. */
+bool read_device_sim(const cJSON *device_node, const std::string &path, DeviceDescription *device, bool own,
+                     LoadError *error)
 {
-    Json sim(cJSON_DetachItemFromObjectCaseSensitive(device_node, "sim"));
+    const cJSON *sim = cJSON_GetObjectItemCaseSensitive(device_node, "sim");
     if (sim == nullptr) {
         return true;
     }
     device->has_sim = true;
-    return read_sim(sim.get(), path + ".sim", device->schema, own, &device->sim, error);
+    return read_sim(sim, path + ".sim", device->schema, own, &device->sim, error);
 }
 
-bool strip(cJSON *root, const std::string &file, std::string *error)
+/* Everything of a parsed description; error->file is the file. */
+bool read_document(const cJSON *root, Description *out, LoadError *error)
 {
     if (!cJSON_IsObject(root)) {
-        *error = file + ": document: expected an object";
+        return gw_desc::fail(error, out->file, "document", "expected an object");
+    }
+    if (!gw_desc::parse_gateway(root, out->file, apps_sections(), &out->layout, error)) {
         return false;
     }
-    cJSON_Delete(cJSON_DetachItemFromObjectCaseSensitive(root, "connection"));
-    cJSON_Delete(cJSON_DetachItemFromObjectCaseSensitive(cJSON_GetObjectItemCaseSensitive(root, "gateway"), "sim"));
+    out->gateway_id = out->layout.id;
+    out->local_key = out->layout.local_key;
+    const cJSON *connection = cJSON_GetObjectItemCaseSensitive(root, "connection");
+    if (connection != nullptr && !read_connection(connection, out, error)) {
+        return false;
+    }
     const cJSON *devices = cJSON_GetObjectItemCaseSensitive(root, "devices");
-    if (cJSON_IsArray(devices)) {
-        for (cJSON *item = devices->child; item != nullptr; item = item->next) {
-            if (cJSON_IsObject(item)) {
-                cJSON_Delete(cJSON_DetachItemFromObjectCaseSensitive(item, "sim"));
-            }
+    const size_t count = out->layout.devices.size() + 1;
+    out->devices.reserve(count); /* 10,000 devices: no growth slack, no copies */
+    for (size_t i = 0; i < count; ++i) {
+        DeviceDescription device;
+        device.schema = schema_of(i == 0 ? out->layout.own : out->layout.devices[i - 1]);
+        const cJSON *node = i == 0 ? cJSON_GetObjectItemCaseSensitive(root, "gateway")
+                                   : cJSON_GetArrayItem(devices, static_cast<int>(i - 1));
+        const std::string path = i == 0 ? "gateway" : gw_desc::element_path("", "devices", static_cast<int>(i - 1));
+        if (!read_device_sim(node, path, &device, i == 0, error)) {
+            return false;
         }
+        out->devices.push_back(std::move(device));
     }
     return true;
 }
@@ -266,70 +322,21 @@ const DeviceDescription *Description::find(const std::string &id) const
     return nullptr;
 }
 
-bool read_file(const std::string &file, std::string *text, std::string *error)
+const gw_desc::OtherSections &apps_sections()
 {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        *error = file + ": cannot read the file: " + std::strerror(errno);
-        return false;
-    }
-    std::ostringstream content;
-    content << in.rdbuf();
-    *text = content.str();
-    return true;
-}
-
-bool registry_text_of(const std::string &text, const std::string &file, std::string *out, std::string *error)
-{
-    Json root = parse_json(text, file, error);
-    if (root == nullptr || !strip(root.get(), file, error)) {
-        return false;
-    }
-    *out = json_text(root.get());
-    return true;
+    static const gw_desc::OtherSections sections{{"connection"}, {"sim"}};
+    return sections;
 }
 
 bool read_description_text(const std::string &text, const std::string &file, Description *out, std::string *error)
 {
-    Json root = parse_json(text, file, error);
-    if (root == nullptr) {
-        return false;
-    }
+    LoadError why;
+    why.file = file;
     out->file = file;
-    std::string why;
-    std::vector<DeviceSchema> schemas;
-    Json plain(cJSON_Duplicate(root.get(), 1));
-    if (plain == nullptr || !strip(plain.get(), file, error)) {
+    const gw_desc::Json root = gw_desc::parse_text(text, file, &why);
+    if (root == nullptr || !read_document(root.get(), out, &why)) {
+        *error = why.text();
         return false;
-    }
-    if (!read_schemas(plain.get(), &schemas, &why)) {
-        *error = file + ": " + why;
-        return false;
-    }
-    out->registry_text = json_text(plain.get());
-    out->gateway_id = schemas[0].id;
-    const cJSON *key = cJSON_GetObjectItemCaseSensitive(cJSON_GetObjectItemCaseSensitive(root.get(), "gateway"),
-                                                        "local_key");
-    out->local_key = cJSON_IsString(key) ? key->valuestring : "";
-
-    const cJSON *connection = cJSON_GetObjectItemCaseSensitive(root.get(), "connection");
-    if (connection != nullptr && !read_connection(connection, out, &why)) {
-        *error = file + ": " + why;
-        return false;
-    }
-    cJSON *gateway = cJSON_GetObjectItemCaseSensitive(root.get(), "gateway");
-    const cJSON *devices = cJSON_GetObjectItemCaseSensitive(root.get(), "devices");
-    out->devices.reserve(schemas.size()); /* 10,000 devices: no growth slack, no copies */
-    for (size_t i = 0; i < schemas.size(); ++i) {
-        DeviceDescription device;
-        device.schema = std::move(schemas[i]);
-        cJSON *node = i == 0 ? gateway : cJSON_GetArrayItem(devices, static_cast<int>(i - 1));
-        const std::string path = i == 0 ? "gateway" : element_path("", "devices", static_cast<int>(i - 1));
-        if (!take_sim(node, path, &device, i == 0, &why)) {
-            *error = file + ": " + why;
-            return false;
-        }
-        out->devices.push_back(std::move(device));
     }
     return true;
 }
@@ -337,7 +344,12 @@ bool read_description_text(const std::string &text, const std::string &file, Des
 bool read_description(const std::string &file, Description *out, std::string *error)
 {
     std::string text;
-    return read_file(file, &text, error) && read_description_text(text, file, out, error);
+    LoadError why;
+    if (!gw_desc::read_file(file, &text, &why)) {
+        *error = why.text();
+        return false;
+    }
+    return read_description_text(text, file, out, error);
 }
 
 } // namespace apps

@@ -1,10 +1,12 @@
 /*
  * The gateway description of the apps: the registry's document
- * (docs/gateway-description.md) plus two things only the apps read,
+ * (docs/gateway-description.md) plus two sections only the apps read,
  *   - "connection" at the top: broker and LAN settings of the daemon;
  *   - "sim" in any device object: how the simulated device behaves.
- * read_description parses the file, takes these out and keeps the rest
- * as the text the registry loads, so every key path stays the same.
+ * read_description parses the file once (gateway/description): the
+ * devices and DPs become the gateway's model, which the registry loads as
+ * it is (gw_registry::load_layout), and the apps' sections are read from
+ * the same tree, so nothing is parsed twice and every key path stays.
  */
 #ifndef APPS_COMMON_DESCRIPTION_H
 #define APPS_COMMON_DESCRIPTION_H
@@ -13,13 +15,21 @@
 #include <utility>
 #include <vector>
 
+#include "gateway/description/desc_model.h"
 #include "schema.h"
 
 namespace apps {
 
+/* One broker of connection.mqtt.brokers; empty texts take the shared settings, port 0 the default (broker_port.h). */
+struct BrokerSettings {
+    std::string host;
+    int port = 0;
+    std::string username, password, ca_file, cert_file, key_file;
+};
+
 struct MqttSettings {
     std::string host = "127.0.0.1";
-    int port = 1883;
+    int port = 0; /* 0: not set, broker_port.h gives the default (1883, or 8883 with ca_file) */
     std::string topic_root = "sf";
     std::string client_id; /* empty: the gateway id */
     std::string username;
@@ -31,12 +41,24 @@ struct MqttSettings {
     int reconnect_min_s = 0;
     int reconnect_max_s = 0;
     int protocol = 0;         /* 5 or 311; 0: MQTT 5, falling back to 3.1.1 when the broker refuses it */
+    bool persistent_session = true; /* false: a clean session at every connect */
+    long long session_expiry_s = 0; /* MQTT 5 session expiry; 0: the client's default (one day) */
+    int takeover_backoff_s = 0;     /* 0: the client's default (300) */
+    std::vector<BrokerSettings> brokers; /* non-empty: tried in this order instead of host and port */
+};
+
+/* What happens to commands on their way in (docs/wire-protocol.md "Delivery of commands"). */
+struct CommandSettings {
+    long long max_age_s = -1; /* -1: the default (SF_COMMAND_MAX_AGE_S); 0: no limit */
+    bool journal = true;      /* keep commands in the state file until applied */
 };
 
 struct LanSettings {
     bool enabled = true;
     std::string bind_addr = "127.0.0.1";
     int port = 6668; /* 0: any free port */
+    bool plain = false; /* security "plain": plain TCP instead of TLS 1.3 (security "tls", the default) */
+    bool allow_plain_on_network = false; /* plain on an address other than 127.x.x.x is refused without it */
 };
 
 /* A DP that moves by itself: a measured temperature, a current. */
@@ -78,26 +100,20 @@ struct Description {
     std::vector<DeviceDescription> devices; /* the gateway's own device first */
     MqttSettings mqtt;
     LanSettings lan;
-    std::string registry_text; /* the document without "connection" and "sim" */
+    CommandSettings commands;
+    gw_desc::GatewayLayout layout; /* the devices and DPs as the registry loads them */
 
     const DeviceDescription *find(const std::string &id) const;
 };
 
-/* The whole file; false with *error = "file: cannot read the file: why". */
-bool read_file(const std::string &file, std::string *text, std::string *error);
-
-/*
- * The part of a description the registry loads: the document without
- * "connection" and the devices' "sim". false with *error = "file: not
- * valid JSON (near line L, column C)" or "file: document: expected an object".
- */
-bool registry_text_of(const std::string &text, const std::string &file, std::string *out, std::string *error);
+/* The sections the apps read and the registry leaves to them: "connection", and "sim" in a device. */
+const gw_desc::OtherSections &apps_sections();
 
 /*
  * Read and check a whole description. false with *error = "file: key
  * path: why" (e.g. "gw.json: devices[2].sim.drift.dp: no DP \"temp\" in
- * the device"). The daemon lets the registry check its part first, so a
- * schema error is worded by the registry.
+ * the device"). The devices and DPs are checked first, in the words of
+ * the registry (the same reader), then "connection", then each "sim".
  */
 bool read_description_text(const std::string &text, const std::string &file, Description *out, std::string *error);
 bool read_description(const std::string &file, Description *out, std::string *error);

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "gateway/rules/dp_rules.h"
 #include "json_reader.h"
 
 namespace apps {
@@ -44,73 +45,6 @@ const DpSchema *DeviceSchema::find(const std::string &name_or_id) const
 
 namespace {
 
-bool read_dp(const cJSON *node, const std::string &path, DpSchema *dp, std::string *error)
-{
-    JsonReader r(node, path, error);
-    long long number = 0;
-    if (r.integer("id", true, 1, 255, &number)) {
-        dp->id = static_cast<int>(number);
-    }
-    r.text("name", false, &dp->name);
-    r.text("mode", false, &dp->mode);
-    r.text("type", false, &dp->type);
-    r.text("prop", false, &dp->prop);
-    r.integer("min", false, INT32_MIN, INT32_MAX, &dp->min);
-    r.integer("max", false, INT32_MIN, INT32_MAX, &dp->max);
-    if (r.integer("scale", false, 0, 65535, &number)) {
-        dp->scale = static_cast<int>(number);
-    }
-    r.integer("max_len", false, 0, 65535, &dp->max_len);
-    if (dp->prop == "bitmap" && r.member("max_len", false) == nullptr) {
-        dp->max_len = 32;
-    }
-    r.boolean("passive", false, &dp->passive);
-    dp->has_flow = r.member("flow", false) != nullptr;
-    const cJSON *range = r.member("range", false);
-    if (range != nullptr) {
-        if (!cJSON_IsArray(range)) {
-            return r.fail("range", "expected an array");
-        }
-        for (const cJSON *name = range->child; name != nullptr; name = name->next) {
-            if (!cJSON_IsString(name)) {
-                return r.fail("range", "expected names");
-            }
-            dp->range.emplace_back(name->valuestring);
-        }
-    }
-    if (dp->type == "obj" && dp->prop.empty()) {
-        return r.fail("prop", "missing key");
-    }
-    return r.ok();
-}
-
-bool read_device(const cJSON *node, const std::string &path, DeviceSchema *device, std::string *error)
-{
-    JsonReader r(node, path, error);
-    r.text("id", true, &device->id);
-    r.boolean("bind", false, &device->bind);
-    r.boolean("preprocess", false, &device->preprocess);
-    const cJSON *dps = r.member("dps", false);
-    if (!r.ok()) {
-        return false;
-    }
-    if (dps == nullptr) {
-        return true;
-    }
-    if (!cJSON_IsArray(dps)) {
-        return r.fail("dps", "expected an array");
-    }
-    int i = 0;
-    for (const cJSON *item = dps->child; item != nullptr; item = item->next, ++i) {
-        DpSchema dp;
-        if (!read_dp(item, element_path(path, "dps", i), &dp, error)) {
-            return false;
-        }
-        device->dps.push_back(dp);
-    }
-    return true;
-}
-
 long long pow10(int scale)
 {
     long long factor = 1;
@@ -120,111 +54,129 @@ long long pow10(int scale)
     return factor;
 }
 
-/* Standard alphabet, padded to a multiple of four: what the smart frame decodes. */
-bool is_base64(const char *text)
+/* The registry's records of a DP as the DP rules read them, from the apps' view of it. */
+struct RuleRecords {
+    DP_DESC_IF_S desc{};
+    DP_PROP_VALUE_U limits{};
+    std::vector<CHAR_T *> names; /* into the DpSchema's range: valid while it lives */
+};
+
+int choice_of(const std::string &name, const char *(*name_of)(int), int count, int fallback)
 {
-    const size_t len = std::strlen(text);
-    if (len % 4 != 0) {
-        return false;
-    }
-    for (size_t i = 0; i < len; ++i) {
-        const char c = text[i];
-        const bool padding = c == '=' && i + 2 >= len && (i + 1 == len || text[i + 1] == '=');
-        if (!std::isalnum(static_cast<unsigned char>(c)) && c != '+' && c != '/' && !padding) {
-            return false;
+    for (int value = 0; value < count; ++value) {
+        if (name == name_of(value)) {
+            return value;
         }
     }
-    return true;
+    return fallback;
+}
+
+RuleRecords records_of(const DpSchema &dp)
+{
+    RuleRecords r;
+    r.desc.dp_id = static_cast<BYTE_T>(dp.id);
+    r.desc.type = static_cast<DP_TYPE_E>(choice_of(
+        dp.type, [](int v) { return gw_desc::type_name(static_cast<DP_TYPE_E>(v)); }, 3, -1));
+    r.desc.prop_tp = static_cast<DP_PROP_TP_E>(choice_of(
+        dp.prop, [](int v) { return gw_desc::prop_name(static_cast<DP_PROP_TP_E>(v)); }, 5, -1));
+    switch (r.desc.prop_tp) {
+    case PROP_VALUE:
+        r.limits.prop_value.min = static_cast<INT_T>(dp.min);
+        r.limits.prop_value.max = static_cast<INT_T>(dp.max);
+        r.limits.prop_value.step = static_cast<SHORT_T>(dp.step);
+        r.limits.prop_value.scale = static_cast<USHORT_T>(dp.scale);
+        break;
+    case PROP_STR: r.limits.prop_str.max_len = static_cast<INT_T>(dp.max_len); break;
+    case PROP_BITMAP: r.limits.prop_bitmap.max_len = static_cast<UINT_T>(dp.max_len); break;
+    case PROP_ENUM:
+        for (const std::string &name : dp.range) {
+            r.names.push_back(const_cast<CHAR_T *>(name.c_str())); /* the rules only read them */
+        }
+        r.limits.prop_enum.cnt = static_cast<INT_T>(r.names.size());
+        r.limits.prop_enum.pp_enum = r.names.data();
+        break;
+    default: break;
+    }
+    return r;
+}
+
+/* The integer of a JSON number for a reason text: exact when a long long holds it. */
+std::string number_text(const cJSON *value)
+{
+    const double d = value->valuedouble;
+    return d >= -9.0e18 && d <= 9.0e18 ? std::to_string(static_cast<long long>(d)) : json_text(value);
 }
 
 } // namespace
 
-bool read_schemas(const cJSON *root, std::vector<DeviceSchema> *out, std::string *error)
+DeviceSchema schema_of(const gw_desc::DeviceLayout &device)
 {
-    if (!cJSON_IsObject(root)) {
-        *error = "document: expected an object";
-        return false;
-    }
-    DeviceSchema gateway;
-    if (!read_device(cJSON_GetObjectItemCaseSensitive(root, "gateway"), "gateway", &gateway, error)) {
-        return false;
-    }
-    out->push_back(gateway);
-    const cJSON *devices = cJSON_GetObjectItemCaseSensitive(root, "devices");
-    if (devices == nullptr) {
-        return true;
-    }
-    if (!cJSON_IsArray(devices)) {
-        *error = "devices: expected an array";
-        return false;
-    }
-    int i = 0;
-    for (const cJSON *item = devices->child; item != nullptr; item = item->next, ++i) {
-        DeviceSchema device;
-        if (!read_device(item, element_path("", "devices", i), &device, error)) {
-            return false;
+    DeviceSchema out;
+    out.id = device.id;
+    out.bind = device.bind;
+    out.preprocess = device.preprocess;
+    for (const gw_desc::DpLayout &layout : device.dps) {
+        DpSchema dp;
+        const DP_DESC_IF_S &desc = layout.desc;
+        dp.id = desc.dp_id;
+        dp.name = layout.name;
+        dp.mode = gw_desc::mode_name(desc.mode);
+        dp.type = gw_desc::type_name(desc.type);
+        dp.prop = desc.type == DP_TYPE_OBJ ? gw_desc::prop_name(desc.prop_tp) : "";
+        if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_VALUE) {
+            dp.min = layout.limits.prop_value.min;
+            dp.max = layout.limits.prop_value.max;
+            dp.step = layout.limits.prop_value.step;
+            dp.scale = layout.limits.prop_value.scale;
+        } else if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_STR) {
+            dp.max_len = layout.limits.prop_str.max_len;
+        } else if (desc.type == DP_TYPE_OBJ && desc.prop_tp == PROP_BITMAP) {
+            dp.max_len = layout.limits.prop_bitmap.max_len;
         }
-        out->push_back(device);
+        dp.range = layout.enum_names;
+        dp.passive = desc.passive != PSV_NONE;
+        dp.has_flow = layout.has_flow;
+        out.dps.push_back(dp);
     }
-    return true;
+    return out;
 }
 
 bool value_fits(const DpSchema &dp, const cJSON *value, std::string *why)
 {
-    if (dp.type == "raw") {
-        if (!cJSON_IsString(value) || !is_base64(value->valuestring)) {
-            *why = "expected base64 text";
-            return false;
-        }
-        return true;
+    const RuleRecords r = records_of(dp);
+    const gw_rules::Verdict verdict = gw_rules::check_value(r.desc, r.limits, value);
+    switch (verdict) {
+    case gw_rules::Verdict::Fits: return true;
+    case gw_rules::Verdict::BadType:
+        *why = dp.type == "raw"    ? "expected base64 text"
+               : dp.prop == "bool" ? "expected true or false"
+               : dp.prop == "value" || dp.prop == "bitmap" ? "expected an integer"
+                                                           : "expected a string";
+        break;
+    case gw_rules::Verdict::BadBase64: *why = "expected base64 text"; break;
+    case gw_rules::Verdict::OutOfRange: {
+        const gw_rules::Range range = gw_rules::range_of(r.desc, r.limits);
+        *why = "out of range (" + std::to_string(range.lo) + ".." + std::to_string(range.hi) + "): " +
+               number_text(value);
+        break;
     }
-    if (dp.type != "obj") {
-        *why = "a " + dp.type + " DP takes no value";
-        return false;
-    }
-    if (dp.prop == "bool") {
-        if (!cJSON_IsBool(value)) {
-            *why = "expected true or false";
-            return false;
-        }
-        return true;
-    }
-    if (dp.prop == "value" || dp.prop == "bitmap") {
-        if (!is_integer(value)) {
-            *why = "expected an integer";
-            return false;
-        }
-        const long long number = static_cast<long long>(value->valuedouble);
-        const long long lo = dp.prop == "value" ? dp.min : 0;
-        const long long hi = dp.prop == "value" ? dp.max : (dp.max_len >= 32 ? 0xFFFFFFFFLL : (1LL << dp.max_len) - 1);
-        if (number < lo || number > hi) {
-            *why = "out of range (" + std::to_string(lo) + ".." + std::to_string(hi) + "): " + std::to_string(number);
-            return false;
-        }
-        return true;
-    }
-    if (!cJSON_IsString(value)) {
-        *why = "expected a string";
-        return false;
-    }
-    if (dp.prop == "enum") {
-        for (const std::string &name : dp.range) {
-            if (name == value->valuestring) {
-                return true;
-            }
-        }
+    case gw_rules::Verdict::OffStep:
+        *why = "not on the step " + std::to_string(dp.step) + " from " + std::to_string(dp.min) + ": " +
+               number_text(value);
+        break;
+    case gw_rules::Verdict::UnknownEnum: {
         std::string names;
         for (const std::string &name : dp.range) {
             names += (names.empty() ? "" : ", ") + name;
         }
         *why = "unknown value \"" + std::string(value->valuestring) + "\" (one of " + names + ")";
-        return false;
+        break;
     }
-    if (dp.prop == "str" && static_cast<long long>(std::strlen(value->valuestring)) > dp.max_len) {
-        *why = "longer than " + std::to_string(dp.max_len) + " characters";
-        return false;
+    case gw_rules::Verdict::TooLong: *why = "longer than " + std::to_string(dp.max_len) + " characters"; break;
+    case gw_rules::Verdict::NulInString: *why = "the text holds a NUL (\\u0000)"; break;
+    default: *why = "a " + dp.type + " DP takes no value"; break;
     }
-    return true;
+    return false;
 }
 
 bool value_json_from_text(const DpSchema &dp, const std::string &text, std::string *json, std::string *why)

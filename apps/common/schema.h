@@ -1,9 +1,9 @@
 /*
  * The DP schemas of a gateway description, as the apps need them: names
  * for people, types and limits to turn a typed-in value into the JSON the
- * smart frame expects, and back into text for display. The gateway daemon
- * has the registry check the description first; the console reads the
- * same file and relies on that check.
+ * smart frame expects, and back into text for display. They are a view of
+ * the gateway's model (gateway/description/desc_model.h), which the
+ * daemon's registry loads: both read the description through one reader.
  */
 #ifndef APPS_COMMON_SCHEMA_H
 #define APPS_COMMON_SCHEMA_H
@@ -12,6 +12,8 @@
 
 #include <string>
 #include <vector>
+
+#include "gateway/description/desc_model.h"
 
 namespace apps {
 
@@ -23,6 +25,7 @@ struct DpSchema {
     std::string prop;         /* bool, value, str, enum, bitmap; empty for raw and file */
     long long min = 0;
     long long max = 0;
+    int step = 1;
     int scale = 0;
     long long max_len = 0; /* str: characters; bitmap: bits */
     std::vector<std::string> range;
@@ -44,12 +47,8 @@ struct DeviceSchema {
     const DpSchema *find(const std::string &name_or_id) const;
 };
 
-/*
- * Read the DP schemas of the gateway (first) and the sub-devices from a
- * parsed description. false with *error ("devices[1].dps[0].prop: ...")
- * when a part the apps rely on is missing or of the wrong type.
- */
-bool read_schemas(const cJSON *root, std::vector<DeviceSchema> *out, std::string *error);
+/* The apps' view of one device of the model. */
+DeviceSchema schema_of(const gw_desc::DeviceLayout &device);
 
 /*
  * A value typed by a person ("on", "25", "21.5" for a DP with scale 1,

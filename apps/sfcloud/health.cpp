@@ -10,7 +10,10 @@
 #include <random>
 #include <thread>
 
+#include "common/broker_session.h"
+#include "link.h"
 #include "common/json_reader.h"
+#include "uplink.h"
 #include "gateway/sync/annotated_lock.h"
 
 namespace sfcloud {
@@ -66,6 +69,7 @@ void latency_of(const cJSON *latency, HealthRow *row)
 
 struct Gatherer {
     std::string prefix; /* "<root>/"; set before libmosquitto's thread starts, read-only afterwards */
+    apps::BrokerSession session;
     sf_sync::Mutex mutex;
     sf_sync::CondVar changed;
     int connect_rc SF_GUARDED_BY(mutex) = -1;
@@ -81,6 +85,7 @@ void on_connect(mosquitto *mosq, void *self, int rc)
         const std::string status = g->prefix + "+/status";
         char *subs[] = {const_cast<char *>(metrics.c_str()), const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 2, subs, 0, 0, nullptr);
+        g->session.accepted();
     }
     sf_sync::Guard hold(g->mutex);
     g->connect_rc = rc;
@@ -111,8 +116,14 @@ void on_message(mosquitto *, void *self, const mosquitto_message *msg)
     if (leaf == "metrics") {
         h.document = payload;
     } else if (leaf == "status") {
-        h.have_status = true;
-        h.online = payload.find("\"online\":true") != std::string::npos;
+        cJSON *doc = cJSON_Parse(payload.c_str());
+        const cJSON *session = cJSON_GetObjectItemCaseSensitive(doc, "session");
+        if (status_is_current(cJSON_IsNumber(session) ? static_cast<long long>(session->valuedouble) : 0,
+                              &h.session)) {
+            h.have_status = true;
+            h.online = cJSON_IsTrue(cJSON_GetObjectItemCaseSensitive(doc, "online"));
+        }
+        cJSON_Delete(doc);
     }
 }
 
@@ -124,7 +135,8 @@ std::string row_json(const HealthRow &r)
            "\",\"pending\":" + std::to_string(r.pending) + ",\"drops\":" + std::to_string(r.drops) +
            ",\"devices\":" + std::to_string(r.devices) + ",\"online\":" + std::to_string(r.online) +
            ",\"latency_mean_ms\":" + (r.latency_mean_ms < 0 ? std::string("null") : std::string(latency)) +
-           ",\"latency_p90\":" + apps::json_quote(r.latency_p90) + ",\"age_s\":" + std::to_string(r.age_s) + "}";
+           ",\"latency_p90\":" + apps::json_quote(r.latency_p90) + ",\"age_s\":" + std::to_string(r.age_s) +
+           ",\"session\":" + std::to_string(r.session) + ",\"takeovers\":" + std::to_string(r.takeovers) + "}";
 }
 
 } // namespace
@@ -148,6 +160,8 @@ bool health_row(const std::string &gateway, const GatewayHealth &seen, long long
                 number_at(doc, {"lan", "dropped_slow"}) + number_at(doc, {"log", "dropped"});
     latency_of(cJSON_GetObjectItemCaseSensitive(mqtt, "latency_s"), &row);
     row.age_s = now_s - number_at(doc, {"time"});
+    row.session = seen.session;
+    row.takeovers = number_at(doc, {"mqtt", "takeovers"});
     cJSON_Delete(doc);
     *out = row;
     return true;
@@ -155,8 +169,8 @@ bool health_row(const std::string &gateway, const GatewayHealth &seen, long long
 
 void print_health_table(const std::map<std::string, GatewayHealth> &seen, long long now_s, FILE *out)
 {
-    std::fprintf(out, "%-16s %-8s %8s %6s %8s %10s %10s %6s\n", "GATEWAY", "LINK", "PENDING", "DROPS", "DEVICES",
-                 "LAT MEAN", "LAT P90", "AGE");
+    std::fprintf(out, "%-16s %-8s %8s %6s %8s %10s %10s %6s %9s\n", "GATEWAY", "LINK", "PENDING", "DROPS", "DEVICES",
+                 "LAT MEAN", "LAT P90", "AGE", "TAKEOVERS");
     for (const auto &entry : seen) {
         HealthRow r;
         if (!health_row(entry.first, entry.second, now_s, &r)) {
@@ -173,16 +187,15 @@ void print_health_table(const std::map<std::string, GatewayHealth> &seen, long l
         }
         char age[32];
         std::snprintf(age, sizeof age, "%llds", r.age_s);
-        std::fprintf(out, "%-16s %-8s %8lld %6lld %8s %10s %10s %6s\n", r.gateway.c_str(), r.link.c_str(), r.pending,
-                     r.drops, devices, mean, r.latency_p90.c_str(), age);
+        std::fprintf(out, "%-16s %-8s %8lld %6lld %8s %10s %10s %6s %9lld\n", r.gateway.c_str(), r.link.c_str(),
+                     r.pending, r.drops, devices, mean, r.latency_p90.c_str(), age, r.takeovers);
     }
 }
 
 int health(const Options &options, const apps::Description *names, std::string *detail)
 {
     const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
-    const std::string host = !options.host.empty() ? options.host : defaults.host;
-    const int port = options.port != 0 ? options.port : defaults.port;
+    const std::vector<sf_mqtt::Broker> brokers = broker_list(options, defaults);
     Gatherer g;
     g.prefix = (!options.root.empty() ? options.root : defaults.topic_root) + "/";
     mosquitto_lib_init();
@@ -201,15 +214,12 @@ int health(const Options &options, const apps::Description *names, std::string *
     if (!options.ca_file.empty()) {
         mosquitto_tls_set(mosq, options.ca_file.c_str(), nullptr, nullptr, nullptr, nullptr);
     }
-    const std::string where = host + ":" + std::to_string(port);
+    const std::string where = brokers[0].name();
     std::string why;
-    int rc = mosquitto_connect(mosq, host.c_str(), port, 30);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        why = "cannot connect to the MQTT broker at " + where + ": " +
-              (rc == MOSQ_ERR_ERRNO ? std::string(std::strerror(errno)) : std::string(mosquitto_strerror(rc)));
-    } else {
-        mosquitto_loop_start(mosq);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
+    g.session.start(mosq, brokers, say_broker_change);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(options.timeout_s);
+    if (g.session.wait_first(deadline, &why)) {
+        why.clear();
         sf_sync::Guard hold(g.mutex);
         if (!g.changed.wait_until(g.mutex, deadline,
                                   [&g]() SF_REQUIRES(g.mutex) { return g.subscribed || g.connect_rc > 0; }) ||
@@ -220,8 +230,7 @@ int health(const Options &options, const apps::Description *names, std::string *
             g.changed.wait_for(g.mutex, std::chrono::seconds(options.for_s > 0 ? options.for_s : 3), [] { return false; });
         }
     }
-    mosquitto_disconnect(mosq);
-    mosquitto_loop_stop(mosq, true);
+    g.session.stop();
     std::map<std::string, GatewayHealth> seen;
     {
         sf_sync::Guard hold(g.mutex);

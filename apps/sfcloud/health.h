@@ -19,6 +19,7 @@ namespace sfcloud {
 struct GatewayHealth {
     bool have_status = false;
     bool online = false;         /* the status topic: the broker's view (will message on a lost session) */
+    long long session = 0;       /* the newest session number its status carried; older statuses are ignored */
     std::string document;        /* the last health document, "" when none came */
 };
 
@@ -32,6 +33,8 @@ struct HealthRow {
     double latency_mean_ms = -1; /* -1: no completion yet */
     std::string latency_p90;     /* "<= 50 ms", "> 30 s", "-" */
     long long age_s = 0;         /* seconds since the document was made */
+    long long session = 0;       /* the session number of the newest status */
+    long long takeovers = 0;     /* sessions another client with its id took (two gateways with one id) */
 };
 bool health_row(const std::string &gateway, const GatewayHealth &seen, long long now_s, HealthRow *out);
 

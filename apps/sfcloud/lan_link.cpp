@@ -39,8 +39,13 @@ bool write_all(int fd, const std::string &text)
 
 } // namespace
 
+bool LanLink::write_text(const std::string &text) { return tls_ ? tls_->write_all(text) : write_all(fd_, text); }
+
+ssize_t LanLink::read_some(char *buf, size_t len) { return tls_ ? tls_->read(buf, len) : ::recv(fd_, buf, len, 0); }
+
 LanLink::~LanLink()
 {
+    tls_.reset();
     if (fd_ >= 0) {
         ::close(fd_);
     }
@@ -64,7 +69,21 @@ bool LanLink::open(const std::string &host, int port, const std::string &key, De
         *why = "cannot connect to the gateway's LAN channel at " + where + ": " + std::strerror(errno);
         return false;
     }
-    if (!write_all(fd_, "{\"cmd\":\"auth\",\"key\":" + apps::json_quote(key) + "}\n")) {
+    if (!plain_) {
+        // The handshake must not outlast the deadline: a gateway that never answers bounds it.
+        const int left_ms = millis_until(deadline);
+        const timeval bound{left_ms / 1000, (left_ms % 1000) * 1000};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+        tls_ = std::make_unique<sf_lan::TlsClient>();
+        std::string tls_why;
+        if (!tls_->handshake(fd_, gateway_id_, key, &tls_why)) {
+            *why = "the LAN channel at " + where + " did not accept the local key of " + gateway_id_ + " (" +
+                   tls_why + "; is its connection.lan.security \"plain\"? then use --lan-plain)";
+            return false;
+        }
+        const timeval none{0, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+    } else if (!write_text("{\"cmd\":\"auth\",\"key\":" + apps::json_quote(key) + "}\n")) {
         *why = "the LAN channel at " + where + " closed the connection";
         return false;
     }
@@ -82,7 +101,7 @@ bool LanLink::send(const std::string &kind, const std::string &document, std::st
         *why = "the simulator is not reachable over the LAN channel; use MQTT";
         return false;
     }
-    if (!write_all(fd_, "{\"cmd\":\"" + kind + "\",\"data\":" + document + "}\n")) {
+    if (!write_text("{\"cmd\":\"" + kind + "\",\"data\":" + document + "}\n")) {
         *why = "the LAN channel closed the connection";
         return false;
     }
@@ -103,12 +122,13 @@ bool LanLink::read_line(std::string *line, Deadline deadline)
         const int left = millis_until(deadline);
         const int wait = left < KEEPALIVE_MS ? left : KEEPALIVE_MS;
         pollfd p{fd_, POLLIN, 0};
-        const int ready = ::poll(&p, 1, wait);
+        // Bytes the TLS library decrypted already are not in the socket any more.
+        const int ready = tls_ && tls_->pending() ? 1 : ::poll(&p, 1, wait);
         if (ready < 0 && errno == EINTR) {
             continue;
         }
         if (ready == 0 && wait < left) {
-            if (!write_all(fd_, "\n")) {
+            if (!write_text("\n")) {
                 return false;
             }
             continue;
@@ -117,7 +137,7 @@ bool LanLink::read_line(std::string *line, Deadline deadline)
             return false;
         }
         char chunk[4096];
-        const ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+        const ssize_t n = read_some(chunk, sizeof chunk);
         if (n <= 0) {
             return false;
         }

@@ -8,9 +8,13 @@
 
 #include <chrono>
 #include <deque>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
+#include "port/posix/lan/lan_tls_client.h"
+#include "common/broker_session.h"
 #include "common/topics.h"
 #include "gateway/sync/annotated_lock.h"
 #include "uplink.h"
@@ -22,6 +26,9 @@ namespace sfcloud {
 
 using Deadline = std::chrono::steady_clock::time_point;
 
+/* The console's own story, on standard error (the output stays the gateway's): "sfcloud: MQTT broker changed ...". */
+void say_broker_change(const std::string &from, const std::string &to);
+
 class Link {
 public:
     virtual ~Link() = default;
@@ -32,8 +39,7 @@ public:
 };
 
 struct MqttTarget {
-    std::string host = "127.0.0.1";
-    int port = 1883;
+    std::vector<sf_mqtt::Broker> brokers; /* tried in order (common/broker_session.h); MUST NOT be empty */
     apps::Topics topics;
     std::string username;
     std::string password;
@@ -58,6 +64,7 @@ private:
     std::string gateway_id_;
     MqttTarget target_;
     mosquitto *mosq_ = nullptr;
+    apps::BrokerSession session_;
     sf_sync::Mutex mutex_;
     sf_sync::CondVar changed_;
     std::deque<std::pair<std::string, std::string>> inbox_ SF_GUARDED_BY(mutex_);
@@ -67,18 +74,27 @@ private:
 
 class LanLink : public Link {
 public:
-    explicit LanLink(std::string gateway_id) : gateway_id_(std::move(gateway_id)) {}
+    /* plain: speak plain TCP (the channel's "plain" mode) instead of TLS 1.3 with the key's PSK. */
+    LanLink(std::string gateway_id, bool plain) : gateway_id_(std::move(gateway_id)), plain_(plain) {}
     ~LanLink() override;
-    /* Connect to host:port and authenticate with key; waits for the gateway's welcome. */
+    /*
+     * Connect to host:port and prove key: by the TLS handshake (identity
+     * the gateway id), or in plain mode by the auth frame. Waits for the
+     * gateway's welcome.
+     */
     bool open(const std::string &host, int port, const std::string &key, Deadline deadline, std::string *why);
     bool send(const std::string &kind, const std::string &document, std::string *why) override;
     bool next(Message *out, Deadline deadline) override;
 
 private:
     bool read_line(std::string *line, Deadline deadline);
+    bool write_text(const std::string &text);
+    ssize_t read_some(char *buf, size_t len);
 
     std::string gateway_id_;
+    bool plain_;
     int fd_ = -1;
+    std::unique_ptr<sf_lan::TlsClient> tls_;
     std::string buffer_;
 };
 

@@ -4,17 +4,20 @@
  */
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "common/broker_port.h"
 #include "common/description.h"
 #include "health.h"
 #include "link.h"
 #include "options.h"
 #include "plan.h"
+#include "serve.h"
 #include "watch.h"
 
 namespace {
@@ -66,7 +69,7 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
             return finish(options, plan.command, sfcloud::EXIT_USAGE, "--lan: expected HOST:PORT, got " + options.lan);
         }
         const std::string key = !options.key.empty() ? options.key : names != nullptr ? names->local_key : "";
-        auto lan = std::make_unique<sfcloud::LanLink>(gw_id);
+        auto lan = std::make_unique<sfcloud::LanLink>(gw_id, options.lan_plain);
         if (!lan->open(options.lan.substr(0, colon), port, key, deadline, &why)) {
             return finish(options, plan.command, sfcloud::EXIT_NO_ANSWER, why);
         }
@@ -74,8 +77,7 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
     } else {
         sfcloud::MqttTarget target;
         const apps::MqttSettings defaults = names != nullptr ? names->mqtt : apps::MqttSettings();
-        target.host = !options.host.empty() ? options.host : defaults.host;
-        target.port = options.port != 0 ? options.port : defaults.port;
+        target.brokers = sfcloud::broker_list(options, defaults);
         target.topics = {!options.root.empty() ? options.root : defaults.topic_root, gw_id};
         target.username = options.username;
         target.password = options.password;
@@ -128,6 +130,8 @@ int run(const Options &options, const apps::Description *names, sfcloud::Plan &p
 
 int main(int argc, char **argv)
 {
+    // The TLS library writes with write(2): a gateway that closed must give an error, not kill the console.
+    std::signal(SIGPIPE, SIG_IGN);
     Options options;
     std::string why;
     if (!sfcloud::parse_options(std::vector<std::string>(argv + 1, argv + argc), &options, &why)) {
@@ -148,6 +152,10 @@ int main(int argc, char **argv)
         std::string detail;
         const int code = sfcloud::health(options, known, &detail);
         return finish(options, "health", code, detail);
+    }
+    if (options.words[0] == "serve") { /* the web console: the whole fleet, no gateway id needed */
+        std::string detail;
+        return finish(options, "serve", sfcloud::serve_command(options, known, &detail), detail);
     }
     const std::string gw_id = !options.gw.empty() ? options.gw : have_names ? names.gateway_id : "";
     if (gw_id.empty()) {

@@ -1,6 +1,7 @@
 #include <mosquitto.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <random>
 
@@ -8,11 +9,15 @@
 
 namespace sfcloud {
 
+void say_broker_change(const std::string &from, const std::string &to)
+{
+    std::fprintf(stderr, "sfcloud: MQTT broker changed from %s to %s\n", from.c_str(), to.c_str());
+}
+
 MqttLink::~MqttLink()
 {
     if (mosq_ != nullptr) {
-        mosquitto_disconnect(mosq_);
-        mosquitto_loop_stop(mosq_, true);
+        session_.stop();
         mosquitto_destroy(mosq_);
     }
 }
@@ -28,6 +33,7 @@ void MqttLink::on_connect(mosquitto *mosq, void *self, int rc)
         char *subs[] = {const_cast<char *>(up.c_str()), const_cast<char *>(event.c_str()),
                         const_cast<char *>(status.c_str())};
         mosquitto_subscribe_multiple(mosq, nullptr, 3, subs, 1, 0, nullptr);
+        link->session_.accepted();
     }
     sf_sync::Guard hold(link->mutex_);
     link->connect_rc_ = rc;
@@ -76,14 +82,15 @@ bool MqttLink::open(const MqttTarget &target, Deadline deadline, std::string *wh
     if (!target.ca_file.empty()) {
         mosquitto_tls_set(mosq_, target.ca_file.c_str(), nullptr, nullptr, nullptr, nullptr);
     }
-    const std::string where = target.host + ":" + std::to_string(target.port);
-    const int rc = mosquitto_connect(mosq_, target.host.c_str(), target.port, 30);
-    if (rc != MOSQ_ERR_SUCCESS) {
-        *why = "cannot connect to the MQTT broker at " + where + ": " +
-               (rc == MOSQ_ERR_ERRNO ? std::string(strerror(errno)) : std::string(mosquitto_strerror(rc)));
+    const std::string where = target.brokers[0].name();
+    session_.start(mosq_, target.brokers, say_broker_change);
+    if (!session_.wait_first(deadline, why)) {
+        sf_sync::Guard hold(mutex_);
+        if (connect_rc_ > 0) {
+            *why = "the MQTT broker at " + where + " refused the connection: " + mosquitto_connack_string(connect_rc_);
+        }
         return false;
     }
-    mosquitto_loop_start(mosq_);
     sf_sync::Guard hold(mutex_);
     if (!changed_.wait_until(mutex_, deadline, [this]() SF_REQUIRES(mutex_) { return connect_rc_ >= 0; })) {
         *why = "the MQTT broker at " + where + " did not answer";

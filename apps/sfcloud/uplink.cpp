@@ -176,9 +176,20 @@ bool decode_mqtt(const apps::Topics &topics, const std::string &topic, const std
         out->kind = Kind::STATUS;
         out->cid = gateway_id;
         out->flag = cJSON_IsTrue(get(root.get(), "online"));
+        const cJSON *session = get(root.get(), "session");
+        out->session = cJSON_IsNumber(session) ? static_cast<long long>(session->valuedouble) : 0;
         return true;
     }
     return false;
+}
+
+bool status_is_current(long long session, long long *newest)
+{
+    if (session < *newest) {
+        return false;
+    }
+    *newest = session;
+    return true;
 }
 
 bool decode_lan(const std::string &frame, const std::string &gateway_id, Message *out)

@@ -43,12 +43,21 @@ struct Message {
     std::vector<std::string> cids;            /* scene: as sent; group: not carried, see rets */
     std::vector<long long> rets;
     bool flag = false;                        /* probe: answered; control: ok; status: online */
+    long long session = 0;                    /* status: the gateway's session number (0: none given) */
     std::string raw;                          /* the payload as received */
 };
 
 /* Decode a payload of topic (an uplink, sim event or status topic of topics). false when it is not one. */
 bool decode_mqtt(const apps::Topics &topics, const std::string &topic, const std::string &payload,
                  const std::string &gateway_id, Message *out);
+
+/*
+ * The rule of docs/wire-protocol.md section 2 for sf/<gw>/status: a status
+ * whose session number is below the newest seen from that gateway is late
+ * (a will of an older connection delivered after the new online status)
+ * and is ignored. true, and *newest raised, when the status counts.
+ */
+bool status_is_current(long long session, long long *newest);
 
 /* Decode one LAN frame; false when it is no JSON object. */
 bool decode_lan(const std::string &frame, const std::string &gateway_id, Message *out);

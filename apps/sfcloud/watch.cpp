@@ -41,7 +41,11 @@ void DeviceTable::fold(const Message &m)
             row(id).presence = "offline";
         }
         break;
-    case Kind::STATUS: row(m.cid).presence = m.flag ? "gateway" : "gw down"; break;
+    case Kind::STATUS:
+        if (status_is_current(m.session, &newest_session_[m.cid])) {
+            row(m.cid).presence = m.flag ? "gateway" : "gw down";
+        }
+        break;
     default: break;
     }
 }

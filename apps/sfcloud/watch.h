@@ -32,6 +32,7 @@ private:
     const apps::Description *names_;
     std::map<std::string, Row> rows_;
     std::vector<std::string> order_;
+    std::map<std::string, long long> newest_session_; /* per gateway: older statuses are ignored */
     Row &row(const std::string &id);
 };
 

@@ -1,7 +1,12 @@
 #define SF_LOG_MODULE SF_LOG_MODULE_SFGW
 #include "app_callbacks.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 
 #include "cloud_defs/gw_intf.h"
 #include "port/posix/metrics/metrics.h"
@@ -12,6 +17,22 @@ namespace sfgw {
 namespace {
 
 std::atomic<Simulator *> g_sim{nullptr};
+std::atomic<int> g_trace_fd{-1};
+
+void trace(const std::string &cid, const DpValues &values)
+{
+    const int fd = g_trace_fd.load();
+    if (fd < 0) {
+        return;
+    }
+    std::string line;
+    for (const auto &value : values) {
+        line += (cid.empty() ? "-" : cid) + " " + std::to_string(value.first) + "=" + value.second + "\n";
+    }
+    if (::write(fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+        SF_LOG_ERR("command trace: write failed: %s", std::strerror(errno));
+    }
+}
 const apps::Description *g_description = nullptr;
 
 /* "" names the gateway itself, as the simulator expects */
@@ -54,6 +75,7 @@ void on_obj_cmd(const KL_RECV_OBJ_DP_S *cmd)
     for (UINT_T i = 0; i < cmd->dps_cnt; ++i) {
         values.emplace_back(cmd->dps[i].dpid, json_of(device, cmd->dps[i]));
     }
+    trace(cid, values);
     sim->command(cid, std::move(values));
 }
 
@@ -106,6 +128,28 @@ OPERATE_RET on_scene(const SCE_ACTION_E action, const CHAR_T *dev_id, const CHAR
 }
 
 } // namespace
+
+bool open_command_trace(const std::string &path, std::string *why)
+{
+    if (path.empty()) {
+        return true;
+    }
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        *why = "--command-trace: cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    g_trace_fd = fd;
+    return true;
+}
+
+void close_command_trace()
+{
+    const int fd = g_trace_fd.exchange(-1);
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
 
 void install_app_callbacks(Simulator *sim, const apps::Description *description)
 {

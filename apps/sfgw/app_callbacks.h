@@ -15,6 +15,16 @@ namespace sfgw {
 /* Route the callbacks of the loaded registry to sim (which must outlive the gateway's threads). */
 void install_app_callbacks(Simulator *sim, const apps::Description *description);
 
+/*
+ * Append every DP command the smart frame hands to the application to
+ * path, one line "<device> <dp>=<json value>" written with one write(2)
+ * before the callback returns, so it survives a kill -9 (tests observe
+ * delivery by it). Empty path: none. false (with *why) when path cannot
+ * be opened. Before install_app_callbacks.
+ */
+bool open_command_trace(const std::string &path, std::string *why);
+void close_command_trace();
+
 /* The probe callback for sf_sys_mag_hb_init. */
 void probe_callback(const char *dev_id);
 

@@ -38,6 +38,13 @@ public:
     /* Where the LAN channel listens (0 when it is off). */
     int lan_port() const;
 
+    /*
+     * SIGHUP: the description's local key as it is now. A changed key is
+     * the LAN channel's from now on (connections made with the old one are
+     * closed); an empty one is refused and logged. Main thread.
+     */
+    void reload_local_key(const std::string &local_key);
+
 private:
     bool wait_for_broker(const sigset_t &stop_signals, bool *interrupted, std::string *why);
 
@@ -51,6 +58,7 @@ private:
     bool mqtt_started_ = false;
     bool metrics_started_ = false;
     bool lan_started_ = false;
+    std::string lan_key_; /* the LAN channel's local key now */
 };
 
 } // namespace sfgw

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "common/description.h"
+#include "description_check.h"
 #include "gateway.h"
 #include "options.h"
-#include "gateway/registry/gw_registry.h"
 #include "port/posix/log/log_output.h"
 #include "port/posix/runtime/posix_runtime.h"
 
@@ -47,27 +47,6 @@ int next_signal(const sigset_t &blocked)
     }
 }
 
-/*
- * The whole description checked in the order a reader fixes it: JSON
- * first, then the registry's part (worded by the registry's loader), then
- * the apps' own sections.
- */
-bool check_description(const std::string &file, apps::Description *out, std::string *why)
-{
-    std::string text;
-    std::string registry_text;
-    if (!apps::read_file(file, &text, why) || !apps::registry_text_of(text, file, &registry_text, why)) {
-        return false;
-    }
-    gw_registry::LoadError error;
-    if (!gw_registry::load_text(registry_text, file, &error)) {
-        *why = error.text();
-        return false;
-    }
-    gw_registry::unload();
-    return apps::read_description_text(text, file, out, why);
-}
-
 size_t sub_device_count(const apps::Description &description) { return description.devices.size() - 1; }
 
 } // namespace
@@ -95,7 +74,7 @@ int main(int argc, char **argv)
         uni_log_set_level(options.log_level);
     }
     apps::Description description;
-    if (!check_description(options.description, &description, &why)) {
+    if (!sfgw::check_description(options.description, &description, &why)) {
         std::fprintf(stderr, "sfgw: %s\n", why.c_str());
         return sfgw::EXIT_USAGE;
     }
@@ -112,7 +91,7 @@ int main(int argc, char **argv)
     sigaddset(&stop_signals, SIGINT);
     sigaddset(&stop_signals, SIGTERM);
     sigset_t blocked = stop_signals;
-    sigaddset(&blocked, SIGHUP); /* logrotate's "re-open your log", taken by the sigwait below */
+    sigaddset(&blocked, SIGHUP); /* logrotate's "re-open your log" and a new local key, taken by the sigwait below */
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
@@ -133,6 +112,14 @@ int main(int argc, char **argv)
     int signal_number = 0;
     while ((signal_number = next_signal(blocked)) == SIGHUP) {
         sf_log::reopen();
+        // A key rotated by the installer takes effect now; the rest of the description at the next start.
+        apps::Description now;
+        if (apps::read_description(options.description, &now, &why)) {
+            gateway.reload_local_key(now.local_key);
+        } else {
+            std::fprintf(stderr, "sfgw: SIGHUP: the description is not readable now, the local key stays: %s\n",
+                         why.c_str());
+        }
     }
     std::printf("sfgw: %s received, stopping\n", signal_number == SIGINT ? "SIGINT" : "SIGTERM");
     std::fflush(stdout);

@@ -1,5 +1,6 @@
 #include "options.h"
 
+#include "common/broker_address.h"
 #include "common/json_reader.h"
 
 #include <cstdlib>
@@ -28,11 +29,15 @@ const char *usage_text()
            "Runs a smart frame gateway against an MQTT broker, with the simulated\n"
            "sub-devices of the description behind it (see README.md, \"Writing a\n"
            "gateway description\"). Stops cleanly on SIGINT or SIGTERM; SIGHUP\n"
-           "re-opens the log file.\n"
+           "re-opens the log file and takes the description's gateway.local_key\n"
+           "anew for the LAN channel (connections of the old key are closed).\n"
            "\n"
            "Options:\n"
            "  --mqtt-host HOST        broker host (default: connection.mqtt.host, else 127.0.0.1)\n"
-           "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883)\n"
+           "  --mqtt-port PORT        broker port (default: connection.mqtt.port, else 1883, or 8883 with ca_file)\n"
+           "  --mqtt-broker HOST:PORT a broker of a list, repeatable: the first given is tried first, the\n"
+           "                          next when a connect fails or the connection is lost (default:\n"
+           "                          connection.mqtt.brokers; see docs/brokers.md, \"Clusters\")\n"
            "  --mqtt-protocol 5|311   MQTT version (default: connection.mqtt.protocol, else 5 with a\n"
            "                          fall-back to 3.1.1 when the broker refuses 5)\n"
            "  --lan-port PORT         LAN channel port, 0 for any free one (default: connection.lan.port)\n"
@@ -51,6 +56,8 @@ const char *usage_text()
            "  --metrics-interval SEC  seconds between two writes of that file (default 15)\n"
            "  --metrics-mqtt SEC      seconds between two health documents on <root>/<gateway>/metrics\n"
            "                          (default 60, 0 for none); see docs/metrics.md\n"
+           "  --command-trace FILE    append each DP command handed to the devices to FILE, one line\n"
+           "                          \"<device> <dp>=<value>\", written at once (tests, delivery checks)\n"
            "  --check                 check the description and exit\n"
            "  --lenient-commands      hand commands to the smart frame unchecked (no refusal answers,\n"
            "                          see docs/wire-protocol.md, \"Refused commands\")\n"
@@ -91,6 +98,11 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 *why = arg + ": expected milliseconds (20..60000), got " + value;
                 return false;
             }
+        } else if (arg == "--command-trace") {
+            if (!need_value("a file name")) {
+                return false;
+            }
+            out->command_trace = value;
         } else if (arg == "--check") {
             out->check_only = true;
         } else if (arg == "--lenient-commands") {
@@ -112,6 +124,16 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
                 return false;
             }
             (arg == "--mqtt-port" ? out->mqtt_port : out->lan_port) = port;
+        } else if (arg == "--mqtt-broker") {
+            if (!need_value("HOST:PORT")) {
+                return false;
+            }
+            std::pair<std::string, int> broker;
+            if (!apps::parse_broker_address(value, &broker.first, &broker.second)) {
+                *why = arg + ": expected HOST:PORT ([ADDRESS]:PORT for IPv6), got " + value;
+                return false;
+            }
+            out->mqtt_brokers.push_back(broker);
         } else if (arg == "--mqtt-protocol") {
             if (!need_value("5 or 311")) {
                 return false;
@@ -163,6 +185,10 @@ bool parse_options(const std::vector<std::string> &args, Options *out, std::stri
             *why = "one description only (got " + out->description + " and " + arg + ")";
             return false;
         }
+    }
+    if (!out->mqtt_brokers.empty() && (!out->mqtt_host.empty() || out->mqtt_port != 0)) {
+        *why = "--mqtt-broker: not with --mqtt-host or --mqtt-port (name every broker with --mqtt-broker)";
+        return false;
     }
     if (!out->help && out->description.empty()) {
         *why = "missing the gateway description (a .json file)";

@@ -3,6 +3,7 @@
 #define SFGW_OPTIONS_H
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace sfgw {
@@ -11,6 +12,7 @@ struct Options {
     std::string description;
     std::string mqtt_host; /* empty: from the description */
     int mqtt_port = 0;     /* 0: from the description */
+    std::vector<std::pair<std::string, int>> mqtt_brokers; /* --mqtt-broker, in order; non-empty: these only */
     int mqtt_protocol = 0; /* 5 or 311; 0: from the description */
     int lan_port = -1;     /* -1: from the description; 0: any free port */
     bool no_lan = false;
@@ -26,6 +28,7 @@ struct Options {
     int metrics_mqtt_s = 60;     /* between two health documents; 0: none */
     bool check_only = false;
     bool lenient_commands = false; /* --lenient-commands: no edge check of inbound commands */
+    std::string command_trace;     /* empty: none; else every DP command handed to the devices is appended */
     bool help = false;
 };
 

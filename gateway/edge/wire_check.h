@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cloud_defs/gw_intf.h"
+#include "gateway/rules/dp_rules.h"
 #include "services/uni_mutex.h"
 #include "wire_validate.h"
 
@@ -25,8 +26,14 @@ std::string printed(const cJSON *item);
 /* "a string", "a number", ... for the reasons. */
 const char *type_name(const cJSON *item);
 
+/* Why a string holding a NUL (a raw node, wire_nul.h) is refused, ending with the string as sent. */
+std::string nul_reason(const cJSON *raw);
+
+/* The first string value of doc, outside its "dps", that held a NUL (wire_nul.h); *key its member. */
+const cJSON *nul_string_outside_dps(const cJSON *doc, const char **key);
+
 /* A JSON number without fraction, within long long; *out its value. */
-bool integral(const cJSON *item, long long *out);
+using gw_rules::integral;
 
 /*
  * The node a device id names, resolved as the module resolves it (the

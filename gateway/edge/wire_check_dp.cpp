@@ -3,9 +3,8 @@
  * value against the DP's schema (docs/wire-protocol.md, sections 1 and 6).
  */
 #include <cstring>
-#include <vector>
 
-#include "services/kelo_base64.h"
+#include "gateway/rules/dp_rules.h"
 #include "smart_frame/dp_lookup.h"
 #include "wire_check.h"
 #include "wire_json.h"
@@ -33,60 +32,52 @@ bool canonical_dp_key(const char *key, int *dpid)
     return value <= DEV_DP_MAX;
 }
 
-/* Whether value fits the object DP dp; dev and key only word the refusal. */
-bool check_object_value(const DP_CNTL_S *dp, const cJSON *value, const std::string &dev, const std::string &key,
-                        Refusal *why)
+/* What a refusal of value by the DP's rule says after "DP <key> of <dev>: ". */
+std::string reason(gw_rules::Verdict verdict, const DP_CNTL_S *dp, const cJSON *value)
 {
-    const std::string where = "DP " + key + " of " + dev;
-    const std::string dev_json = quote(dev.data(), dev.size());
-    auto refuse = [&](const char *code, const std::string &text) { return fail(why, code, where + ": " + text, dev_json, key); };
     const DP_PROP_VALUE_U &prop = dp->prop;
-    long long n = 0;
-    switch (dp->dp_desc.prop_tp) {
-    case PROP_BOOL:
-        return cJSON_IsBool(value) ? true : refuse("bad_type", std::string("expected true or false, got ") + type_name(value));
-    case PROP_VALUE: {
-        if (!integral(value, &n)) {
-            return refuse("bad_type", std::string("expected an integer, got ") + (cJSON_IsNumber(value) ? printed(value) : type_name(value)));
+    const auto got = [&](const char *expected) {
+        return std::string(expected) + ", got " + (cJSON_IsNumber(value) ? printed(value) : type_name(value));
+    };
+    switch (verdict) {
+    case gw_rules::Verdict::BadType:
+        switch (dp->dp_desc.type == DP_TYPE_RAW ? PROP_STR : dp->dp_desc.prop_tp) {
+        case PROP_BOOL: return std::string("expected true or false, got ") + type_name(value);
+        case PROP_STR:
+            return std::string(dp->dp_desc.type == DP_TYPE_RAW ? "expected base64 text" : "expected a string") +
+                   ", got " + type_name(value);
+        case PROP_ENUM: return std::string("expected the name of a value, got ") + type_name(value);
+        default: return got("expected an integer");
         }
-        const DP_PROP_VAL_S &v = prop.prop_value;
-        if (n < v.min || n > v.max) {
-            return refuse("out_of_range", printed(value) + " outside " + std::to_string(v.min) + ".." + std::to_string(v.max));
-        }
-        if (v.step > 1 && (n - v.min) % v.step != 0) {
-            return refuse("off_step", printed(value) + " not on the step " + std::to_string(v.step) + " from " +
-                                          std::to_string(v.min));
-        }
-        return true;
+    case gw_rules::Verdict::OutOfRange: {
+        const gw_rules::Range range = gw_rules::range_of(dp->dp_desc, prop);
+        return printed(value) + " outside " + std::to_string(range.lo) + ".." + std::to_string(range.hi);
     }
-    case PROP_STR: {
-        if (!cJSON_IsString(value)) {
-            return refuse("bad_type", std::string("expected a string, got ") + type_name(value));
-        }
-        const size_t len = std::strlen(value->valuestring);
-        if (len > static_cast<size_t>(prop.prop_str.max_len)) {
-            return refuse("too_long", std::to_string(len) + " bytes, at most " + std::to_string(prop.prop_str.max_len));
-        }
-        return true;
+    case gw_rules::Verdict::OffStep:
+        return printed(value) + " not on the step " + std::to_string(prop.prop_value.step) + " from " +
+               std::to_string(prop.prop_value.min);
+    case gw_rules::Verdict::UnknownEnum: return "no value named " + printed(value);
+    case gw_rules::Verdict::TooLong:
+        return std::to_string(std::strlen(value->valuestring)) + " bytes, at most " +
+               std::to_string(prop.prop_str.max_len);
+    case gw_rules::Verdict::BadBase64: return "not well-formed base64";
+    case gw_rules::Verdict::NulInString: return nul_reason(value);
+    default: return "property type unknown to the gateway";
     }
-    case PROP_ENUM:
-        if (!cJSON_IsString(value)) {
-            return refuse("bad_type", std::string("expected the name of a value, got ") + type_name(value));
-        }
-        return sf::enum_index(dp, value->valuestring) >= 0 ? true : refuse("unknown_enum", "no value named " + printed(value));
-    case PROP_BITMAP: {
-        const unsigned bits = prop.prop_bitmap.max_len >= 1 && prop.prop_bitmap.max_len <= 32 ? prop.prop_bitmap.max_len : 32;
-        const long long top = (1LL << bits) - 1;
-        if (!integral(value, &n)) {
-            return refuse("bad_type", std::string("expected an integer, got ") + (cJSON_IsNumber(value) ? printed(value) : type_name(value)));
-        }
-        if (n < 0 || n > top) {
-            return refuse("out_of_range", printed(value) + " outside 0.." + std::to_string(top));
-        }
-        return true;
-    }
-    default:
-        return refuse("not_writable", "property type unknown to the gateway");
+}
+
+/* The stable code of a verdict (docs/wire-protocol.md, "Refused commands"). */
+const char *code_of(gw_rules::Verdict verdict)
+{
+    switch (verdict) {
+    case gw_rules::Verdict::BadType: return "bad_type";
+    case gw_rules::Verdict::OutOfRange: return "out_of_range";
+    case gw_rules::Verdict::OffStep: return "off_step";
+    case gw_rules::Verdict::UnknownEnum: return "unknown_enum";
+    case gw_rules::Verdict::TooLong: return "too_long";
+    case gw_rules::Verdict::BadBase64: return "bad_base64";
+    case gw_rules::Verdict::NulInString: return "nul_in_string";
+    default: return "not_writable";
     }
 }
 
@@ -94,25 +85,19 @@ bool check_object_value(const DP_CNTL_S *dp, const cJSON *value, const std::stri
 bool check_dp_value(const DP_CNTL_S *dp, const cJSON *value, const std::string &dev, const std::string &key,
                     Refusal *why)
 {
+    const std::string where = "DP " + key + " of " + dev;
     const std::string dev_json = quote(dev.data(), dev.size());
     if (dp->dp_desc.mode == DP_MODE_RO) {
-        return fail(why, "not_writable", "DP " + key + " of " + dev + " is read-only", dev_json, key);
+        return fail(why, "not_writable", where + " is read-only", dev_json, key);
     }
     if (dp->dp_desc.type == DP_TYPE_FILE) {
-        return fail(why, "not_writable", "DP " + key + " of " + dev + " is a file DP, not commanded here", dev_json, key);
+        return fail(why, "not_writable", where + " is a file DP, not commanded here", dev_json, key);
     }
-    if (dp->dp_desc.type == DP_TYPE_RAW) {
-        if (!cJSON_IsString(value)) {
-            return fail(why, "bad_type", "DP " + key + " of " + dev + ": expected base64 text, got " + type_name(value),
-                        dev_json, key);
-        }
-        std::vector<BYTE_T> bytes(std::strlen(value->valuestring) * 3 / 4 + 3);
-        if (kelo_base64_decode(value->valuestring, bytes.data()) < 0) {
-            return fail(why, "bad_base64", "DP " + key + " of " + dev + ": not well-formed base64", dev_json, key);
-        }
+    const gw_rules::Verdict verdict = gw_rules::check_value(dp->dp_desc, dp->prop, value);
+    if (verdict == gw_rules::Verdict::Fits) {
         return true;
     }
-    return check_object_value(dp, value, dev, key, why);
+    return fail(why, code_of(verdict), where + ": " + reason(verdict, dp, value), dev_json, key);
 }
 
 /* "devId" and "cid" of a DP command: strings naming known devices. *node: the target. */

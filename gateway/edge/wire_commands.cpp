@@ -5,6 +5,7 @@
 #include "wire_commands.h"
 
 #include <cstring>
+#include <strings.h>
 
 #include "smart_frame/smart_frame.h"
 #include "wire_validate.h"
@@ -26,9 +27,25 @@ constexpr KindName KIND_NAMES[] = {
     {CmdKind::Query, "query"},
 };
 
-OPERATE_RET answer_query(const cJSON *doc)
+/*
+ * A query's ids that name the gateway in another letter case become the
+ * gateway's own id: DP commands name the gateway in any case (the module
+ * resolves them so), but the module hands a query's ids to the application
+ * as they are, and the application knows its gateway by the exact id.
+ */
+void name_the_gateway_as_it_is(cJSON *cids)
 {
-    const cJSON *cids = cJSON_GetObjectItemCaseSensitive(doc, "cids");
+    const char *gw_id = get_gw_cntl()->gw_if.id;
+    for (cJSON *id = cids != nullptr ? cids->child : nullptr; id != nullptr; id = id->next) {
+        if (cJSON_IsString(id) && strcasecmp(id->valuestring, gw_id) == 0 && std::strcmp(id->valuestring, gw_id) != 0) {
+            cJSON_SetValuestring(id, gw_id);
+        }
+    }
+}
+
+OPERATE_RET answer_query(cJSON *doc)
+{
+    cJSON *cids = cJSON_GetObjectItemCaseSensitive(doc, "cids");
     const cJSON *dpids = cJSON_GetObjectItemCaseSensitive(doc, "dpids");
     if (cids != nullptr && cJSON_IsNull(cids)) {
         cids = nullptr;
@@ -49,6 +66,7 @@ OPERATE_RET answer_query(const cJSON *doc)
             return RC_BAD_PARAM;
         }
     }
+    name_the_gateway_as_it_is(cids);
     const OPERATE_RET rc = sf_respone_obj_dp_query(cids, dpids);
     if (rc != RC_OK) {
         SF_LOG_ERR("sf_respone_obj_dp_query failed %d", rc);

@@ -3,6 +3,9 @@
  */
 #include "wire_json.h"
 
+#include "wire_nul.h"
+#include "wire_validate.h"
+
 #include <cstdio>
 
 namespace sf_wire {
@@ -85,6 +88,9 @@ cJSON *parse_bounded(const char *text, size_t len, size_t max_bytes, size_t max_
         cJSON_Delete(doc);
         *why = "bytes after the document";
         return nullptr;
+    }
+    if (wire_command_checks() != FALSE) {
+        keep_nul_strings_whole(text, len, doc); /* refused by the edge check; off, commands go on as they come */
     }
     return doc;
 }

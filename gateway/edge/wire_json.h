@@ -35,7 +35,8 @@ bool within_bounds(const char *text, size_t len, size_t max_bytes, size_t max_de
 /*
  * Parse text after within_bounds. Returns the document (release with
  * cJSON_Delete) or nullptr; *why as above. The text may contain bytes
- * after the document only as white space.
+ * after the document only as white space. With the edge check on, a
+ * string holding a NUL is kept whole as its JSON text (wire_nul.h).
  */
 cJSON *parse_bounded(const char *text, size_t len, size_t max_bytes, size_t max_depth, const char **why);
 

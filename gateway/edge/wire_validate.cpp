@@ -10,7 +10,7 @@
 #include <strings.h>
 
 #include <atomic>
-#include <cmath>
+#include <cstring>
 
 #include "wire_check.h"
 #include "wire_json.h"
@@ -63,20 +63,47 @@ const char *type_name(const cJSON *item)
     if (cJSON_IsObject(item)) {
         return "an object";
     }
+    if (cJSON_IsRaw(item)) {
+        return "a string holding a NUL";
+    }
     return "null";
 }
 
-bool integral(const cJSON *item, long long *out)
+std::string nul_reason(const cJSON *raw)
 {
-    if (!cJSON_IsNumber(item)) {
-        return false;
+    return "the string holds a NUL (\\u0000), which would cut it short at the device: " + printed(raw);
+}
+
+namespace {
+
+const cJSON *first_raw(const cJSON *node, const cJSON *skip)
+{
+    for (const cJSON *child = node->child; child != nullptr; child = child->next) {
+        if (cJSON_IsRaw(child)) {
+            return child;
+        }
+        const cJSON *inner = child != skip ? first_raw(child, skip) : nullptr;
+        if (inner != nullptr) {
+            return inner;
+        }
     }
-    const double d = item->valuedouble;
-    if (!(d >= -9.0e18 && d <= 9.0e18) || std::floor(d) != d) {
-        return false;
+    return nullptr;
+}
+
+} // namespace
+
+const cJSON *nul_string_outside_dps(const cJSON *doc, const char **key)
+{
+    /* the values in "dps" are the DP rules' to refuse, naming their DP */
+    const cJSON *dps = cJSON_GetObjectItem(doc, "dps");
+    for (const cJSON *member = doc->child; member != nullptr; member = member->next) {
+        const cJSON *raw = cJSON_IsRaw(member) ? member : member != dps ? first_raw(member, dps) : nullptr;
+        if (raw != nullptr) {
+            *key = member->string != nullptr ? member->string : "";
+            return raw;
+        }
     }
-    *out = static_cast<long long>(d);
-    return true;
+    return nullptr;
 }
 
 DEV_CNTL_N_S *device_named(const char *id)
@@ -132,6 +159,17 @@ bool validate_command(CmdKind kind, const cJSON *doc, Refusal *why)
 {
     if (!cJSON_IsObject(doc) || kind == CmdKind::Unknown) {
         return check::fail(why, "bad_shape", "not a JSON object or unknown kind");
+    }
+    const char *key = "";
+    const cJSON *nul = check::nul_string_outside_dps(doc, &key);
+    if (nul != nullptr) {
+        return check::fail(why, "nul_in_string", std::string("\"") + key + "\": " + check::nul_reason(nul),
+                           std::strcmp(key, "devId") == 0 || std::strcmp(key, "cid") == 0 ? check::printed(nul) : "");
+    }
+    const cJSON *t = cJSON_GetObjectItemCaseSensitive(doc, "t");
+    if (t != nullptr && !cJSON_IsNumber(t)) {
+        return check::fail(why, "bad_shape", std::string("t is ") + check::type_name(t) +
+                                                 ", expected the POSIX seconds at which the command was issued");
     }
     switch (kind) {
     case CmdKind::Dp: return check::dp_command(doc, why);

@@ -38,6 +38,18 @@ extern "C" {
 void wire_set_command_checks(BOOL_T on);
 BOOL_T wire_command_checks(void);
 
+/*
+ * The oldest a command carrying "t" (POSIX seconds at issue) may be, in
+ * seconds; an older one is refused with the code "expired" whether or not
+ * the edge check is on. 0: no limit. Default SF_COMMAND_MAX_AGE_S. Any
+ * thread; takes effect for the next command.
+ */
+void wire_set_command_max_age(UINT_T seconds);
+UINT_T wire_command_max_age(void);
+
+/* Commands refused as "expired" since the start (metrics). Any thread. */
+uint64_t wire_expired_refusals(void);
+
 #ifdef __cplusplus
 } /* extern "C" */
 

@@ -39,19 +39,15 @@
 #ifdef __cplusplus
 #include <chrono>
 #include <string>
+
+#include "../description/desc_model.h"
 #include <utility>
 #include <vector>
 
 namespace gw_registry {
 
-/* Why a gateway or device description was refused: file, key path and reason. */
-struct LoadError {
-    std::string file; /* file name, or the label given to load_text */
-    std::string path; /* key path such as devices[1].dps[0].id; empty for the whole document */
-    std::string why;  /* e.g. "missing key", "expected a string" */
-    /* "file: path: why" (the path part left out when empty) */
-    std::string text() const;
-};
+/* Why a gateway or device description was refused: file, key path and reason ("file: path: why"). */
+using LoadError = gw_desc::LoadError;
 
 /*
  * Load the gateway description (format: docs/gateway-description.md).
@@ -61,6 +57,17 @@ struct LoadError {
  */
 bool load_file(const std::string &file, LoadError *error);
 bool load_text(const std::string &json, const std::string &file_label, LoadError *error);
+
+/*
+ * The same from a document parsed by someone else (the apps parse the
+ * file once and read their own sections from the same tree): the keys in
+ * `others` are left to their reader. Nothing is parsed again.
+ */
+bool load_document(const cJSON *root, const std::string &file_label, const gw_desc::OtherSections &others,
+                   LoadError *error);
+
+/* The same from the model already read (gw_desc::parse_gateway): nothing is read again. */
+bool load_layout(const gw_desc::GatewayLayout &layout, const std::string &file_label, LoadError *error);
 
 /* True once a description was loaded (and not unloaded). */
 bool loaded();

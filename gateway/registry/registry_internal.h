@@ -1,7 +1,7 @@
 /*
- * Inside the gateway registry: the checked description of devices and
- * DPs (made by the loader, turned into nodes by the store) and the store's
- * shared state.
+ * Inside the gateway registry: the store's shared state. The checked
+ * description of devices and DPs it builds its nodes from is the model of
+ * gateway/description.
  */
 #ifndef GATEWAY_REGISTRY_REGISTRY_INTERNAL_H
 #define GATEWAY_REGISTRY_REGISTRY_INTERNAL_H
@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "gateway/description/desc_model.h"
 #include "gateway/sync/annotated_lock.h"
 #include "gw_registry.h"
 #include "gateway/gateway_tunables.h"
@@ -24,52 +25,10 @@
 namespace gw_registry {
 namespace detail {
 
-/* One DP as described: schema, limits and flow control ready to copy into a DP_CNTL_S. */
-struct DpLayout {
-    DP_DESC_IF_S desc{};
-    DP_PROP_VALUE_U limits{}; /* value fields zero; the store adds string buffers and enum names */
-    DP_REPT_CNTL_S flow{};
-    std::string name;
-    std::vector<std::string> enum_names;
-};
-
-struct DeviceLayout {
-    std::string id;
-    std::string sw_ver;
-    std::string schema_id;
-    std::string product_key;
-    bool bind = true;
-    bool preprocess = false;
-    std::vector<DpLayout> dps;
-};
-
-struct GatewayLayout {
-    std::string id;
-    std::string local_key;
-    DeviceLayout own; /* the gateway's own node: its id, DPs and versions */
-    std::vector<DeviceLayout> devices;
-};
-
-/* Where a value sits in the document, for error texts. */
-struct Where {
-    const std::string &file;
-    std::string path;
-};
-
-/* Parse and check a whole description; false with *error filled. */
-bool parse_gateway(const cJSON *root, const std::string &file, GatewayLayout *out, LoadError *error);
-
-/* Parse and check one device object found at `where`. */
-bool parse_device(const cJSON *node, const Where &where, DeviceLayout *out, LoadError *error);
-
-/* Whether an id can be written into JSON as it is: no quote, backslash or control character. */
-bool id_fits_json(const std::string &id);
-
-/* The id in quotes, as a JSON string, for error texts (it may hold what id_fits_json refuses). */
-std::string quoted_id(const std::string &id);
-
-/* Fill *error (when given) and return false, for one-line refusals. */
-bool fail(LoadError *error, const std::string &file, const std::string &path, const std::string &why);
+using gw_desc::DeviceLayout;
+using gw_desc::DpLayout;
+using gw_desc::GatewayLayout;
+using gw_desc::fail;
 
 /* The store: everything behind get_gw_cntl and the lookups. */
 struct Retired {

@@ -18,13 +18,15 @@
 
 #include "cloud_defs/kelo_cloud_com_defs.h"
 
+namespace gw_desc {
+struct DeviceLayout;
+}
+
 namespace gw_registry {
 namespace detail {
 
-struct DeviceLayout;
-
 /* A node built from layout, complete and unlinked; nullptr on exhaustion (nothing is kept then). */
-DEV_CNTL_N_S *build_node(const DeviceLayout &layout);
+DEV_CNTL_N_S *build_node(const gw_desc::DeviceLayout &layout);
 
 /* Release a node and its share of the interned tables; nothing may use it any more. NULL is ignored. */
 void free_node(DEV_CNTL_N_S *node);

@@ -3,11 +3,8 @@
  * index beside the list, loading, adding and removing devices, and the
  * deferred free of removed nodes (lifetime rule in gw_registry.h).
  */
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <strings.h>
 
 #include "services/uni_mutex.h"
@@ -105,24 +102,6 @@ void retire_node(Store &s, DEV_CNTL_N_S *node) SF_REQUIRES(s.dev_mutex_name, s.i
     s.retired.push_back({node, std::chrono::steady_clock::now(), ++s.retire_epoch});
 }
 
-bool parse_text(const std::string &json, const std::string &label, cJSON **root, LoadError *error)
-{
-    const char *end = nullptr;
-    *root = cJSON_ParseWithOpts(json.c_str(), &end, 1);
-    if (*root != nullptr) {
-        return true;
-    }
-    size_t offset = end != nullptr ? static_cast<size_t>(end - json.c_str()) : 0;
-    int line = 1;
-    int column = 1;
-    for (size_t i = 0; i < offset && i < json.size(); ++i) {
-        column = json[i] == '\n' ? 1 : column + 1;
-        line += json[i] == '\n' ? 1 : 0;
-    }
-    return fail(error, label, "",
-                "not valid JSON (near line " + std::to_string(line) + ", column " + std::to_string(column) + ")");
-}
-
 void set_gateway_record(Store &s, const GatewayLayout &layout) SF_REQUIRES(s.index_lock)
 {
     copy_text(s.gw.gw_if.id, sizeof(s.gw.gw_if.id), layout.id);
@@ -148,18 +127,31 @@ void mark_as_gateway(DEV_CNTL_N_S *node)
 
 using detail::Store;
 
+namespace {
+
+/* The error the caller asked for, or a scratch one: the readers always record where they stopped. */
+LoadError *error_or(LoadError *error, LoadError *scratch) { return error != nullptr ? error : scratch; }
+
+} // namespace
+
 bool load_text(const std::string &json, const std::string &file_label, LoadError *error)
 {
-    cJSON *root = nullptr;
-    if (!detail::parse_text(json, file_label, &root, error)) {
-        return false;
-    }
+    LoadError scratch;
+    const gw_desc::Json root = gw_desc::parse_text(json, file_label, error_or(error, &scratch));
+    return root != nullptr && load_document(root.get(), file_label, {}, error);
+}
+
+bool load_document(const cJSON *root, const std::string &file_label, const gw_desc::OtherSections &others,
+                   LoadError *error)
+{
+    LoadError scratch;
     detail::GatewayLayout layout;
-    const bool parsed = detail::parse_gateway(root, file_label, &layout, error);
-    cJSON_Delete(root);
-    if (!parsed) {
-        return false;
-    }
+    return gw_desc::parse_gateway(root, file_label, others, &layout, error_or(error, &scratch)) &&
+           load_layout(layout, file_label, error);
+}
+
+bool load_layout(const gw_desc::GatewayLayout &layout, const std::string &file_label, LoadError *error)
+{
     /* build every node before touching the store: a failure leaves it as it was */
     std::vector<DEV_CNTL_N_S *> nodes;
     std::vector<const detail::DeviceLayout *> layouts{&layout.own};
@@ -199,13 +191,9 @@ bool load_text(const std::string &json, const std::string &file_label, LoadError
 
 bool load_file(const std::string &file, LoadError *error)
 {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
-        return detail::fail(error, file, "", std::string("cannot read the file: ") + std::strerror(errno));
-    }
-    std::ostringstream text;
-    text << in.rdbuf();
-    return load_text(text.str(), file, error);
+    LoadError scratch;
+    std::string text;
+    return gw_desc::read_file(file, &text, error_or(error, &scratch)) && load_text(text, file, error);
 }
 
 bool loaded()
@@ -218,14 +206,11 @@ bool loaded()
 OPERATE_RET add_device(const std::string &device_json, LoadError *error)
 {
     static const std::string kLabel = "device";
-    cJSON *root = nullptr;
-    if (!detail::parse_text(device_json, kLabel, &root, error)) {
-        return RC_BAD_PARAM;
-    }
+    LoadError scratch;
+    LoadError *why = error_or(error, &scratch);
+    const gw_desc::Json root = gw_desc::parse_text(device_json, kLabel, why);
     detail::DeviceLayout layout;
-    const bool parsed = detail::parse_device(root, detail::Where{kLabel, ""}, &layout, error);
-    cJSON_Delete(root);
-    if (!parsed) {
+    if (root == nullptr || !gw_desc::parse_device(root.get(), kLabel, "", {}, &layout, why)) {
         return RC_BAD_PARAM;
     }
     DEV_CNTL_N_S *node = detail::build_node(layout);

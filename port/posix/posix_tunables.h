@@ -134,6 +134,50 @@
 #define SF_MQTT_STOP_GRACE_S 2
 #endif
 
+/*
+ * MQTT 5 session expiry interval in seconds with a persistent session
+ * [0..4294967294]: how long the broker keeps the gateway's subscription and
+ * the QoS 1 commands sent to it while it is away. One day covers a
+ * restart, an upgrade and most outages; the broker's own limits
+ * (docs/brokers.md) may cut it shorter. MQTT 3.1.1 has no expiry: the
+ * broker decides (mosquitto: persistent_client_expiration).
+ */
+#ifndef SF_MQTT_SESSION_EXPIRY_S
+#define SF_MQTT_SESSION_EXPIRY_S 86400
+#endif
+
+/*
+ * Reconnect delay in seconds once another client took the gateway's
+ * session (the same client id twice) [1..86400]. Much longer than the
+ * usual back-off so that two gateways with one id do not take the session
+ * from each other every second; each turn is logged and counted.
+ */
+#ifndef SF_MQTT_TAKEOVER_BACKOFF_S
+#define SF_MQTT_TAKEOVER_BACKOFF_S 300
+#endif
+
+/*
+ * MQTT 3.1.1 has no reason for a take-over: SF_MQTT_TAKEOVER_REPEATS
+ * accepted sessions in a row that the broker closed within
+ * SF_MQTT_TAKEOVER_WINDOW_S seconds of their start are taken for one.
+ */
+#ifndef SF_MQTT_TAKEOVER_WINDOW_S
+#define SF_MQTT_TAKEOVER_WINDOW_S 5
+#endif
+#ifndef SF_MQTT_TAKEOVER_REPEATS
+#define SF_MQTT_TAKEOVER_REPEATS 3
+#endif
+
+/*
+ * Milliseconds at most between a command reaching the application and its
+ * deletion from the command journal (command_journal.h) while commands
+ * keep arriving; idle, the deletion follows at once. A crash in between
+ * applies it once more after the restart.
+ */
+#ifndef SF_MQTT_JOURNAL_FLUSH_MS
+#define SF_MQTT_JOURNAL_FLUSH_MS 100
+#endif
+
 /* ---- LAN channel (lan_*.cpp) ---- */
 
 /*
@@ -162,6 +206,16 @@
 /* Milliseconds a new client has to present the local key. */
 #ifndef SF_LAN_AUTH_TIMEOUT_MS
 #define SF_LAN_AUTH_TIMEOUT_MS 5000
+#endif
+
+/*
+ * Milliseconds a new client has to finish its TLS handshake (TLS mode),
+ * 100..60000. One round trip and an X25519 exchange take a few ms on a
+ * LAN; the bound is for a client that stalls on purpose: its connection
+ * counts against the waiting pool (SF_LAN_MAX_PENDING_CLIENTS) until then.
+ */
+#ifndef SF_LAN_HANDSHAKE_TIMEOUT_MS
+#define SF_LAN_HANDSHAKE_TIMEOUT_MS 3000
 #endif
 
 /* Longest wait of the channel's poll in ms; time-outs are checked this often. */

@@ -46,6 +46,13 @@ broker_start() {
       if [ "$(id -u)" -eq 0 ]; then echo "user root"; fi
     } >"$dir/mosquitto.conf"
   fi
+  # What mosquitto keeps for an absent client (the gateway's commands, the
+  # console's uplinks) is bounded by max_queued_messages, 1000 by default;
+  # beyond it the broker drops (docs/brokers.md). 10000 holds the largest
+  # burst of the demo and the tests. A configuration of an older run gets it too.
+  if ! grep -q '^max_queued_messages' "$dir/mosquitto.conf"; then
+    echo "max_queued_messages 10000" >>"$dir/mosquitto.conf"
+  fi
   "$bin" -c "$dir/mosquitto.conf" >>"$dir/broker.out" 2>&1 &
   echo $! >"$dir/broker.pid"
   if ! wait_port "$port" 10; then
@@ -54,14 +61,18 @@ broker_start() {
   fi
 }
 
-# broker_stop DIR: SIGTERM (mosquitto saves its sessions) and wait for it.
-broker_stop() {
-  local dir=$1 pid
-  pid=$(cat "$dir/broker.pid" 2>/dev/null) || return 0
+# pid_stop FILE: SIGTERM to the process whose id FILE holds, wait up to 10 s
+# for it to end, remove FILE.
+pid_stop() {
+  local file=$1 pid
+  pid=$(cat "$file" 2>/dev/null) || return 0
   kill -TERM "$pid" 2>/dev/null || true
   for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
-  rm -f "$dir/broker.pid"
+  rm -f "$file"
 }
+
+# broker_stop DIR: SIGTERM (mosquitto saves its sessions) and wait for it.
+broker_stop() { pid_stop "$1/broker.pid"; }
 
 # gateway_start DIR SFGW DESCRIPTION MQTT_PORT LAN_PORT [LEVEL [OPTION...]]: the
 # daemon in the background, stdout in DIR/sfgw.out, log in DIR/sfgw.log
@@ -127,4 +138,16 @@ metric_wait() {
   done
   echo "$name = ${now:-?}, expected $test $value" >&2
   return 1
+}
+
+# poll_until SECONDS COMMAND...: true once COMMAND succeeds (tried every 0.1 s),
+# else the result of one last try when the time is up.
+poll_until() {
+  local deadline=$((SECONDS + $1))
+  shift
+  while ((SECONDS < deadline)); do
+    if "$@"; then return 0; fi
+    sleep 0.1
+  done
+  "$@"
 }

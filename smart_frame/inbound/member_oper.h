@@ -19,16 +19,12 @@
 #include "../../services/uni_memory.h"
 #include "../../services/uni_msg_queue.h"
 #include "../sf_raii.h"
+#include "../sf_tunables.h"
 
 namespace sf {
 
-/*
- * Most sub-devices one group or scene command may list: the per-command
- * result tables have this many entries. A longer list is refused as a
- * malformed command rather than cut short: a partial answer would tell the
- * cloud nothing about the ids left out, and the sender can split its list.
- */
-constexpr int MEMBER_OPER_MAX_IDS = 256;
+/* Most sub-devices one group or scene command may list (see sf_tunables.h for why longer lists are refused). */
+constexpr int MEMBER_OPER_MAX_IDS = SF_MEMBER_OPER_MAX_IDS;
 
 /* The keys of one group or scene command; the texts point into its tree. */
 struct MemberOperCmd {

@@ -21,6 +21,7 @@
 #include "../sf_lock.h"
 #include "../sf_raii.h"
 #include "inbound.h"
+#include "../sf_tunables.h"
 
 namespace {
 
@@ -85,7 +86,7 @@ extern "C" OPERATE_RET __sf_response_query_obj_dp(DEV_CNTL_N_S *dev_cntl, const 
         SF_LOG_ERR("create json fails");
         return RC_JSON_FAIL;
     }
-    sf::Hold table_lock(sf::dev_mutex_cap, get_gw_cntl()->dev_mutex);
+    sf::Hold table_lock(sf::dev_mutex, get_gw_cntl());
     for (BYTE_T i = 0; i < num; ++i) {
         const INT_T id = dpid[i];
         const DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, id);
@@ -104,7 +105,7 @@ extern "C" OPERATE_RET __sf_response_query_obj_dp(DEV_CNTL_N_S *dev_cntl, const 
             SF_LOG_ERR("dp id %d Skip", id);
             continue;
         }
-        char key[10];
+        char key[SF_DP_KEY_BYTES];
         std::snprintf(key, sizeof key, "%d", id);
         if (!sf::add_member(answer.get(), key, value)) {
             SF_LOG_ERR("add dp %d to answer fails", id);

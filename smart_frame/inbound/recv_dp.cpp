@@ -27,11 +27,12 @@
 #include "../sf_lock.h"
 #include "../sf_raii.h"
 #include "inbound.h"
+#include "../sf_tunables.h"
 
 namespace {
 
 /* Capacity of the list of unchanged DPs; a command with more equal DPs gets no echo. */
-constexpr size_t QUERY_DP_CAP = 64;
+constexpr size_t QUERY_DP_CAP = SF_QUERY_ECHO_CAP;
 
 bool is_raw_text(const DP_CNTL_S *dp, const cJSON *member)
 {
@@ -123,7 +124,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
      * number of members can make the record smaller than what is written.
      */
     size_t obj_dp_cnt = 0;
-    sf::Hold table_lock(sf::dev_mutex_cap, get_gw_cntl()->dev_mutex); /* passive flags; no callback in this pass */
+    sf::Hold table_lock(sf::dev_mutex, get_gw_cntl()); /* passive flags; no callback in this pass */
     for (cJSON *member = dps_js->child; member != nullptr;) {
         cJSON *next = member->next;
         DP_CNTL_S *dp = __locate_dp_ctl_by_dpid(dev_cntl, sf::member_dp_id(member));
@@ -200,7 +201,7 @@ extern "C" OPERATE_RET __sf_handle_recv_dp(DP_CMD_TYPE_E cmd, DP_TRANS_TYPE_T dt
             SF_LOG_ERR("dp enum value[%s] invalid", member->valuestring);
         }
         ++valid_num;
-        sf::Hold value_lock(sf::dev_mutex_cap, get_gw_cntl()->dev_mutex); /* released before the next callback */
+        sf::Hold value_lock(sf::dev_mutex, get_gw_cntl()); /* released before the next callback */
         const bool unchanged = sf::dp_value_equal(dp, member);
         value_lock.unlock();
         if (unchanged) {

@@ -3,9 +3,10 @@
  * whose publication failed or is still unconfirmed (pv_stat 1 or 2), device
  * by device, through the ordinary object report path, until the cloud has
  * confirmed them. Armed 2 s ahead whenever a publication fails, and by
- * itself while work is left; only while MQTT is connected.
+ * itself while work is left; only while MQTT is connected. The arming
+ * (sf_start_sync_obj_dp) lives in the report room, report/sync_retry.cpp:
+ * presence calls the report road, never the other way round.
  */
-#include "../../services/mqtt_client.h"
 #include "../../services/uni_memory.h"
 #include "../device_list.h"
 #include "../frame_cntl.h"
@@ -13,24 +14,14 @@
 #include "../report/report.h"
 #include "../sf_log.h"
 #include "presence.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr TIME_MS DP_SYNC_DELAY_MS = 2000;
-constexpr UINT_T SYNC_PACK_BUDGET = 300; /* allowance units of the packing, about one message */
-constexpr UINT_T SYNC_REPORT_TIMEOUT_S = 10;
-constexpr INT_T CONN_UP = 1;
+constexpr UINT_T SYNC_PACK_BUDGET = SF_DP_SYNC_PACK_BUDGET;
+constexpr UINT_T SYNC_REPORT_TIMEOUT_S = SF_DP_SYNC_REPORT_TIMEOUT_S;
 
 } // namespace
-
-/* Any thread. Nothing is armed while MQTT is down: the next failure or the connection side re-arms it. */
-extern "C" void sf_start_sync_obj_dp(void)
-{
-    if (get_mqc_conn_stat() != CONN_UP) {
-        return;
-    }
-    (void)cmmod_start_tm_msg(sf::sf_cntl.tmm_dp_sync, DP_SYNC_DELAY_MS, TIMER_ONCE);
-}
 
 /*
  * Dispatch thread, so runs never overlap. The device list is walked

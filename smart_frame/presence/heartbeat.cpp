@@ -21,19 +21,20 @@
 #include "../sf_lock.h"
 #include "presence.h"
 #include "sub_device.h"
+#include "../sf_tunables.h"
 
 using sf::sf_cntl;
 
 namespace {
 
-constexpr TIME_MS PASS_PERIOD_MS = 8000;
-constexpr TIME_S MIN_HB_TIMEOUT_S = 60;
-constexpr TIME_S NEVER_TIMES_OUT = 0xFFFFFFFF; /* always online, never probed */
-constexpr TIME_S NEVER_PROBED = 43200;         /* 12 h: supervised, never probed */
-constexpr TIME_S PROBE_LEAD_S = 20;            /* probes start this long before the time-out */
-constexpr UINT_T DEFAULT_PROBE_LIMIT = 2;      /* stands in for a limit of 0 */
-constexpr int FIRST_PROBE_SPREAD_S = 15;       /* first probe 0 to 14 s after configuration */
-constexpr UINT_T LAST_QUIET_PASS = 100;        /* per-device lines in one pass of 101 */
+constexpr TIME_MS PASS_PERIOD_MS = SF_HB_PASS_PERIOD_MS;
+constexpr TIME_S MIN_HB_TIMEOUT_S = SF_HB_MIN_TIMEOUT_S;
+constexpr TIME_S NEVER_TIMES_OUT = SF_HB_NEVER_TIMES_OUT;
+constexpr TIME_S NEVER_PROBED = SF_HB_NEVER_PROBED;
+constexpr TIME_S PROBE_LEAD_S = SF_HB_PROBE_LEAD_S;
+constexpr UINT_T DEFAULT_PROBE_LIMIT = SF_HB_DEFAULT_PROBE_LIMIT;
+constexpr int FIRST_PROBE_SPREAD_S = SF_HB_FIRST_PROBE_SPREAD_S;
+constexpr UINT_T LAST_QUIET_PASS = SF_HB_QUIET_PASSES;
 
 /* Pass counter; dispatch thread only. The per-device lines are logged when it wraps to 0. */
 UINT_T count = 0;
@@ -97,7 +98,7 @@ BOOL_T heartbeat_alive(const DEV_ACTV_ATTR_S &attr, TIME_S cur_time) SF_REQUIRES
 void probe_if_due(DEV_CNTL_N_S *dev, TIME_S cur_time, DEV_HEARTBEAT_SEND_CB send)
     SF_EXCLUDES(sf::dev_mutex_cap, sf::dos_mutex_cap)
 {
-    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev->attr;
     if (attr.hb_send_time == 0 || cur_time < attr.hb_send_time || attr.hb_timeout_time == NEVER_TIMES_OUT ||
         attr.hb_timeout_time == NEVER_PROBED) {
@@ -151,7 +152,7 @@ extern "C" OPERATE_RET sf_set_dev_hb_timeout(const CHAR_T *dev_id, const TIME_S 
         return RC_FAIL;
     }
 
-    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     attr.hb_timeout_time = hb_timeout_time;
     /*
@@ -187,7 +188,7 @@ extern "C" OPERATE_RET sf_refresh_dev_hb(const CHAR_T *dev_id)
         return RC_DEV_NOT_BOUND;
     }
 
-    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex);
     DEV_ACTV_ATTR_S &attr = dev_cntl->attr;
     if (attr.stat != DOS_ONLINE) {
         /* no timer here: the next pass starts the batch */
@@ -220,7 +221,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
 {
     (void)tm_msg;
     GW_CNTL_S *gw_cntl = get_gw_cntl();
-    sf::Hold dev_lock(sf::dev_mutex_cap, gw_cntl->dev_mutex);
+    sf::Hold dev_lock(sf::dev_mutex, gw_cntl);
     count = count < LAST_QUIET_PASS ? count + 1 : 0;
 
     for (DEV_CNTL_N_S *dev = gw_cntl->dev; dev != nullptr; dev = dev->next) {
@@ -233,7 +234,7 @@ extern "C" void __tmm_hb_fresh_ol_stat_cb(TM_MSG_S *tm_msg)
         BOOL_T online = FALSE;
         {
             /* the heartbeat fields are dos_mutex's, also when read */
-            sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+            sf::Hold lock(sf::dos_mutex);
             last_ol_time = dev->attr.last_ol_time;
             hb_timeout_time = dev->attr.hb_timeout_time;
             online = heartbeat_alive(dev->attr, cur_time);

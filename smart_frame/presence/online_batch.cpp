@@ -24,31 +24,32 @@
 #include "../sf_raii.h"
 #include "presence.h"
 #include "sub_device.h"
+#include "../sf_tunables.h"
 
 using sf::sf_cntl;
 
 namespace {
 
-constexpr TIME_MS FIRST_RUN_DELAY_MS = 300;  /* from the first change of an idle chain */
-constexpr TIME_MS NEXT_RUN_DELAY_MS = 1000;  /* after a batch, a retry or a network outage */
+constexpr TIME_MS FIRST_RUN_DELAY_MS = SF_PRESENCE_FIRST_DELAY_MS;
+constexpr TIME_MS NEXT_RUN_DELAY_MS = SF_PRESENCE_NEXT_DELAY_MS;
 constexpr UINT_T PRESENCE_PROTOCOL = 25;
 constexpr BYTE_T PRESENCE_QOS = 1;
-constexpr UINT_T PRESENCE_TIMEOUT_S = 10;
+constexpr UINT_T PRESENCE_TIMEOUT_S = SF_PRESENCE_TIMEOUT_S;
 
 /*
  * Batch size: an entry is added only while at least LIST_HEAD_ROOM of the
  * LIST_BUDGET bytes of a list are left. That fixes how many devices one
  * batch carries (nine ids of 25 characters, eleven of 20). The rule admits
- * an entry with only 20 bytes left, yet an entry of the longest id takes
- * DEV_ID_LEN + 3 bytes plus the terminator, so the storage of a list is 9
- * bytes larger than its budget: every admitted entry fits, and the batches
- * stay exactly as the budget makes them.
+ * an entry with only LIST_HEAD_ROOM bytes left, yet an entry of the longest
+ * id takes DEV_ID_LEN + 3 bytes plus the terminator, so the storage of a list
+ * is that much larger than what the rule admits (9 bytes past the budget
+ * with the defaults): every admitted entry fits, and the batches stay exactly
+ * as the budget makes them.
  */
-constexpr int LIST_BUDGET = 256;
-constexpr int LIST_HEAD_ROOM = 20;
-constexpr int LIST_STORAGE = LIST_BUDGET + 9;
-static_assert(LIST_STORAGE >= LIST_BUDGET - LIST_HEAD_ROOM + (DEV_ID_LEN + 3) + 1,
-              "the last admitted entry and the terminator must fit");
+constexpr int LIST_BUDGET = SF_PRESENCE_LIST_BUDGET;
+constexpr int LIST_HEAD_ROOM = SF_PRESENCE_LIST_HEAD_ROOM;
+constexpr int LIST_STORAGE = LIST_BUDGET - LIST_HEAD_ROOM + (DEV_ID_LEN + 3) + 1;
+static_assert(LIST_STORAGE >= LIST_BUDGET, "the head-room must not exceed the longest entry");
 
 /* One id list of a batch, "[" ... "]", in storage from Malloc. */
 class IdList {
@@ -136,7 +137,7 @@ extern "C" void __sf_dev_ol_stat_update(DEV_CNTL_N_S *dev_cntl, const BOOL_T onl
     bool need_update = false;
     bool chain_running = false;
     {
-        sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+        sf::Hold lock(sf::dos_mutex);
         /* a pending device is re-marked even unchanged; a sent or reported one only by a real change */
         if (dev_cntl->attr.dosm == DOSM_PENDING || dev_cntl->attr.stat != online) {
             dev_cntl->attr.stat = static_cast<DEV_OL_STAT_T>(online & 0xFF);
@@ -184,7 +185,7 @@ extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
         return;
     }
 
-    sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+    sf::Hold lock(sf::dos_mutex);
     for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
         if (online.full() || offline.full()) {
             break; /* the rest waits for a later batch */
@@ -207,7 +208,7 @@ extern "C" void __tmm_dev_ol_sync_cb(TM_MSG_S *tm_msg)
     sf_cntl.dos_update = TRUE;
     lock.unlock();
 
-    const size_t capacity = std::strlen(online.text()) + std::strlen(offline.text()) + 128;
+    const size_t capacity = std::strlen(online.text()) + std::strlen(offline.text()) + SF_PRESENCE_TEXT_SLACK;
     sf::TextPtr send_data(static_cast<char *>(Malloc(capacity)));
     if (!send_data) {
         /* the devices stay SENDING and are taken again by the next run */
@@ -240,7 +241,7 @@ extern "C" void __mq_online_stat_async_ifm_cb(const OPERATE_RET op_ret, const vo
         /* the batch's devices stay SENDING: the next run sends them again */
         SF_LOG_ERR("err:%d", op_ret);
     } else {
-        sf::Hold lock(sf::dos_mutex_cap, sf_cntl.dos_mutex);
+        sf::Hold lock(sf::dos_mutex);
         for (DEV_CNTL_N_S *dev = sf::first_device(get_gw_cntl()); dev != nullptr; dev = sf::next_device(dev)) {
             /* devices re-marked PENDING meanwhile keep their mark */
             if (dev->attr.dosm == DOSM_SENDING) {

@@ -17,13 +17,14 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../smart_frame.h"
+#include "../sf_tunables.h"
 
 namespace {
 
 /* Allowance per record: the longest fragment of its type plus room for the braces. */
-constexpr size_t NUMBER_ALLOWANCE = 20; /* "\"255\":-2147483648," is 18 */
-constexpr size_t TEXT_ALLOWANCE = 15;   /* added to the text length: "\"255\":\"\"," is 10 */
-constexpr size_t TIME_ALLOWANCE = 30;   /* "\"255\":4294967295," is 17 */
+constexpr size_t NUMBER_ALLOWANCE = SF_COMPOSE_NUMBER_BYTES;
+constexpr size_t TEXT_ALLOWANCE = SF_COMPOSE_TEXT_BYTES; /* added to the text length */
+constexpr size_t TIME_ALLOWANCE = SF_COMPOSE_TIME_BYTES;
 
 const char *enum_text(const DP_CNTL_S *dp, UINT_T index)
 {

@@ -1,10 +1,11 @@
 #include "dp_scan.h"
 
 #include <cstring>
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr size_t MAX_NUMBER_LEN = 32; /* well inside cJSON's own 63 */
+constexpr size_t MAX_NUMBER_LEN = SF_SCAN_NUMBER_MAX;
 
 bool is_digit(char c)
 {

@@ -24,12 +24,13 @@
 #include <cstddef>
 
 #include "../../cloud_defs/kelo_cloud_types.h"
+#include "../sf_tunables.h"
 
 namespace sf {
 
-constexpr size_t SCAN_MAX_MEMBERS = 24; /* DP members of one text */
-constexpr size_t SCAN_KEY_BYTES = 256;  /* their names, terminators included */
-constexpr size_t SCAN_CID_BYTES = 64;   /* the device id and its terminator */
+constexpr size_t SCAN_MAX_MEMBERS = SF_SCAN_MAX_MEMBERS; /* DP members of one text */
+constexpr size_t SCAN_KEY_BYTES = SF_SCAN_KEY_BYTES;    /* their names, terminators included */
+constexpr size_t SCAN_CID_BYTES = SF_SCAN_CID_BYTES;    /* the device id and its terminator */
 
 struct ScannedDps {
     cJSON members[SCAN_MAX_MEMBERS]; /* only string and next are set */

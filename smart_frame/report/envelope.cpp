@@ -10,10 +10,10 @@
 #include "../../services/uni_memory.h"
 #include "../sf_log.h"
 #include "report.h"
+#include "../sf_tunables.h"
 
 namespace {
-/* room for the fixed text, a 25-character device id and the terminator */
-constexpr size_t ENVELOPE_SLACK = 128;
+constexpr size_t ENVELOPE_SLACK = SF_ENVELOPE_SLACK;
 
 CHAR_T *append(CHAR_T *to, const CHAR_T *text, size_t len)
 {

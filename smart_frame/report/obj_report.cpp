@@ -22,10 +22,11 @@
 #include "block_send.h"
 #include "report.h"
 #include "../json_helpers.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr UINT_T OBJ_REPORT_TIMEOUT_S = 6;
+constexpr UINT_T OBJ_REPORT_TIMEOUT_S = SF_OBJ_REPORT_TIMEOUT_S;
 
 } // namespace
 

@@ -3,11 +3,12 @@
 #include <cstring>
 
 #include "../json_helpers.h"
+#include "../sf_tunables.h"
 
 namespace {
 
 constexpr int TEXT_ANCHOR = 1 << 20; /* a type cJSON never gives a node */
-constexpr size_t INT_TEXT_MAX = 11;  /* "-2147483648" */
+constexpr size_t INT_TEXT_MAX = SF_INT_TEXT_MAX;
 
 /* Length of text as cJSON prints a string, quotes included. */
 size_t escaped_length(const CHAR_T *text)

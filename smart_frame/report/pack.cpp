@@ -11,16 +11,18 @@
 #include <cstdio>
 #include <cstring>
 
+#include "../sf_lock.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
 #include "packed_sync.h"
 #include "report.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-constexpr UINT_T BASE_ALLOWANCE = 10;
-constexpr size_t DP_KEY_LEN = 10; /* "255" and a terminator, with room to spare */
+constexpr UINT_T BASE_ALLOWANCE = SF_PACK_BASE_ALLOWANCE;
+constexpr size_t DP_KEY_LEN = SF_DP_KEY_BYTES;
 
 /* Not waiting for a confirmation, or never re-published from here. */
 bool skipped(const DEV_CNTL_N_S *dev_cntl, const DP_CNTL_S *dp)
@@ -150,7 +152,7 @@ extern "C" CHAR_T *__sf_pack_local_obj_data(DEV_CNTL_N_S *dev_cntl, const UINT_T
 extern "C" CHAR_T *sf_pack_local_obj_dp_data(DEV_CNTL_N_S *dev_cntl, const UINT_T max_len, const BOOL_T addDevId,
                                              BOOL_T *p_all_data_packed, BOOL_T reset_flow_ctl)
 {
-    sf::ScopedLock lock(get_gw_cntl()->dev_mutex);
+    sf::Hold lock(sf::dev_mutex, get_gw_cntl());
     return __sf_pack_local_obj_data(dev_cntl, max_len, addDevId, p_all_data_packed, reset_flow_ctl);
 }
 
@@ -159,7 +161,7 @@ namespace sf {
 CHAR_T *pack_for_sync(DEV_CNTL_N_S *dev_cntl, UINT_T max_len, BOOL_T addDevId, BOOL_T *p_all_data_packed,
                       BOOL_T reset_flow_ctl, UINT_T *stored)
 {
-    ScopedLock lock(get_gw_cntl()->dev_mutex);
+    Hold lock(dev_mutex, get_gw_cntl());
     *stored = stored_values();
     return __sf_pack_local_obj_data(dev_cntl, max_len, addDevId, p_all_data_packed, reset_flow_ctl);
 }

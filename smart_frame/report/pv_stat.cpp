@@ -17,6 +17,7 @@
 #include "../../services/uni_time.h"
 #include "../dp_lookup.h"
 #include "../json_type.h"
+#include "../sf_lock.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
@@ -34,7 +35,7 @@ extern "C" void __dev_obj_dp_set_pv_stat(const CHAR_T *id, const cJSON *json, DP
     GW_CNTL_S *gw = get_gw_cntl();
     const TIME_T curr_time = uni_time_get_posix(); /* one time for every DP of the report */
 
-    sf::ScopedLock lock(gw->dev_mutex);
+    sf::Hold lock(sf::dev_mutex, gw);
     DEV_CNTL_N_S *dev_cntl = get_dev_cntl_unlock(id != nullptr ? id : gw->gw_if.id);
     if (dev_cntl == nullptr) {
         return; /* a device gone meanwhile: nothing to record */

@@ -13,13 +13,12 @@
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "report.h"
+#include "../sf_tunables.h"
 
 namespace {
 
-/* room for the text: {"255":" before the encoding and "} with the terminator after it fit in this */
-constexpr UINT_T RAW_TEXT_SLACK = 21;
-/* the encoding is written this far in, ahead of the head that is put in front of it */
-constexpr size_t ENCODING_OFFSET = 15;
+constexpr UINT_T RAW_TEXT_SLACK = SF_RAW_TEXT_SLACK;
+constexpr size_t ENCODING_OFFSET = SF_RAW_ENCODING_OFFSET;
 /* the largest len whose buffer size still fits in 32 bits */
 constexpr UINT_T RAW_LEN_MAX = (UINT_MAX - RAW_TEXT_SLACK) / 4 * 3;
 

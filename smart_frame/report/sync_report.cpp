@@ -20,11 +20,12 @@
 #include "../sf_log.h"
 #include "report.h"
 #include "../json_helpers.h"
+#include "../sf_tunables.h"
 
 namespace {
 
 constexpr UINT_T SEM_INITIAL = 0;
-constexpr UINT_T SEM_MAX = 10;
+constexpr UINT_T SEM_MAX = SF_SYNC_REPORT_SEM_MAX;
 
 struct SyncRendezvous {
     DP_SYNC_REPORT_S rec; /* first: the completion's prv_data points at it */

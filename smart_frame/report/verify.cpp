@@ -14,6 +14,7 @@
 #include "../../services/uni_time.h"
 #include "../dp_lookup.h"
 #include "../json_type.h"
+#include "../sf_lock.h"
 #include "../sf_log.h"
 #include "../sf_raii.h"
 #include "../json_helpers.h"
@@ -236,6 +237,6 @@ extern "C" OPERATE_RET __dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T 
 extern "C" OPERATE_RET __sf_dp_verify_flowctl_update(DEV_CNTL_N_S *dev_cntl, INT_T filter_type, const CHAR_T *data,
                                                      BOOL_T force_send, CHAR_T **final_send_str)
 {
-    sf::ScopedLock lock(get_gw_cntl()->dev_mutex);
+    sf::Hold lock(sf::dev_mutex, get_gw_cntl());
     return __dp_verify_flowctl_update(dev_cntl, filter_type, data, force_send, final_send_str);
 }

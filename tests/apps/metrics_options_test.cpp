@@ -63,7 +63,8 @@ const char *const kDocument = R"({"gateway":"gw0001","time":1000,
    "publications":{"accepted":10,"confirmed":10,"failed":0,"timed_out":0},
    "latency_s":{"le":[0.01,0.05,0.1,0.5,1,5,30,null],"counts":[5,8,9,10,10,10,10,10],"sum":0.2},
    "inbound":{"dp":1,"group":0,"scene":0,"query":0},
-   "inbound_dropped":{"oversize":1,"too_deep":2,"queue_full":0,"invalid":0}},
+   "inbound_dropped":{"oversize":1,"too_deep":2,"queue_full":0,"invalid":0},
+   "session":7,"session_kept":true,"takeovers":2},
  "dispatch":{"depth":0,"depth_max":1,"handled":3},
  "lan":{"clients":0,"auth_refused":4,"dropped_slow":1},
  "registry":{"devices":4,"online":3,"offline":1,"dps":{"none":1,"local":2,"sending":1,"confirmed":9},
@@ -86,6 +87,7 @@ TEST(Health, ARowSumsUpTheDocument)
     EXPECT_DOUBLE_EQ(20.0, row.latency_mean_ms);
     EXPECT_EQ("<= 100 ms", row.latency_p90);
     EXPECT_EQ(12, row.age_s);
+    EXPECT_EQ(2, row.takeovers);
 }
 
 TEST(Health, AGatewayWhoseWillWasPublishedIsOfflineAndJunkIsNoRow)
@@ -113,8 +115,8 @@ TEST(Health, TheTableHasAHeaderAndOneLinePerGateway)
     std::fclose(out);
     const std::string table(text, len);
     std::free(text);
-    EXPECT_EQ("GATEWAY          LINK      PENDING  DROPS  DEVICES   LAT MEAN    LAT P90    AGE\n"
-              "gw0001           down            3      9      3/4    20.0 ms  <= 100 ms     1s\n"
+    EXPECT_EQ("GATEWAY          LINK      PENDING  DROPS  DEVICES   LAT MEAN    LAT P90    AGE TAKEOVERS\n"
+              "gw0001           down            3      9      3/4    20.0 ms  <= 100 ms     1s         2\n"
               "gw0002           offline  (no health document)\n",
               table);
 }

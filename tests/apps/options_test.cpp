@@ -118,3 +118,74 @@ TEST(ConsoleOptions, BadCommandLinesAreRefusedWithAReason)
 }
 
 } // namespace
+
+namespace {
+
+TEST(GatewayBrokerOptions, RepeatedBrokersAreKeptInTheOrderGiven)
+{
+    sfgw::Options o;
+    std::string why;
+    ASSERT_TRUE(sfgw::parse_options({"--mqtt-broker", "n1:1883", "gw.json", "--mqtt-broker", "[::1]:1884"}, &o, &why))
+        << why;
+    ASSERT_EQ(2u, o.mqtt_brokers.size());
+    EXPECT_EQ("n1", o.mqtt_brokers[0].first);
+    EXPECT_EQ(1883, o.mqtt_brokers[0].second);
+    EXPECT_EQ("::1", o.mqtt_brokers[1].first);
+    EXPECT_EQ(1884, o.mqtt_brokers[1].second);
+}
+
+TEST(GatewayBrokerOptions, ABadBrokerOrOneWithTheSingleFormIsRefused)
+{
+    sfgw::Options o1;
+    sfgw::Options o2;
+    std::string why;
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-broker", "n1", "gw.json"}, &o1, &why));
+    EXPECT_EQ("--mqtt-broker: expected HOST:PORT ([ADDRESS]:PORT for IPv6), got n1", why);
+    EXPECT_FALSE(sfgw::parse_options({"--mqtt-broker", "n1:1", "--mqtt-port", "1884", "gw.json"}, &o2, &why));
+    EXPECT_EQ("--mqtt-broker: not with --mqtt-host or --mqtt-port (name every broker with --mqtt-broker)", why);
+}
+
+} // namespace
+
+namespace {
+
+std::vector<std::string> broker_names(const std::vector<sf_mqtt::Broker> &brokers)
+{
+    std::vector<std::string> out;
+    for (const sf_mqtt::Broker &b : brokers) {
+        out.push_back(b.name());
+    }
+    return out;
+}
+
+TEST(ConsoleBrokerList, BrokerOptionsComeFirstInTheOrderGiven)
+{
+    sfcloud::Options options;
+    options.brokers = {{"n2", 1884}, {"n1", 1883}};
+    apps::MqttSettings defaults;
+    defaults.brokers.push_back({"d1", 1999, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"n2:1884", "n1:1883"}));
+}
+
+TEST(ConsoleBrokerList, HostAndPortNameOneBrokerAndReplaceTheDescriptionsList)
+{
+    sfcloud::Options options;
+    options.port = 1999;
+    apps::MqttSettings defaults;
+    defaults.host = "broker";
+    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"broker:1999"}));
+}
+
+TEST(ConsoleBrokerList, TheDescriptionsListIsUsedWhenTheCommandLineNamesNoBroker)
+{
+    sfcloud::Options options;
+    apps::MqttSettings defaults;
+    defaults.brokers.push_back({"d1", 1884, "", "", "", "", ""});
+    defaults.brokers.push_back({"d2", 0, "", "", "", "", ""});
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, defaults)), (std::vector<std::string>{"d1:1884", "d2:1883"}));
+    EXPECT_EQ(broker_names(sfcloud::broker_list(options, apps::MqttSettings())),
+              (std::vector<std::string>{"127.0.0.1:1883"}));
+}
+
+} // namespace

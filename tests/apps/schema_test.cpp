@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "common/description.h"
+#include "gateway/edge/wire_validate.h"
+#include "gateway/registry/gw_registry.h"
+
 namespace {
 
 apps::DpSchema dp(const char *prop)
@@ -119,6 +123,71 @@ TEST(SchemaLookup, DpsAreFoundByNameOrNumber)
     EXPECT_EQ(nullptr, device.find("8"));
     EXPECT_EQ(nullptr, device.find("7x"));
     EXPECT_EQ("thing (7)", device.dps[0].label());
+}
+
+TEST(SchemaValueText, ValuesOffTheStepAreRefusedAsTheGatewayRefusesThem)
+{
+    apps::DpSchema v = dp("value");
+    v.min = -10;
+    v.max = 10;
+    v.step = 4;
+    std::string why;
+    EXPECT_EQ("-2", json_of(v, "-2"));
+    EXPECT_EQ("REFUSED", json_of(v, "0", &why));
+    EXPECT_EQ("not on the step 4 from -10: 0", why);
+}
+
+/* One DP of each kind, loaded by the registry and read by the console from the same description. */
+const char *const kEveryKind = R"({"gateway":{"id":"gw"},"devices":[{"id":"d1","dps":[
+    {"id":1,"prop":"bool"},
+    {"id":2,"prop":"value","min":-10,"max":10,"step":4},
+    {"id":3,"prop":"str","max_len":3},
+    {"id":4,"prop":"enum","range":["low","high"]},
+    {"id":5,"prop":"bitmap","max_len":8},
+    {"id":6,"prop":"bitmap"},
+    {"id":7,"type":"raw"}]}]})";
+
+struct Sample {
+    int dp;
+    const char *value; /* JSON */
+    const char *code;  /* the edge's code, "" when it passes */
+};
+
+const Sample kSamples[] = {
+    {1, "true", ""}, {1, "1", "bad_type"}, {1, "\"true\"", "bad_type"},
+    {2, "-10", ""}, {2, "-2", ""}, {2, "10", ""}, {2, "0", "off_step"}, {2, "14", "out_of_range"},
+    {2, "-14", "out_of_range"}, {2, "2.5", "bad_type"}, {2, "\"2\"", "bad_type"},
+    {3, "\"abc\"", ""}, {3, "\"\"", ""}, {3, "\"abcd\"", "too_long"}, {3, "3", "bad_type"},
+    {4, "\"high\"", ""}, {4, "\"HIGH\"", "unknown_enum"}, {4, "1", "bad_type"},
+    {5, "255", ""}, {5, "256", "out_of_range"}, {5, "-1", "out_of_range"}, {5, "1.5", "bad_type"},
+    {6, "0", ""}, {6, "2147483647", ""}, {6, "2147483648", "out_of_range"}, {6, "4294967295", "out_of_range"},
+    {2, "1e308", "out_of_range"}, {6, "-1e308", "out_of_range"},
+    {7, "\"AQID\"", ""}, {7, "\"AQI\"", "bad_base64"}, {7, "12", "bad_type"},
+};
+
+TEST(SchemaRules, TheConsoleAndTheGatewaysEdgeGiveTheSameVerdictOnEveryValue)
+{
+    apps::Description description;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(kEveryKind, "gw.json", &description, &why)) << why;
+    gw_registry::LoadError error;
+    ASSERT_TRUE(gw_registry::load_layout(description.layout, "gw.json", &error)) << error.text();
+    const apps::DeviceSchema &device = description.find("d1")->schema;
+    for (const Sample &sample : kSamples) {
+        const std::string command = R"({"devId":"d1","dps":{")" + std::to_string(sample.dp) + "\":" + sample.value + "}}";
+        cJSON *doc = cJSON_Parse(command.c_str());
+        sf_wire::Refusal refusal;
+        const bool edge = sf_wire::validate_command(sf_wire::CmdKind::Dp, doc, &refusal);
+        cJSON_Delete(doc);
+        cJSON *value = cJSON_Parse(sample.value);
+        std::string reason;
+        const bool console = apps::value_fits(*device.find(sample.dp), value, &reason);
+        cJSON_Delete(value);
+        EXPECT_EQ(sample.code, std::string(edge ? "" : refusal.code)) << command;
+        EXPECT_EQ(edge, console) << command << ": the console says \"" << reason << "\", the edge \"" << refusal.text
+                                 << "\"";
+    }
+    gw_registry::unload();
 }
 
 } // namespace

@@ -104,3 +104,49 @@ TEST(SimDevice, TheGatewayItselfIsNeverSupervised)
 }
 
 } // namespace
+
+namespace {
+
+TEST(SimDevice, AQueryIsAnsweredForTheAskedReportedDpsOnly)
+{
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
+    EXPECT_EQ((std::vector<int>{2, 3, 4}), device.answerable({}));
+    /* write-only 5, raw 6 and the unknown 9 are never in an answer */
+    EXPECT_EQ((std::vector<int>{3}), device.answerable({3, 5, 6, 9}));
+    EXPECT_TRUE(device.answerable({5, 6}).empty());
+}
+
+TEST(SimDevice, APassiveDpOfAPreprocessingDeviceIsLeftOutOfAnAnswer)
+{
+    apps::Description d;
+    std::string why;
+    ASSERT_TRUE(apps::read_description_text(R"({"gateway":{"id":"gw"},"devices":[{"id":"b1","preprocess":true,"dps":[
+        {"id":20,"name":"on","prop":"bool","passive":true},
+        {"id":21,"name":"mode","prop":"enum","range":["white","colour"]}]}]})",
+                                            "gw.json", &d, &why))
+        << why;
+    sfgw::SimDevice device(d.devices.at(1), false);
+    EXPECT_EQ((std::vector<int>{21}), device.answerable({}));
+    EXPECT_EQ((std::vector<int>{21}), device.answerable({20, 21}));
+}
+
+} // namespace
+
+namespace {
+
+TEST(SimDevice, StartValuesNameTheRestoredAndStartUpDpsAndTakeTheStartUpValues)
+{
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
+    device.restore({{4, "\"eco\""}});
+    EXPECT_EQ((std::vector<int>{4, 2, 3}), device.start_values());
+    EXPECT_EQ("210", device.value_of(2));
+    EXPECT_EQ("\"eco\"", device.value_of(4));
+    /* a command before the start-up report goes out is what that report then carries */
+    std::vector<std::string> refused;
+    device.apply({{2, "250"}}, &refused);
+    EXPECT_EQ("{\"2\":250,\"3\":180,\"4\":\"eco\"}", device.report_of({4, 2, 3}));
+}
+
+} // namespace

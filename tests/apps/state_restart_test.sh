@@ -48,16 +48,6 @@ state() { sqlite3 -batch "$work/state.db" "$1" 2>/dev/null; }
 # value_of DEV DP: what the outage sets, far from the start-up value 5
 value_of() { echo $((70000 + $1 * 100 + $2)); }
 
-# poll_until SECONDS COMMAND...: true once COMMAND succeeds, false when the time is up
-poll_until() {
-  local deadline=$((SECONDS + $1))
-  shift
-  while ((SECONDS < deadline)); do
-    if "$@"; then return 0; fi
-    sleep 0.2
-  done
-  "$@"
-}
 
 # every DP of every device with its outage value, one "DEV DP VALUE" line each
 expected_rows() {

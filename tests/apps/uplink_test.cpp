@@ -65,6 +65,21 @@ TEST(Uplink, SimulatorEventsAndStatusAreDecoded)
     EXPECT_FALSE(sfcloud::decode_mqtt(TOPICS, "sf/gw1/up", "not json", "gw1", &m));
 }
 
+TEST(Uplink, AStatusCarriesItsSessionAndAnOlderOneIsIgnored)
+{
+    sfcloud::Message m;
+    ASSERT_TRUE(sfcloud::decode_mqtt(TOPICS, "sf/gw1/status", R"({"online":true,"session":12})", "gw1", &m));
+    EXPECT_TRUE(m.flag);
+    EXPECT_EQ(12, m.session);
+    long long newest = 0;
+    EXPECT_TRUE(sfcloud::status_is_current(12, &newest));
+    EXPECT_FALSE(sfcloud::status_is_current(11, &newest)) << "the late will of session 11";
+    EXPECT_EQ(12, newest);
+    EXPECT_TRUE(sfcloud::status_is_current(12, &newest)) << "the same session's offline status counts";
+    EXPECT_TRUE(sfcloud::status_is_current(13, &newest));
+    EXPECT_EQ(13, newest);
+}
+
 TEST(Uplink, LanFramesAreDecodedLikeTheirMqttCounterparts)
 {
     sfcloud::Message m;

@@ -53,4 +53,27 @@ TEST(DeviceTable, DevicesUnknownToTheDescriptionGetARowWhenTheyFirstAppear)
               table.render());
 }
 
+TEST(DeviceTable, ALateWillOfAnOlderSessionDoesNotMarkTheGatewayDown)
+{
+    const apps::Description d = names();
+    sfcloud::DeviceTable table(&d);
+    sfcloud::Message online;
+    online.kind = sfcloud::Kind::STATUS;
+    online.cid = "gw1";
+    online.flag = true;
+    online.session = 8;
+    table.fold(online);
+    sfcloud::Message late_will = online;
+    late_will.flag = false;
+    late_will.session = 7;
+    table.fold(late_will);
+    const std::string rest = "t1           ?        \n"
+                             "p1           ?        \n";
+    EXPECT_EQ("DEVICE       PRESENCE LAST KNOWN VALUES\ngw1          gateway  \n" + rest, table.render());
+    sfcloud::Message stop = late_will;
+    stop.session = 8;
+    table.fold(stop);
+    EXPECT_EQ("DEVICE       PRESENCE LAST KNOWN VALUES\ngw1          gw down  \n" + rest, table.render());
+}
+
 } // namespace

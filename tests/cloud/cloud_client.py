@@ -36,7 +36,7 @@ LAN_REFUSED = 64
 REFUSAL_CODES = {
     "bad_shape", "bad_device_id", "unknown_device", "bad_dp_key", "unknown_dp", "duplicate_dp",
     "not_writable", "bad_type", "out_of_range", "off_step", "unknown_enum", "too_long", "bad_base64",
-    "too_many_ids",
+    "too_many_ids", "nul_in_string", "expired",
 }
 REFUSAL_KEYS = ["cmd", "sn", "mbid", "devId", "dp", "code", "reason"]
 KINDS = {"dp", "group", "scene", "query"}
@@ -240,7 +240,10 @@ class CloudClient:
         v = self.violations
         where = f"{leaf} {json.dumps(payload)}"
         if leaf == "status":
-            _check(payload in ({"online": True}, {"online": False}), f"{where}: status", v)
+            # section 2: {"online":bool,"session":N}, N a positive integer
+            _check(isinstance(payload, dict) and list(payload.keys()) == ["online", "session"] and
+                   isinstance(payload["online"], bool) and isinstance(payload["session"], int) and
+                   payload["session"] > 0, f"{where}: status", v)
             return
         if leaf != "up":
             return  # our own commands (cmd/*) and the demo's simulator topics
@@ -276,7 +279,7 @@ class CloudClient:
         return item[1]["data"] if item else None
 
     def wait_status(self, online, timeout=10, since=0):
-        return self.inbox.wait(lambda m: m[0] == "status" and m[1] == {"online": online}, timeout, since)
+        return self.inbox.wait(lambda m: m[0] == "status" and m[1].get("online") is online, timeout, since)
 
 
 class LanClient:

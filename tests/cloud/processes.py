@@ -47,7 +47,9 @@ class Broker:
         self.conf = os.path.join(workdir, "mosquitto.conf")
         with open(self.conf, "w", encoding="utf-8") as f:
             f.write(f"listener {port} 127.0.0.1\nallow_anonymous true\npersistence true\n"
-                    f"persistence_location {workdir}/\nlog_dest file {workdir}/broker.log\n")
+                    f"persistence_location {workdir}/\nlog_dest file {workdir}/broker.log\n"
+                    # what the broker keeps for an absent gateway (docs/brokers.md): the largest burst of a test
+                    f"max_queued_messages 10000\n")
             if os.getuid() == 0:
                 f.write("user root\n")  # as root mosquitto would switch to a user who cannot write here
 
@@ -65,16 +67,24 @@ class Broker:
 
 
 class Gateway:
-    def __init__(self, workdir, sfgw, description, mqtt_port, lan_port):
+    def __init__(self, workdir, sfgw, description, mqtt_port, lan_port, extra=(), name="sfgw"):
         self.args = [sfgw, description, "--mqtt-port", str(mqtt_port), "--lan-port", str(lan_port),
-                     "--log-level", "notice"]
-        self.log_path = os.path.join(workdir, "sfgw.log")
-        self.out_path = os.path.join(workdir, "sfgw.out")
+                     "--log-level", "notice", *extra]
+        self.log_path = os.path.join(workdir, name + ".log")
+        self.out_path = os.path.join(workdir, name + ".out")
         self.proc = None
 
     def start(self):
-        self.proc = subprocess.Popen(self.args, stdout=open(self.out_path, "w", encoding="utf-8"),
-                                     stderr=open(self.log_path, "w", encoding="utf-8"))
+        # appended, so that the log of every run of one test stays readable
+        self.proc = subprocess.Popen(self.args, stdout=open(self.out_path, "a", encoding="utf-8"),
+                                     stderr=open(self.log_path, "a", encoding="utf-8"))
+
+    def kill(self):
+        """SIGKILL: no clean stop, no last write."""
+        if self.proc is not None and self.proc.poll() is None:
+            self.proc.kill()
+            self.proc.wait()
+        self.proc = None
 
     def log(self):
         with open(self.log_path, encoding="utf-8", errors="replace") as f:

@@ -4,17 +4,13 @@
  * logged where an operator sees them, and an authenticated client that
  * stalls or falls silent is closed.
  */
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include <atomic>
+#include <memory>
 #include <sstream>
-#include <thread>
 
 #include "support/channel_fixture.h"
+#include "support/lan_intruders.h"
 #include "support/lan_peer.h"
 #include "support/stderr_capture.h"
 
@@ -33,20 +29,6 @@ std::string log_line(const StderrCapture &log, const std::string &needle)
     return "";
 }
 
-int connect_raw(int port)
-{
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 class LanAdmission : public ChannelTest {};
 
 TEST_F(LanAdmission, ClientsWithoutTheKeyCannotKeepAClientWithTheKeyOut)
@@ -57,33 +39,9 @@ TEST_F(LanAdmission, ClientsWithoutTheKeyCannotKeepAClientWithTheKeyOut)
 
     // Eight connections that never authenticate, each reopened as soon as
     // the gateway closes it.
-    std::atomic<bool> stop{false};
-    std::atomic<int> opened{0};
-    std::thread intruder([&] {
-        std::vector<int> fds(8, -1);
-        while (!stop.load()) {
-            for (int &fd : fds) {
-                if (fd >= 0) {
-                    char byte;
-                    pollfd pfd{fd, POLLIN, 0};
-                    if (::poll(&pfd, 1, 0) > 0 && ::recv(fd, &byte, 1, MSG_DONTWAIT) <= 0) {
-                        ::close(fd);
-                        fd = -1;
-                    }
-                }
-                if (fd < 0 && (fd = connect_raw(port)) >= 0) {
-                    opened.fetch_add(1);
-                }
-            }
-            ::poll(nullptr, 0, 2); // the intruder's own pace, not a wait for the gateway
-        }
-        for (int fd : fds) {
-            if (fd >= 0) {
-                ::close(fd);
-            }
-        }
-    });
-    ASSERT_TRUE(eventually([&] { return opened.load() >= 8 && lan_stats_now().pending_clients >= 2; }, seconds(10)));
+    auto intruders = std::make_unique<Intruders>(port, 8);
+    ASSERT_TRUE(eventually([&] { return intruders->opened() >= 8 && lan_stats_now().pending_clients >= 2; },
+                           seconds(10)));
 
     int admitted = 0;
     for (int attempt = 0; attempt < 15; ++attempt) {
@@ -94,8 +52,7 @@ TEST_F(LanAdmission, ClientsWithoutTheKeyCannotKeepAClientWithTheKeyOut)
             ++admitted;
         }
     }
-    stop.store(true);
-    intruder.join();
+    intruders.reset();
 
     EXPECT_EQ(15, admitted);
     EXPECT_GT(lan_stats_now().pending_evicted, 0u);
@@ -105,7 +62,7 @@ TEST_F(LanAdmission, RefusedAuthenticationIsLoggedAsAWarning)
 {
     StderrCapture log;
     start({}, {}, false);
-    start_lan();
+    start_lan(0, 0, true); // the auth frame of the plain mode
     LanPeer bad;
     ASSERT_TRUE(bad.connect(lan_bound_port()));
     ASSERT_TRUE(bad.send_line("{\"cmd\":\"auth\",\"key\":\"not-the-key\"}"));
@@ -128,7 +85,7 @@ TEST_F(LanAdmission, AuthenticatedClientStalledInAFrameIsClosed)
     LanPeer peer;
     authenticate(&peer);
     ASSERT_EQ(1u, lan_authed_client_count());
-    ASSERT_TRUE(::send(peer.fd(), "{\"cmd\":\"dp\",\"da", 15, MSG_NOSIGNAL) == 15);
+    ASSERT_TRUE(peer.send_bytes("{\"cmd\":\"dp\",\"da"));
 
     std::string got;
     EXPECT_TRUE(peer.closed_without_data(seconds(20), &got)) << got;

@@ -28,6 +28,7 @@ TEST_F(LanChannel, ReportWithoutAnAuthenticatedClientIsNotTaken)
 {
     start({}, {}, false);
     start_lan();
+    lan_peers_speak_plain(true); // a TCP connection that has not begun its handshake
     LanPeer unauthenticated;
     ASSERT_TRUE(unauthenticated.connect(lan_bound_port()));
     RFC_DATA_S *block = make_block("{\"dps\":{\"1\":true}}", 5);
@@ -41,7 +42,7 @@ TEST_F(LanChannel, ReportWithoutAnAuthenticatedClientIsNotTaken)
 TEST_F(LanChannel, ClientWithAWrongKeyIsClosedWithoutReceivingAnything)
 {
     start({}, {}, false);
-    start_lan();
+    start_lan(0, 0, true); // the auth frame of the plain mode
     LanPeer good;
     authenticate(&good);
     LanPeer bad;
@@ -60,7 +61,7 @@ TEST_F(LanChannel, ClientWithAWrongKeyIsClosedWithoutReceivingAnything)
 TEST_F(LanChannel, ClientThatCommandsBeforeAuthenticatingIsClosed)
 {
     start({}, {}, false);
-    start_lan();
+    start_lan(0, 0, true); // the auth frame of the plain mode
     LanPeer peer;
     ASSERT_TRUE(peer.connect(lan_bound_port()));
     ASSERT_TRUE(peer.send_line("{\"cmd\":\"dp\",\"data\":{\"dps\":{\"1\":true}}}"));
@@ -72,7 +73,7 @@ TEST_F(LanChannel, ClientThatCommandsBeforeAuthenticatingIsClosed)
 TEST_F(LanChannel, SilentClientIsClosedAfterTheAuthenticationTime)
 {
     start({}, {}, false);
-    start_lan(300);
+    start_lan(300, 0, true); // the auth frame of the plain mode
     LanPeer peer;
     ASSERT_TRUE(peer.connect(lan_bound_port()));
     std::string got;
@@ -148,13 +149,13 @@ TEST_F(LanChannel, ConnectionsBeyondTheLimitAreClosedAtOnce)
     start({}, {}, false);
     LAN_CONFIG_S cfg{};
     cfg.max_clients = 1;
-    ASSERT_EQ(RC_OK, lan_start(&cfg));
+    start_lan_with(cfg, false);
     LanPeer first;
     authenticate(&first);
     LanPeer second;
-    ASSERT_TRUE(second.connect(lan_bound_port()));
-    std::string got;
-    EXPECT_TRUE(second.closed_without_data(seconds(10), &got)) << got;
+    // Closed at accept: the handshake ends before it began.
+    EXPECT_FALSE(second.connect(lan_bound_port()));
+    EXPECT_EQ(0u, lan_stats_now().handshakes_failed);
     EXPECT_EQ(1u, lan_authed_client_count());
 }
 
@@ -168,7 +169,64 @@ TEST_F(LanChannel, BadConfigurationIsRefused)
     cfg.local_key = LOCAL_KEY;
     cfg.bind_addr = "not-an-address";
     EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));
+    cfg.bind_addr = "0.0.0.0";
+    cfg.security = LAN_SECURITY_PLAIN; // the key readable on the network, without the operator's consent
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));
+    cfg.security = 7;
+    EXPECT_EQ(RC_BAD_PARAM, lan_start(&cfg));
     EXPECT_EQ(0, lan_bound_port());
+}
+
+TEST_F(LanChannel, KeyFollowedByANulByteIsRefused)
+{
+    start({}, {}, false);
+    start_lan(0, 0, true); // the auth frame of the plain mode
+    LanPeer bad;
+    ASSERT_TRUE(bad.connect(lan_bound_port()));
+    // cJSON ends the decoded text at the NUL: compared as a C string, this was the key.
+    ASSERT_TRUE(bad.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\\u0000anything\"}"));
+    std::string got;
+    EXPECT_TRUE(bad.closed_without_data(seconds(10), &got)) << got;
+    EXPECT_EQ(1u, lan_stats_now().auth_refused);
+    LanPeer good; // the key alone still works
+    ASSERT_TRUE(good.connect(lan_bound_port()));
+    ASSERT_TRUE(good.send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+    std::string hello;
+    ASSERT_TRUE(good.read_line(&hello, seconds(5)));
+    EXPECT_EQ(std::string("{\"type\":1,\"flag\":0,\"data\":{\"gwId\":\"") + GW_ID + "\"}}", hello);
+}
+
+TEST_F(LanChannel, HalfClosedClientGetsItsAnswersBeforeTheClose)
+{
+    for (const bool plain : {true, false}) {
+        SCOPED_TRACE(plain ? "plain" : "tls");
+        if (!plain) {
+            lan_stop();
+        } else {
+            start({{"sub01", 1, 1}}, {}, false);
+        }
+        start_lan(0, 0, plain);
+        LanPeer peer;
+        authenticate(&peer);
+        ASSERT_TRUE(peer.send_line("{\"cmd\":\"group\",\"data\":{\"action\":1,\"cids\":[\"sub01\"],\"gid\":\"7\"}}"));
+        peer.shutdown_write(); // shutdown(SHUT_WR) on the real socket: the client sends nothing more
+        std::string frame;
+        ASSERT_TRUE(peer.read_line(&frame, seconds(10)));
+        EXPECT_EQ("{\"type\":208,\"flag\":0,\"data\":{\"action\":1,\"rets\":[0],\"gid\":\"7\"}}", frame);
+        std::string rest;
+        EXPECT_TRUE(peer.closed_without_data(seconds(10), &rest)) << rest; // then the gateway closes
+    }
+}
+
+TEST_F(LanChannel, PlainTcpOnTheNetworkStartsWithTheOperatorsConsent)
+{
+    start({}, {}, false);
+    LAN_CONFIG_S cfg{};
+    cfg.bind_addr = "0.0.0.0";
+    cfg.allow_plain_on_network = TRUE;
+    start_lan_with(cfg, true);
+    LanPeer peer;
+    EXPECT_EQ(std::string("{\"type\":1,\"flag\":0,\"data\":{\"gwId\":\"") + GW_ID + "\"}}", authenticate(&peer));
 }
 
 } // namespace

@@ -101,7 +101,7 @@ TEST_F(LanCommandBound, BlockedApplicationHoldsTheClientBackAndGetsEveryCommandI
         for (int i = 0; i < LINES; ++i) {
             line.assign("{\"cmd\":\"dp\",\"data\":{\"devId\":\"sub01\",\"dps\":{\"2\":");
             line.append(std::to_string(i)).append("},\"pad\":\"").append(pad).append("\"}}\n");
-            if (::send(client.fd(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+            if (!client.send_bytes(line)) {
                 return;
             }
             sent.fetch_add(1);

@@ -152,7 +152,7 @@ TEST_F(ChannelCounters, ARefusedLanKeyIsCountedAndLoggedAsAWarning)
     sf_metrics::reset();
     StderrCapture log;
     start({}, {}, false);
-    start_lan();
+    start_lan(0, 0, true); // the auth frame of the plain mode
     LanPeer intruder;
     ASSERT_TRUE(intruder.connect(lan_bound_port()));
     ASSERT_TRUE(intruder.send_line("{\"cmd\":\"auth\",\"key\":\"wrong\"}"));

@@ -234,13 +234,14 @@ TEST_F(MqttChannel, StatusTopicSaysOnlineOnConnectAndOfflineOnStop)
     start({});
     EXPECT_TRUE(cloud_.wait_until(
         [](const std::vector<Received> &all) {
-            return !all.empty() && all.back().topic == topic("status") && all.back().payload == "{\"online\":true}";
+            return !all.empty() && all.back().topic == topic("status") && all.back().payload == status(true);
         },
         seconds(10)));
+    const std::string offline = status(false);
     mqc_stop();
     EXPECT_TRUE(cloud_.wait_until(
-        [](const std::vector<Received> &all) {
-            return all.back().topic == topic("status") && all.back().payload == "{\"online\":false}";
+        [&offline](const std::vector<Received> &all) {
+            return all.back().topic == topic("status") && all.back().payload == offline;
         },
         seconds(10)));
 }

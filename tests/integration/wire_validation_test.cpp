@@ -14,7 +14,10 @@
 
 #include <algorithm>
 
+#include <ctime>
+
 #include "gateway/edge/wire_validate.h"
+#include "gateway/gateway_tunables.h"
 #include "support/channel_fixture.h"
 #include "support/stderr_capture.h"
 
@@ -105,6 +108,9 @@ std::string ids(int n)
 const std::vector<Rule> &rules()
 {
     static const std::vector<Rule> all = {
+        {"TIsTheNumberOfSecondsAtIssue",
+         {{"dp", "{\"devId\":\"sub01\",\"dps\":{\"1\":true},\"t\":\"now\"}", "bad_shape",
+           "t is a string, expected the POSIX seconds at which the command was issued", "", ""}}},
         {"DeviceIdNotAString",
          {{"dp", "{\"devId\":123,\"dps\":{\"1\":true}}", "bad_device_id", "\"devId\" must be a string, got 123", "123", ""},
           {"dp", "{\"cid\":true,\"dps\":{\"1\":true}}", "bad_device_id", "\"cid\" must be a string, got true", "true", ""},
@@ -332,6 +338,33 @@ TEST_F(WireEdge, GroupAndQueryWithinTheLimitsPass)
     const std::vector<std::string> calls = app_calls();
     EXPECT_EQ(256, std::count(calls.begin(), calls.end(), "group 0 sub01 12345"));
     EXPECT_EQ(1, std::count(calls.begin(), calls.end(), "query gwit0001"));
+}
+
+TEST_F(WireEdge, ACommandOlderThanTheMaximumAgeIsRefusedAsExpiredEvenWithTheChecksOff)
+{
+    StderrCapture log;
+    wire_set_command_checks(FALSE);
+    wire_set_command_max_age(60);
+    start_channel(Channel::Mqtt);
+    const long long now = static_cast<long long>(std::time(nullptr));
+
+    send(Channel::Mqtt, "dp", "{\"sn\":5,\"devId\":\"sub01\",\"dps\":{\"1\":true},\"t\":" + std::to_string(now - 600) + "}");
+    send(Channel::Mqtt, "dp", "{\"sn\":6,\"devId\":\"sub01\",\"dps\":{\"2\":9},\"t\":" + std::to_string(now + 30) + "}");
+    const std::vector<std::string> answers = refusals(Channel::Mqtt, 1);
+    ASSERT_TRUE(wait_obj_cmds([](const std::vector<ObjCmd> &all) { return !all.empty(); }, seconds(10)));
+    wire_set_command_checks(TRUE);
+    wire_set_command_max_age(SF_COMMAND_MAX_AGE_S);
+
+    ASSERT_EQ(1u, answers.size());
+    // The age is read from the clock: 600 s, or 601 when a second ticked in between.
+    const std::string head = "{\"cmd\":\"dp\",\"sn\":5,\"code\":\"expired\",\"reason\":\"issued 60";
+    EXPECT_EQ(head, answers[0].substr(0, head.size()));
+    EXPECT_EQ(" s ago, more than the 60 s a command may be old\"}", answers[0].substr(head.size() + 1));
+    EXPECT_TRUE(logged_as_error(log, "dp command dropped: issued 60")) << log.text();
+    EXPECT_NE(std::string::npos, log.text().find(" s ago, more than the 60 s a command may be old [expired]\n"));
+    EXPECT_EQ(1u, wire_expired_refusals());
+    ASSERT_EQ(1u, obj_cmds().size()) << "a t ahead of the gateway's clock is no reason to refuse";
+    EXPECT_EQ(2, obj_cmds()[0].dps[0].dpid);
 }
 
 TEST_F(WireEdge, WithTheChecksOffTheModuleDecodesLenientlyAsBefore)

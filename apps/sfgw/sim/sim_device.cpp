@@ -91,6 +91,19 @@ std::string SimDevice::report_of(const std::vector<int> &dpids) const
     return values.empty() ? "" : report_text(values);
 }
 
+std::vector<int> SimDevice::answerable(const std::vector<int> &dpids) const
+{
+    std::vector<int> out;
+    for (const apps::DpSchema &dp : schema_->dps) {
+        const bool asked = dpids.empty() || std::find(dpids.begin(), dpids.end(), dp.id) != dpids.end();
+        const bool held_back = dp.passive && schema_->preprocess;
+        if (asked && reportable(dp) && !held_back) {
+            out.push_back(dp.id);
+        }
+    }
+    return out;
+}
+
 void SimDevice::restore(const DpValues &values)
 {
     for (const auto &value : values) {
@@ -99,7 +112,7 @@ void SimDevice::restore(const DpValues &values)
     }
 }
 
-std::string SimDevice::initial_report()
+std::vector<int> SimDevice::start_values()
 {
     std::vector<int> dpids = restored_;
     for (const auto &value : sim_->initial) {
@@ -108,6 +121,12 @@ std::string SimDevice::initial_report()
             dpids.push_back(value.first);
         }
     }
+    return dpids;
+}
+
+std::string SimDevice::initial_report()
+{
+    const std::vector<int> dpids = start_values();
     return dpids.empty() ? "" : report_of(dpids);
 }
 

@@ -51,15 +51,26 @@ public:
     std::string report_of(const std::vector<int> &dpids) const;
 
     /*
+     * The DPs of a query the gateway can answer from the values it holds:
+     * the asked ones (every one when dpids is empty) that are reported
+     * object DPs, less the passive DPs a preprocessing device holds back.
+     */
+    std::vector<int> answerable(const std::vector<int> &dpids) const;
+
+    /*
      * The state the device kept while the gateway was down (restored
      * values, JSON): it wins over the description's start-up values.
      */
     void restore(const DpValues &values);
 
     /*
-     * The start-up report: the description's start-up values and the
-     * restored ones, "" when the device has neither.
+     * Take the description's start-up values (a restored value wins) and
+     * return the DPs the start-up report names: the restored ones and
+     * those with a start-up value, empty when the device has neither.
      */
+    std::vector<int> start_values();
+
+    /* The start-up report text: report_of(start_values()), "" when it names no DP. */
     std::string initial_report();
 
     /* One drift step of the drifting DP; its report text, "" when it did not move. */

@@ -1,6 +1,9 @@
+#define SF_LOG_MODULE SF_LOG_MODULE_SFGW
 #include "sim_link.h"
 
 #include <mosquitto.h>
+
+#include "services/log_front.h"
 
 namespace sfgw {
 
@@ -31,7 +34,6 @@ bool SimLink::start(const apps::MqttSettings &mqtt, const apps::Topics &topics, 
     }
     mosquitto_connect_callback_set(mosq_, on_connect);
     mosquitto_message_callback_set(mosq_, on_message);
-    mosquitto_reconnect_delay_set(mosq_, 1, 2, false);
     if (!mqtt.username.empty()) {
         mosquitto_username_pw_set(mosq_, mqtt.username.c_str(), mqtt.password.c_str());
     }
@@ -40,14 +42,10 @@ bool SimLink::start(const apps::MqttSettings &mqtt, const apps::Topics &topics, 
                           mqtt.cert_file.empty() ? nullptr : mqtt.cert_file.c_str(),
                           mqtt.key_file.empty() ? nullptr : mqtt.key_file.c_str(), nullptr);
     }
-    /* the broker may not be up yet: the loop thread keeps trying */
-    mosquitto_connect_async(mosq_, mqtt.host.c_str(), mqtt.port, 30);
-    if (mosquitto_loop_start(mosq_) != MOSQ_ERR_SUCCESS) {
-        *why = "cannot start the simulator's MQTT thread";
-        mosquitto_destroy(mosq_);
-        mosq_ = nullptr;
-        return false;
-    }
+    /* the broker may not be up yet: the session's thread keeps trying, going round the list */
+    session_.start(mosq_, apps::brokers_of(mqtt), [](const std::string &from, const std::string &to) {
+        SF_LOG_NOTICE("simulator: MQTT broker changed from %s to %s", from.c_str(), to.c_str());
+    });
     return true;
 }
 
@@ -64,8 +62,7 @@ void SimLink::stop()
     if (mosq_ == nullptr) {
         return;
     }
-    mosquitto_disconnect(mosq_);
-    mosquitto_loop_stop(mosq_, true);
+    session_.stop();
     mosquitto_destroy(mosq_);
     mosq_ = nullptr;
 }
@@ -74,6 +71,7 @@ void SimLink::on_connect(mosquitto *mosq, void *self, int rc)
 {
     if (rc == 0) {
         mosquitto_subscribe(mosq, nullptr, static_cast<SimLink *>(self)->topics_.sim_ctl().c_str(), 1);
+        static_cast<SimLink *>(self)->session_.accepted();
     }
 }
 

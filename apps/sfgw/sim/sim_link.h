@@ -3,7 +3,7 @@
  * <root>/<gw>/sim/ctl and publishes the simulator's events on
  * <root>/<gw>/sim/event. Separate from the gateway's client on purpose:
  * it stands for the radio to the sub-devices, not for the gateway.
- * libmosquitto's thread reconnects by itself.
+ * It follows the gateway's broker list (common/broker_session.h).
  */
 #ifndef SFGW_SIM_LINK_H
 #define SFGW_SIM_LINK_H
@@ -11,6 +11,7 @@
 #include <functional>
 #include <string>
 
+#include "common/broker_session.h"
 #include "common/description.h"
 #include "common/topics.h"
 
@@ -40,6 +41,7 @@ private:
     static void on_message(mosquitto *mosq, void *self, const mosquitto_message *msg);
 
     mosquitto *mosq_ = nullptr;
+    apps::BrokerSession session_;
     apps::Topics topics_;
     ControlHandler on_control_;
 };

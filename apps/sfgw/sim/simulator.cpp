@@ -57,9 +57,9 @@ void Simulator::start()
             timers_.push_back({now + std::chrono::seconds(sim.raw_sample.every_s), i, Timer::RAW_SAMPLE});
         }
         device.restore(restored_values(device.schema()));
-        const std::string initial = device.initial_report();
-        if (!initial.empty()) {
-            report(device, initial, true);
+        std::vector<int> dpids = device.start_values();
+        if (!dpids.empty()) {
+            start_reports_.emplace_back(i, std::move(dpids));
         }
     }
     thread_ = std::thread([this] { run(); });
@@ -127,11 +127,7 @@ void Simulator::query(const std::string &cid, std::vector<int> dpids)
         if (device == nullptr || device->silent()) {
             return;
         }
-        const std::string text = device->report_of(dpids);
-        if (!text.empty()) {
-            /* a query asks for the values even when the cloud has them already */
-            report(*device, text, true);
-        }
+        answer_query(*device, dpids);
     });
 }
 
@@ -214,6 +210,34 @@ void Simulator::report(SimDevice &device, const std::string &text, bool force)
     SF_LOG_INFO("%s reports %s: %d", device.id().c_str(), text.c_str(), rc);
 }
 
+/*
+ * A query is the cloud asking for current values, so its answer carries
+ * every asked DP. A forced report does not do that: per-DP flow control
+ * limits spontaneous reports, force_send does not lift it, and a DP whose
+ * window was used up was left out. The answer is composed here as the
+ * report document the wire protocol describes ({"dps":..,"cid":..}, pro 4,
+ * LAN frame type 4) and published as it stands through the module's
+ * multi-DP report, which neither filters nor counts it. The device reports
+ * every change of its own, so the values the gateway holds stay current.
+ */
+void Simulator::answer_query(SimDevice &device, const std::vector<int> &dpids)
+{
+    if (!device.schema().bind || device.silent()) {
+        return;
+    }
+    const std::vector<int> asked = device.answerable(dpids);
+    if (asked.empty()) {
+        return;
+    }
+    std::string text = "{\"dps\":" + device.report_of(asked);
+    if (!device.is_gateway()) {
+        text += ",\"cid\":" + apps::json_quote(device.id());
+    }
+    text += "}";
+    const OPERATE_RET rc = sf_multi_dp_report_async(text.c_str(), static_cast<INT_T>(text.size()), 0, nullptr);
+    SF_LOG_INFO("%s answers the query with %s: %d", device.id().c_str(), text.c_str(), rc);
+}
+
 void Simulator::raw_report(SimDevice &device, int dpid)
 {
     if (!device.schema().bind || device.silent()) {
@@ -266,10 +290,40 @@ void Simulator::fire(Timer &timer)
     }
 }
 
+/*
+ * A report made before the MQTT session is up fails, and the module logs
+ * that at error level: a clean start would log one error per device and
+ * teach operators to ignore errors. So the start-up reports wait for the
+ * first connection, and carry the values the devices hold by then (a LAN
+ * command may have changed one meanwhile). While they wait, the values
+ * are the simulator's own: queries and commands are answered from them.
+ * Returns whether reports are still waiting.
+ */
+bool Simulator::report_start_values_when_connected()
+{
+    if (start_reports_.empty() || get_gw_nw_status() != GW_NW_CLOUD) {
+        return !start_reports_.empty();
+    }
+    for (const auto &start : start_reports_) {
+        SimDevice &device = devices_[start.first];
+        report(device, device.report_of(start.second), true);
+    }
+    start_reports_.clear();
+    return false;
+}
+
 void Simulator::run()
 {
+    /* how often the start-up reports look at the network state while they wait */
+    constexpr std::chrono::milliseconds CONNECTION_POLL{100};
     sf_sync::Guard hold(mutex_);
     while (!stopping_) {
+        hold.unlock();
+        const bool waiting = report_start_values_when_connected();
+        hold.lock();
+        if (stopping_) {
+            break;
+        }
         if (!jobs_.empty()) {
             std::function<void()> job = std::move(jobs_.front());
             jobs_.pop_front();
@@ -286,10 +340,17 @@ void Simulator::run()
             hold.lock();
             continue;
         }
-        if (next == timers_.end()) {
+        Clock::time_point until = Clock::time_point::max();
+        if (next != timers_.end()) {
+            until = next->due;
+        }
+        if (waiting) {
+            until = std::min(until, Clock::now() + CONNECTION_POLL);
+        }
+        if (until == Clock::time_point::max()) {
             wake_.wait(mutex_);
         } else {
-            wake_.wait_until(mutex_, next->due);
+            wake_.wait_until(mutex_, until);
         }
     }
 }

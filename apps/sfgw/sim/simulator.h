@@ -33,9 +33,10 @@ public:
     Simulator &operator=(const Simulator &) = delete;
 
     /*
-     * Set heartbeat time-outs, send the first heartbeats and the start-up
-     * reports (of the restored state where the store kept one, else of the
-     * description's start-up values), start the thread.
+     * Set heartbeat time-outs, send the first heartbeats, take the
+     * start-up values (the restored state where the store kept one, else
+     * the description's), start the thread. The thread sends the start-up
+     * reports once the gateway is connected to the cloud (see run()).
      */
     void start();
     /* Stop and join the thread; queued work is dropped. Idempotent. */
@@ -60,8 +61,10 @@ private:
     void post(std::function<void()> job) SF_EXCLUDES(mutex_);
     void run() SF_EXCLUDES(mutex_);
     void fire(Timer &timer);
+    bool report_start_values_when_connected();
     SimDevice *find(const std::string &cid);
     void report(SimDevice &device, const std::string &text, bool force);
+    void answer_query(SimDevice &device, const std::vector<int> &dpids);
     void raw_report(SimDevice &device, int dpid);
     void heartbeat(SimDevice &device);
     void handle_control(const std::string &payload);
@@ -70,6 +73,8 @@ private:
     // Set up by start() before the thread runs, then the thread's own: no lock.
     std::vector<SimDevice> devices_;
     std::vector<Timer> timers_;
+    /* device index and the DPs of its start-up report, until the first connection */
+    std::vector<std::pair<size_t, std::vector<int>>> start_reports_;
     EventSink sink_;
 
     sf_sync::Mutex mutex_;

@@ -5,7 +5,9 @@
  * live in separate pools: the waiting ones can never take the place of an
  * authenticated client. The waiting pool is small and a newcomer closes its
  * oldest member (within its own address first), so clients without the key
- * cannot keep a legitimate client out by holding connections open.
+ * cannot keep a legitimate client out by holding connections open. In
+ * TLS mode a connection waits until its handshake is done, so a stalled
+ * handshake is one of the waiting too.
  */
 #define SF_LOG_MODULE SF_LOG_MODULE_CHANNEL
 #include <unistd.h>
@@ -72,9 +74,15 @@ bool admit(int fd, const std::string &addr, const std::string &peer, uint64_t id
     if (victim != nullptr) {
         evict(victim);
     }
+    auto session = std::make_unique<Session>(fd, peer, now, addr, id);
+    session->set_key_generation(g_key_generation);
+    if (g_tls_ctx != nullptr && !session->start_tls(g_tls_ctx, g_psk)) {
+        SF_LOG_ERR("LAN client %s refused: TLS set-up failed: %s", peer.c_str(), take_tls_error().c_str());
+        return victim != nullptr; // the session's destructor closes fd
+    }
     SF_LOG_PROG("LAN client %s connected", peer.c_str());
     count(g_counters.clients_accepted);
-    g_sessions.push_back(std::make_unique<Session>(fd, peer, now, addr, id));
+    g_sessions.push_back(std::move(session));
     return victim != nullptr;
 }
 
@@ -86,9 +94,30 @@ void refuse(Session *session, const char *why)
     session->close_soon(why);
 }
 
+void handshake_failed(Session *session, const std::string &why)
+{
+    count(g_counters.handshakes_failed);
+    sf_metrics::count(sf_metrics::LanHandshakeFailed);
+    SF_LOG_PROG("LAN client %s: TLS handshake failed: %s", session->peer().c_str(), why.c_str());
+    session->close_soon("TLS handshake failed");
+}
+
 void check_timeouts(Session *session, Clock::time_point now)
 {
     if (session->closing()) {
+        return;
+    }
+    if (session->handshaking()) {
+        if (now - session->opened() > g_settings.handshake_timeout) {
+            handshake_failed(session, "not finished in time");
+        }
+        return;
+    }
+    if (session->peer_done()) {
+        // A half-closed client gets its answers, within the bound of an unfinished frame.
+        if (now - session->peer_done_at() > g_settings.frame_timeout) {
+            session->close_soon("closed by the peer, its answers not written in time");
+        }
         return;
     }
     if (!session->authed()) {

@@ -12,5 +12,8 @@ sf_sync::Mutex g_mutex;
 std::vector<std::unique_ptr<Session>> g_sessions SF_GUARDED_BY(g_mutex);
 Settings g_settings SF_GUARDED_BY(g_mutex);
 Counters g_counters;
+SSL_CTX *g_tls_ctx = nullptr;
+Psk g_psk SF_GUARDED_BY(g_mutex);
+uint64_t g_key_generation SF_GUARDED_BY(g_mutex) = 0;
 
 } // namespace sf_lan

@@ -15,6 +15,7 @@
 
 #include "cloud_defs/kelo_cloud_types.h"
 #include "gateway/sync/annotated_lock.h"
+#include "lan_psk.h"
 #include "lan_session.h"
 #include "port/posix/posix_tunables.h"
 
@@ -22,7 +23,9 @@ namespace sf_lan {
 
 struct Settings {
     std::string bind_addr = "127.0.0.1";
-    std::string local_key;
+    std::string local_key; /* changed by lan_set_local_key, under g_mutex */
+    bool tls = true;       /* false: plain TCP (LAN_SECURITY_PLAIN) */
+    std::chrono::milliseconds handshake_timeout{SF_LAN_HANDSHAKE_TIMEOUT_MS};
     size_t max_clients = SF_LAN_MAX_CLIENTS;
     size_t max_queue_frames = SF_LAN_MAX_QUEUE_FRAMES;
     size_t max_frame_bytes = SF_LAN_MAX_FRAME_BYTES;
@@ -50,11 +53,14 @@ struct Counters {
     std::atomic<UINT_T> timed_out{0};
     std::atomic<UINT_T> accept_failures{0};
     std::atomic<UINT_T> poll_wakeups{0};
+    std::atomic<UINT_T> handshakes_failed{0};
+    std::atomic<UINT_T> closed_for_key_change{0};
 
     void reset()
     {
         for (std::atomic<UINT_T> *counter : {&clients_accepted, &auth_refused, &pending_evicted, &dropped_slow,
-                                             &timed_out, &accept_failures, &poll_wakeups}) {
+                                             &timed_out, &accept_failures, &poll_wakeups, &handshakes_failed,
+                                             &closed_for_key_change}) {
             counter->store(0, std::memory_order_relaxed);
         }
     }
@@ -65,10 +71,40 @@ extern Counters g_counters;
 inline void count(std::atomic<UINT_T> &counter) { counter.fetch_add(1, std::memory_order_relaxed); }
 
 // g_mutex guards g_sessions, each session's state and g_settings (set by
-// lan_start before the channel's thread exists, read-only afterwards).
+// lan_start before the channel's thread exists, read-only afterwards but
+// for the local key, see lan_set_local_key).
 extern sf_sync::Mutex g_mutex;
 extern std::vector<std::unique_ptr<Session>> g_sessions SF_GUARDED_BY(g_mutex);
 extern Settings g_settings SF_GUARDED_BY(g_mutex);
+
+/*
+ * The TLS side of the channel: the context (lan_start creates it before
+ * the thread exists and lan_stop frees it after the thread ended; nullptr
+ * in plain mode), the PSK of the current local key, and the key's
+ * generation, which each session keeps so a key change closes the
+ * sessions of the old key.
+ */
+extern SSL_CTX *g_tls_ctx;
+extern Psk g_psk SF_GUARDED_BY(g_mutex);
+extern uint64_t g_key_generation SF_GUARDED_BY(g_mutex);
+
+/*
+ * A handshake that failed: one line at the progress level (a scan of the
+ * port must not flood the log), the metric, and the connection closed
+ * without a frame. Caller holds g_mutex.
+ */
+void handshake_failed(Session *session, const std::string &why) SF_REQUIRES(g_mutex);
+
+/*
+ * A session that has proved the key (its TLS handshake, or the auth frame
+ * in plain mode) joins the authenticated pool and gets the greeting. The
+ * caller has checked that the pool has room, and holds g_mutex.
+ */
+void welcome(Session *session) SF_REQUIRES(g_mutex);
+
+/* What the first line of a session is, as the authentication frame goes. */
+enum class AuthFrame { RightKey, WrongKey, NotAuth };
+AuthFrame classify_auth_frame(const std::string &line) SF_REQUIRES(g_mutex);
 
 /*
  * Commands handed to the smart frame and not yet handled, of every client
@@ -140,8 +176,9 @@ bool open_command_markers();
 void close_command_markers();
 
 /*
- * The first line of a session: true when it is {"cmd":"auth","key":K} with
- * the right key; the greeting is then queued. Caller holds g_mutex.
+ * The first line of a session in plain mode: true when it is
+ * {"cmd":"auth","key":K} with the right key; the greeting is then queued.
+ * Caller holds g_mutex.
  */
 bool authenticate(Session *session, const std::string &line) SF_REQUIRES(g_mutex);
 

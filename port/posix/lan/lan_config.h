@@ -1,10 +1,14 @@
 /*
  * Configuration and life cycle of the POSIX LAN channel: a TCP server of
- * newline-delimited JSON frames (docs/wire-protocol.md).
+ * newline-delimited JSON frames (docs/wire-protocol.md), inside TLS 1.3
+ * with an external pre-shared key derived from the local key (lan_psk.h),
+ * or in plain TCP by explicit choice.
  *
- * The channel implements services/lan_channel.h. A client must send the
- * gateway's local key first; until then it receives nothing and may send
- * nothing else, and a wrong key or a silent client is closed.
+ * The channel implements services/lan_channel.h. A client must prove it
+ * knows the gateway's local key first: by its TLS handshake, or in plain
+ * mode by sending the key as its first frame. Until then it receives
+ * nothing and may send nothing else, and a wrong key or a silent client is
+ * closed.
  */
 #ifndef SF_POSIX_LAN_CONFIG_H
 #define SF_POSIX_LAN_CONFIG_H
@@ -17,6 +21,10 @@ extern "C" {
 
 /* Frame type of the gateway's answer to a successful authentication. */
 #define LAN_FRAME_AUTH_OK 1
+
+/* LAN_CONFIG_S.security */
+#define LAN_SECURITY_TLS   0 /* TLS 1.3, external PSK of the local key (the default) */
+#define LAN_SECURITY_PLAIN 1 /* plain TCP: the key and every frame readable on the wire */
 
 /* Every text is copied by lan_start. Zero or NULL fields take the default in brackets. */
 typedef struct {
@@ -40,6 +48,10 @@ typedef struct {
     UINT_T        frame_timeout_ms; /* an unfinished line older than this closes the client [10000] */
     UINT_T        accept_backoff_ms; /* pause of accepting after the process ran out of descriptors [500] */
     UINT_T        evict_pace_ms;   /* least time between two connections that close an older one [100] */
+    UINT_T        security;        /* LAN_SECURITY_TLS or LAN_SECURITY_PLAIN [TLS] */
+    BOOL_T        allow_plain_on_network; /* plain mode on an address other than 127.x.x.x; refused
+                                             otherwise [FALSE] */
+    UINT_T        handshake_timeout_ms; /* time a new client has to finish its TLS handshake [3000] */
 } LAN_CONFIG_S;
 
 /* What the channel has done since lan_start (counters) and holds now. */
@@ -55,14 +67,27 @@ typedef struct {
     UINT_T timed_out;            /* authenticated clients closed as idle or stalled in a frame */
     UINT_T accept_failures;      /* accepts that failed for want of descriptors (each starts a pause) */
     UINT_T poll_wakeups;         /* turns of the channel's loop */
+    UINT_T handshakes_failed;    /* TLS handshakes that failed or did not finish in time */
+    UINT_T closed_for_key_change; /* connections closed because the local key changed */
 } LAN_STATS_S;
 
 /*
  * Bind, listen and start the channel's thread. RC_OK, RC_BAD_PARAM (no
- * key in the configuration nor in the registry, bad address, already
- * started) or RC_FAIL (socket error, logged).
+ * key in the configuration nor in the registry, bad address, unknown
+ * security, plain mode on a network address without
+ * allow_plain_on_network, already started) or RC_FAIL (socket or TLS
+ * library error, logged).
  */
 OPERATE_RET lan_start(const LAN_CONFIG_S *cfg);
+
+/*
+ * Take key (not empty; copied) as the local key from now on: new
+ * connections must prove it, and every connection made with another key
+ * (authenticated or still in its handshake) is closed. The same key again
+ * changes nothing. RC_OK, RC_BAD_PARAM (empty key, channel not started) or
+ * RC_FAIL (the TLS library failed; the old key stays). Any thread.
+ */
+OPERATE_RET lan_set_local_key(const CHAR_T *key);
 
 /* The port the server listens on (useful with port 0), or 0 when stopped. */
 USHORT_T lan_bound_port(void);

@@ -3,8 +3,10 @@
  * (services/lan_channel.h, port/posix/lan/lan_config.h, docs/wire-protocol.md);
  * this file holds its sockets, its thread, start and stop.
  *
- * One thread owns the sockets: it accepts, reads, authenticates and writes
- * without ever blocking on a client. It reads a client only while that
+ * One thread owns the sockets: it accepts, shakes hands (TLS), reads,
+ * authenticates and writes without ever blocking on a client; the TLS
+ * library runs non-blocking on the same poll loop (SSL_ERROR_WANT_READ /
+ * WANT_WRITE tell which way a session waits). It reads a client only while that
  * client's commands waiting for the application are below their quota
  * (lan_commands.cpp), so a client sending faster than the application
  * handles is held back by TCP instead of filling the gateway's memory. Reports are queued by the reporting
@@ -17,7 +19,10 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -34,6 +39,7 @@
 #include "gateway/registry/gw_registry.h"
 #include "lan_config.h"
 #include "lan_channel_state.h"
+#include "lan_security.h"
 #include "port/posix/metrics/metrics.h"
 #include "port/posix/posix_tunables.h"
 #include "services/log_front.h"
@@ -109,6 +115,10 @@ void accept_clients(Clock::time_point now, std::chrono::milliseconds accept_back
             SF_LOG_PROG("LAN channel accepts connections again");
             g_out_of_descriptors = false;
         }
+        // Frames are small and interactive: a reply written as a few TLS
+        // records or lines must not wait for the client's delayed ACK.
+        const int on = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         char ip[INET_ADDRSTRLEN] = "?";
         ::inet_ntop(AF_INET, &addr.sin_addr, ip, sizeof ip);
         const std::string peer = std::string(ip) + ":" + std::to_string(ntohs(addr.sin_port));
@@ -126,29 +136,72 @@ void accept_clients(Clock::time_point now, std::chrono::milliseconds accept_back
  */
 bool wants_input(Session &session) SF_REQUIRES(g_mutex)
 {
-    return !session.closing() && !session.input().has_line() && (!session.authed() || command_room(session) > 0);
+    return !session.closing() && !session.handshaking() && !session.peer_done() && !session.input().has_line() &&
+           (!session.authed() || command_room(session) > 0);
 }
 
-/* Lines wait that the next turn may take. */
+/* Lines wait that the next turn may take, or decrypted bytes the next turn may read. */
 bool lines_ready(Session &session) SF_REQUIRES(g_mutex)
 {
-    return !session.closing() && session.input().has_line() && (!session.authed() || command_room(session) > 0);
+    return !session.closing() && (session.input().has_line() || (wants_input(session) && session.tls_pending())) &&
+           (!session.authed() || command_room(session) > 0);
+}
+
+/* What the channel polls a session for. */
+short poll_events(Session &session) SF_REQUIRES(g_mutex)
+{
+    if (session.handshaking()) {
+        return session.handshake_wants_write() ? POLLOUT : POLLIN;
+    }
+    return static_cast<short>((wants_input(session) ? POLLIN : 0) | (session.has_output() ? POLLOUT : 0));
 }
 
 /* One read of what is there. */
 void read_session(Session *session, Clock::time_point now) SF_REQUIRES(g_mutex)
 {
     char buf[READ_CHUNK];
-    const ssize_t got = ::recv(session->fd(), buf, sizeof buf, MSG_DONTWAIT);
-    if (got == 0) {
-        session->close_soon("closed by the peer");
-    } else if (got < 0) {
-        if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
-            session->close_soon("read error");
-        }
-    } else {
-        session->take_bytes(buf, static_cast<size_t>(got), now);
+    size_t got = 0;
+    switch (session->receive(buf, sizeof buf, &got)) {
+    case Session::Read::Data:
+        session->take_bytes(buf, got, now);
+        break;
+    case Session::Read::Eof:
+        // Perhaps only a half-close (shutdown(SHUT_WR)): what it sent is still answered.
+        session->set_peer_done(now);
+        break;
+    case Session::Read::Error:
+        session->close_soon("read error");
+        break;
+    case Session::Read::Again:
+        break;
     }
+}
+
+/* The handshake of a TLS session, as far as the socket lets it go now. */
+void shake_hands(Session *session) SF_REQUIRES(g_mutex)
+{
+    std::string why;
+    switch (session->step_handshake(&why)) {
+    case Session::Step::Done:
+        if (authed_clients() >= g_settings.max_clients) {
+            refuse(session, "every client place is taken");
+        } else {
+            welcome(session);
+        }
+        break;
+    case Session::Step::Failed:
+        handshake_failed(session, why);
+        break;
+    case Session::Step::Again:
+        break;
+    }
+}
+
+/* A half-closed client whose lines are taken, answered and written is done. */
+bool finished_after_half_close(Session &session) SF_REQUIRES(g_mutex)
+{
+    return session.peer_done() && !session.closing() && !session.input().has_line() &&
+           session.waiting_commands() == 0 && !session.has_output();
 }
 
 /*
@@ -178,6 +231,17 @@ void take_lines(Session *session, std::vector<Command> *commands) SF_REQUIRES(g_
             }
             continue;
         }
+        if (session->tls() && session->take_first_line()) {
+            // The handshake proved the key; a client written for the plain
+            // mode may still send the auth frame: a right one is passed over.
+            const AuthFrame auth = classify_auth_frame(line);
+            if (auth == AuthFrame::WrongKey) {
+                refuse(session, "wrong key in the auth frame");
+            }
+            if (auth != AuthFrame::NotAuth) {
+                continue;
+            }
+        }
         command_taken(session);
         commands->push_back(Command{session->id(), session->peer(), std::move(line)});
     }
@@ -185,6 +249,12 @@ void take_lines(Session *session, std::vector<Command> *commands) SF_REQUIRES(g_
 
 void run_loop() SF_EXCLUDES(g_mutex)
 {
+    // OpenSSL writes with write(2): a client gone would raise SIGPIPE in
+    // this thread. Blocked, it stays pending and the write says EPIPE.
+    sigset_t pipe_signal;
+    sigemptyset(&pipe_signal);
+    sigaddset(&pipe_signal, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipe_signal, nullptr);
     // What this thread uses of the settings without g_mutex: lan_start set
     // them before the thread began and sets them again only after it ended.
     FrameLimits limits{};
@@ -213,10 +283,7 @@ void run_loop() SF_EXCLUDES(g_mutex)
                 return;
             }
             for (const auto &session : g_sessions) {
-                const bool reading = wants_input(*session);
-                fds.push_back(pollfd{session->fd(),
-                                     static_cast<short>((reading ? POLLIN : 0) | (session->has_output() ? POLLOUT : 0)),
-                                     0});
+                fds.push_back(pollfd{session->fd(), poll_events(*session), 0});
                 if (lines_ready(*session)) {
                     wait_ms = 0; // lines wait that may be taken now
                 }
@@ -237,8 +304,12 @@ void run_loop() SF_EXCLUDES(g_mutex)
             // indices of the poll set still match.
             for (size_t i = 0; i + 2 < fds.size() && i < g_sessions.size(); ++i) {
                 Session *session = g_sessions[i].get();
-                if ((fds[i + 2].events & POLLIN) && wants_input(*session) &&
-                    (fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR))) {
+                const short revents = fds[i + 2].revents;
+                if (session->handshaking() && !session->closing() && revents != 0) {
+                    shake_hands(session);
+                } else if (wants_input(*session) &&
+                           (((fds[i + 2].events & POLLIN) && (revents & (POLLIN | POLLHUP | POLLERR))) ||
+                            session->tls_pending())) {
                     read_session(session, now);
                 }
                 if (!session->closing()) {
@@ -247,8 +318,11 @@ void run_loop() SF_EXCLUDES(g_mutex)
                 if (!session->closing() && !wants_input(*session)) {
                     session->hold(now);
                 }
-                if (!session->closing() && !session->flush()) {
+                if (!session->closing() && !session->handshaking() && !session->flush()) {
                     session->close_soon("write error");
+                }
+                if (finished_after_half_close(*session)) {
+                    session->close_soon("closed by the peer");
                 }
                 check_timeouts(session, now);
             }
@@ -352,12 +426,17 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         SF_LOG_ERR("LAN bind address %s is not an IPv4 address", settings.bind_addr.c_str());
         return RC_BAD_PARAM;
     }
-    if (!open_listener(settings, addr)) {
-        close_sockets();
-        return RC_FAIL;
+    if (cfg->handshake_timeout_ms != 0) {
+        settings.handshake_timeout = std::chrono::milliseconds(cfg->handshake_timeout_ms);
     }
-    if (!open_command_markers()) {
+    Security security;
+    const OPERATE_RET security_rc = prepare_security(*cfg, &settings, &security);
+    if (security_rc != RC_OK) {
+        return security_rc;
+    }
+    if (!open_listener(settings, addr) || !open_command_markers()) {
         close_sockets();
+        SSL_CTX_free(security.ctx);
         return RC_FAIL;
     }
     g_counters.reset();
@@ -371,9 +450,12 @@ extern "C" OPERATE_RET lan_start(const LAN_CONFIG_S *cfg)
         g_accept_resume_at = Clock::time_point{};
         g_out_of_descriptors = false;
         g_queued_commands_peak = 0;
+        g_psk = security.psk;
+        g_key_generation = 0;
     }
+    g_tls_ctx = security.ctx;
     g_thread = std::thread(run_loop);
-    SF_LOG_PROG("LAN channel listening on %s:%u", settings.bind_addr.c_str(), g_port.load());
+    log_security(settings, security.psk, g_port.load());
     return RC_OK;
 }
 
@@ -393,7 +475,10 @@ extern "C" void lan_stop(void)
     {
         sf_sync::Guard hold(g_mutex);
         g_sessions.clear();
+        g_settings.local_key.clear(); // lan_set_local_key answers "not started" from now on
     }
+    SSL_CTX_free(g_tls_ctx);
+    g_tls_ctx = nullptr;
     close_command_markers();
     close_sockets();
 }

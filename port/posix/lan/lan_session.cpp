@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <openssl/err.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -23,6 +25,13 @@ Session::Session(int fd, std::string peer, Clock::time_point opened, std::string
 Session::~Session()
 {
     release_queue();
+    if (ssl_ != nullptr) {
+        if (handshake_done_) {
+            SSL_shutdown(ssl_); // close_notify, if the socket takes it now; never waits
+        }
+        SSL_free(ssl_);
+        ERR_clear_error();
+    }
     if (fd_ >= 0) {
         ::close(fd_);
     }
@@ -89,6 +98,81 @@ bool Session::queue_text(std::string line, size_t max_frames)
     return true;
 }
 
+bool Session::start_tls(SSL_CTX *ctx, const Psk &psk)
+{
+    psk_ = psk;
+    ssl_ = SSL_new(ctx);
+    if (ssl_ == nullptr || SSL_set_fd(ssl_, fd_) != 1) {
+        return false;
+    }
+    bind_psk(ssl_, &psk_);
+    SSL_set_accept_state(ssl_);
+    return true;
+}
+
+Session::Step Session::step_handshake(std::string *why)
+{
+    ERR_clear_error();
+    const int rc = SSL_do_handshake(ssl_);
+    if (rc == 1) {
+        handshake_done_ = true;
+        handshake_wants_write_ = false;
+        return Step::Done;
+    }
+    const int err = SSL_get_error(ssl_, rc);
+    if (err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE) {
+        handshake_wants_write_ = err == SSL_ERROR_WANT_WRITE;
+        return Step::Again;
+    }
+    *why = err == SSL_ERROR_SSL ? take_tls_error() : err == SSL_ERROR_ZERO_RETURN || errno == 0 ? "closed by the peer"
+                                                                                                 : std::strerror(errno);
+    ERR_clear_error();
+    return Step::Failed;
+}
+
+bool Session::tls_pending() const { return handshake_done_ && SSL_pending(ssl_) > 0; }
+
+Session::Read Session::receive(char *buf, size_t len, size_t *got)
+{
+    if (ssl_ == nullptr) {
+        const ssize_t n = ::recv(fd_, buf, len, MSG_DONTWAIT);
+        if (n > 0) {
+            *got = static_cast<size_t>(n);
+            return Read::Data;
+        }
+        return n == 0 ? Read::Eof : errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? Read::Again : Read::Error;
+    }
+    ERR_clear_error();
+    if (SSL_read_ex(ssl_, buf, len, got) == 1) {
+        return Read::Data;
+    }
+    const int err = SSL_get_error(ssl_, 0);
+    ERR_clear_error();
+    // close_notify, or (SSL_OP_IGNORE_UNEXPECTED_EOF) a bare FIN: the client's side is done.
+    return err == SSL_ERROR_ZERO_RETURN                               ? Read::Eof
+           : err == SSL_ERROR_WANT_READ || err == SSL_ERROR_WANT_WRITE ? Read::Again
+                                                                      : Read::Error;
+}
+
+ssize_t Session::write_some(const char *data, size_t len)
+{
+    if (ssl_ == nullptr) {
+        const ssize_t sent = ::send(fd_, data, len, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (sent < 0) {
+            return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -1;
+        }
+        return sent;
+    }
+    ERR_clear_error();
+    size_t wrote = 0;
+    if (SSL_write_ex(ssl_, data, len, &wrote) == 1) {
+        return static_cast<ssize_t>(wrote);
+    }
+    const int err = SSL_get_error(ssl_, 0);
+    ERR_clear_error();
+    return err == SSL_ERROR_WANT_WRITE || err == SSL_ERROR_WANT_READ ? 0 : -1;
+}
+
 bool Session::flush()
 {
     while (!out_.empty()) {
@@ -99,10 +183,9 @@ bool Session::flush()
                                             reinterpret_cast<const char *>(msg->data), msg->len) +
                         "\n";
         }
-        const ssize_t sent = ::send(fd_, head.text.data() + head_written_, head.text.size() - head_written_,
-                                    MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (sent < 0) {
-            return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+        const ssize_t sent = write_some(head.text.data() + head_written_, head.text.size() - head_written_);
+        if (sent <= 0) {
+            return sent == 0;
         }
         head_written_ += static_cast<size_t>(sent);
         if (head_written_ < head.text.size()) {

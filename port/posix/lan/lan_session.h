@@ -1,7 +1,8 @@
 /*
- * One LAN client connection: its inbound line buffer and the times that
- * bound it, its authentication state, the count of its commands still
- * waiting in the dispatch queue, and its bounded queue of outbound frames.
+ * One LAN client connection: its transport (plain TCP, or TLS over it),
+ * its inbound line buffer and the times that bound it, its authentication
+ * state, the count of its commands still waiting in the dispatch queue,
+ * and its bounded queue of outbound frames.
  *
  * Not thread-safe by itself: the LAN channel's lock guards every session.
  * Only the channel's thread reads and writes the socket.
@@ -17,6 +18,7 @@
 
 #include "services/uni_rfc.h"
 #include "lan_line_buffer.h"
+#include "lan_psk.h"
 
 namespace sf_lan {
 
@@ -43,6 +45,40 @@ public:
     uint64_t id() const { return id_; }
     bool authed() const { return authed_; }
     void set_authed() { authed_ = true; }
+    /* The local key the session started with (see lan_set_local_key). */
+    uint64_t key_generation() const { return key_generation_; }
+    void set_key_generation(uint64_t generation) { key_generation_ = generation; }
+
+    /*
+     * Speak TLS with psk from now on (before any byte is read); the
+     * session's copy of psk serves its handshake. false when OpenSSL fails.
+     */
+    bool start_tls(SSL_CTX *ctx, const Psk &psk);
+    bool tls() const { return ssl_ != nullptr; }
+    /* A TLS session whose handshake is not finished. */
+    bool handshaking() const { return ssl_ != nullptr && !handshake_done_; }
+    enum class Step { Done, Again, Failed };
+    /* Advance the handshake with what the socket has; Failed: *why says why. */
+    Step step_handshake(std::string *why);
+    /* The handshake waits to write (poll for POLLOUT), not to read. */
+    bool handshake_wants_write() const { return handshake_wants_write_; }
+    /* Decrypted bytes wait in the TLS library, which poll cannot see. */
+    bool tls_pending() const;
+
+    /* true the first time only: the first line of a TLS session may be a leftover auth frame. */
+    bool take_first_line() { const bool first = first_line_; first_line_ = false; return first; }
+
+    enum class Read { Data, Again, Eof, Error };
+    /* One read of what is there (decrypted under TLS); *got bytes when Data. */
+    Read receive(char *buf, size_t len, size_t *got);
+
+    /*
+     * The client ended its side (a half-close): nothing more is read, and
+     * the session closes once what it sent is answered and written.
+     */
+    void set_peer_done(Clock::time_point now) { peer_done_ = true; peer_done_at_ = now; }
+    bool peer_done() const { return peer_done_; }
+    Clock::time_point peer_done_at() const { return peer_done_at_; }
     bool closing() const { return closing_; }
     Clock::time_point opened() const { return opened_; }
 
@@ -87,6 +123,8 @@ public:
 
 private:
     void release_queue();
+    /* send() or SSL_write: bytes written, 0 when the socket is full, < 0 when the peer is gone. */
+    ssize_t write_some(const char *data, size_t len);
 
     int fd_;
     std::string peer_;
@@ -98,6 +136,14 @@ private:
     size_t waiting_commands_ = 0;
     bool authed_ = false;
     bool closing_ = false;
+    uint64_t key_generation_ = 0;
+    SSL *ssl_ = nullptr;
+    Psk psk_;
+    bool handshake_done_ = false;
+    bool handshake_wants_write_ = false;
+    bool peer_done_ = false;
+    bool first_line_ = true;
+    Clock::time_point peer_done_at_{};
     std::string close_reason_;
     LineBuffer in_;
     std::deque<OutFrame> out_;

@@ -30,4 +30,6 @@ extern "C" void lan_stats(LAN_STATS_S *out)
     out->timed_out = g_counters.timed_out.load(std::memory_order_relaxed);
     out->accept_failures = g_counters.accept_failures.load(std::memory_order_relaxed);
     out->poll_wakeups = g_counters.poll_wakeups.load(std::memory_order_relaxed);
+    out->handshakes_failed = g_counters.handshakes_failed.load(std::memory_order_relaxed);
+    out->closed_for_key_change = g_counters.closed_for_key_change.load(std::memory_order_relaxed);
 }

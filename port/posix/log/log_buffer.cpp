@@ -58,7 +58,11 @@ struct State {
     std::atomic<uint64_t> bytes_written{0};
 };
 
-void flush_at_exit() { flush(std::chrono::milliseconds(2000)); }
+void flush_at_exit()
+{
+    summarize_suppressed();
+    flush(std::chrono::milliseconds(2000));
+}
 
 void run_writer(State *s);
 void write_pending_on_abort(int signal_number);
@@ -342,6 +346,17 @@ bool flush(std::chrono::milliseconds limit)
     const uint64_t target = s.records_in;
     s.work.notify_one();
     return s.written.wait_for(s.lock, limit, [&s, target]() SF_REQUIRES(s.lock) { return s.records_out >= target; });
+}
+
+void summarize_suppressed()
+{
+    State &s = state();
+    {
+        sf_sync::Guard hold(s.lock);
+        s.rate.sweep(&s.summaries, true);
+        enqueue_summaries_locked(s);
+    }
+    s.work.notify_one();
 }
 
 void set_rate_limit(unsigned burst, std::chrono::milliseconds window)

@@ -54,6 +54,13 @@ void reopen();
 bool flush(std::chrono::milliseconds limit = std::chrono::milliseconds(5000));
 
 /*
+ * End every rate-limit window that held lines back now, so that their
+ * "N similar lines suppressed" summaries are written. A process that stops
+ * inside a window would otherwise lose the counts: the exit flush calls it.
+ */
+void summarize_suppressed();
+
+/*
  * The rate limit: burst lines per call site and window; tests shorten the
  * window. Defaults SF_LOG_BURST and SF_LOG_WINDOW_S.
  */

@@ -62,11 +62,11 @@ bool RateLimit::allows(int level, const Site &where, std::vector<std::string> *s
     return false;
 }
 
-void RateLimit::sweep(std::vector<std::string> *summaries)
+void RateLimit::sweep(std::vector<std::string> *summaries, bool now_all)
 {
     const Clock::time_point now = Clock::now();
     for (Entry &entry : entries_) {
-        if (entry.file != nullptr && entry.suppressed != 0 && now - entry.window_start >= window_) {
+        if (entry.file != nullptr && entry.suppressed != 0 && (now_all || now - entry.window_start >= window_)) {
             end_window(entry, now, summaries);
         }
     }

@@ -35,8 +35,12 @@ public:
      */
     bool allows(int level, const Site &where, std::vector<std::string> *summaries);
 
-    /* The summaries of every window that ended with lines held back. */
-    void sweep(std::vector<std::string> *summaries);
+    /*
+     * The summaries of every window that ended with lines held back; with
+     * now_all, of every window that held lines back, ended or not (a
+     * stopping process sums up what it would otherwise never tell).
+     */
+    void sweep(std::vector<std::string> *summaries, bool now_all = false);
 
     void configure(unsigned burst, Clock::duration window);
 

@@ -8,6 +8,7 @@
 
 #include <cstring>
 
+#include "gateway/sync/annotated_lock.h"
 #include "port/posix/mqtt/mqtt_config.h"
 #include "services/log_front.h"
 
@@ -24,7 +25,22 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
+sf_sync::Mutex g_broker_mutex;
+std::string g_broker SF_GUARDED_BY(g_broker_mutex);
+
 } // namespace
+
+void mqtt_broker_in_use(const std::string &name)
+{
+    sf_sync::Guard hold(g_broker_mutex);
+    g_broker = name;
+}
+
+std::string mqtt_broker_in_use()
+{
+    sf_sync::Guard hold(g_broker_mutex);
+    return g_broker;
+}
 
 void publication_completed(int op_ret, SteadyClock::time_point accepted)
 {

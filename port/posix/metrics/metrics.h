@@ -37,7 +37,12 @@ enum Counter : int {
     DispatchHandled,     /* messages the dispatch thread ran */
     LanAuthRefused,
     LanDroppedSlow,
+    LanHandshakeFailed,  /* TLS handshakes of LAN clients that failed or did not finish in time */
     HeartbeatProbes,     /* probes sent to silent sub-devices */
+    MqttTakeovers,       /* sessions another client with our client id took from us */
+    CommandsReplayed,    /* commands taken from the journal of the last run and handed on again */
+    CommandsExpired,     /* commands dropped because their MQTT 5 message expiry passed while they waited */
+    MqttBrokerChanges,   /* sessions accepted by another broker of the list than the previous session */
     kCounterCount
 };
 
@@ -92,6 +97,10 @@ void publication_completed(int op_ret, std::chrono::steady_clock::time_point acc
 void mqtt_session_up(const char *host, int port);
 void mqtt_session_down(const char *host, int port);
 
+/* The broker in use ("host:port"): the last that accepted a session, else the first to try. */
+void mqtt_broker_in_use(const std::string &name);
+std::string mqtt_broker_in_use();
+
 /* A refused inbound document, by the reason sf_wire gave (within_bounds, parse_bounded). */
 void inbound_refused(const char *why);
 
@@ -104,10 +113,15 @@ inline void inbound_received(int kind)
 }
 
 struct Snapshot {
+    bool up = true; /* false only in the last snapshot of a clean stop */
     uint64_t counters[kCounterCount] = {};
     uint64_t latency_buckets[kLatencyBuckets + 1] = {}; /* cumulative; the last is +Inf = count */
     double latency_sum_s = 0;
     bool mqtt_connected = false;
+    uint64_t mqtt_session = 0;        /* session number (docs/wire-protocol.md) */
+    bool mqtt_session_kept = false;   /* the broker had our session at the last accepted connect */
+    uint64_t commands_too_old = 0;    /* commands refused because their "t" was older than the limit */
+    std::string mqtt_broker; /* mqtt_broker_in_use() */
     uint64_t dispatch_depth = 0;
     uint64_t dispatch_depth_max = 0;
     uint64_t lan_clients = 0;
@@ -119,6 +133,7 @@ struct Snapshot {
     uint64_t dps_pending_peak = 0; /* the highest dps_pending the reporter saw since its last document */
     uint64_t log_dropped = 0;
     uint64_t log_suppressed = 0;
+    bool state_read_only = false; /* the state file could only be read: nothing is stored */
     double uptime_s = 0;
     uint64_t rss_bytes = 0;
     int64_t unix_time_s = 0;

@@ -131,6 +131,26 @@ void report_now()
     publish(r, s);
 }
 
+namespace {
+
+/*
+ * The last file and document of a clean stop: the gateway is down and its
+ * session is being closed, so a scrape after the stop (node_exporter keeps
+ * serving the file) does not show a connected gateway that is gone. The
+ * counters keep their final values.
+ */
+void report_stopped(Reporter &r) SF_EXCLUDES(r.output_lock)
+{
+    sf_sync::Guard out(r.output_lock);
+    Snapshot s = snapshot();
+    s.up = false;
+    s.mqtt_connected = false;
+    write_file(r, s);
+    publish(r, s);
+}
+
+} // namespace
+
 void stop_reporter()
 {
     Reporter &r = reporter();
@@ -143,7 +163,7 @@ void stop_reporter()
     }
     r.wake.notify_all();
     r.thread.join();
-    report_now();
+    report_stopped(r);
     sf_sync::Guard held(r.lock);
     r.running = false;
 }

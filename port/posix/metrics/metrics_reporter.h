@@ -21,7 +21,10 @@ struct ReporterConfig {
 /* Start the reporter; false with *why when a setting is unusable. Writes the file once before returning. */
 bool start_reporter(const ReporterConfig &config, std::string *why);
 
-/* Stop and join it, after one last file and document. Idempotent. */
+/*
+ * Stop and join it, then write one last file and document that say the
+ * gateway is down (sf_up 0, sf_mqtt_connected 0; docs/metrics.md). Idempotent.
+ */
 void stop_reporter();
 
 /* Write the file and publish the document now (tests, and the demo's last look). */

@@ -10,8 +10,11 @@
 #include "services/mqtt_client.h"
 #include "services/uni_mutex.h"
 #include "gateway/registry/gw_registry.h"
+#include "gateway/edge/wire_validate.h"
 #include "port/posix/lan/lan_config.h"
+#include "port/posix/mqtt/mqtt_config.h"
 #include "port/posix/log/log_output.h"
+#include "port/posix/state/state_store.h"
 #include "metrics.h"
 
 namespace sf_metrics {
@@ -90,12 +93,17 @@ Snapshot snapshot()
     }
     out.latency_sum_s = static_cast<double>(g_latency_sum_us.load(std::memory_order_relaxed)) / 1e6;
     out.mqtt_connected = get_mqc_conn_stat() != 0;
+    out.mqtt_session = mqc_session_number();
+    out.mqtt_session_kept = mqc_session_kept() != 0;
+    out.commands_too_old = wire_expired_refusals();
+    out.mqtt_broker = mqtt_broker_in_use();
     out.dispatch_depth = g_dispatch_depth.load(std::memory_order_relaxed);
     out.dispatch_depth_max = g_dispatch_depth_max.load(std::memory_order_relaxed);
     out.lan_clients = lan_authed_client_count();
     add_registry(&out);
     out.log_dropped = sf_log::dropped_lines();
     out.log_suppressed = sf_log::suppressed_lines();
+    out.state_read_only = sf_state::read_only();
     out.uptime_s = std::chrono::duration<double>(SteadyClock::now() - g_started).count();
     out.rss_bytes = resident_bytes();
     out.unix_time_s = static_cast<int64_t>(std::time(nullptr));

@@ -75,8 +75,13 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
 {
     const uint64_t *c = s.counters;
     Exposition e(gateway_id);
+    e.one("sf_up", "gauge", "1 while the gateway runs; 0 in the last file, written at a clean stop.", s.up ? "1" : "0");
     e.one("sf_mqtt_connected", "gauge", "1 while the broker connection is up, else 0.", s.mqtt_connected ? "1" : "0");
     e.one("sf_mqtt_connects_total", "counter", "Sessions the broker accepted.", number(c[MqttConnects]));
+    e.family("sf_mqtt_broker_info", "gauge", "Always 1; the broker label names the broker in use.");
+    e.sample("sf_mqtt_broker_info", "broker=\"" + label_value(s.mqtt_broker) + '"', "1");
+    e.one("sf_mqtt_broker_changes_total", "counter", "Sessions accepted by another broker of the list than the one before.",
+          number(c[MqttBrokerChanges]));
     e.one("sf_mqtt_disconnects_total", "counter", "Accepted sessions that ended.", number(c[MqttDisconnects]));
     e.one("sf_mqtt_connect_failures_total", "counter", "Connection attempts that did not reach a session.",
           number(c[MqttConnectFailures]));
@@ -104,6 +109,21 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
         e.sample("sf_mqtt_inbound_dropped_total", std::string("reason=\"") + kDropReasons[r] + '"',
                  number(c[InboundDroppedOversize + r]));
     }
+    e.one("sf_mqtt_session", "gauge", "Session number of the current or next connection (raised at every connect).",
+          number(s.mqtt_session));
+    e.one("sf_mqtt_session_kept", "gauge",
+          "1 when the broker had kept the gateway's session at the last connect, else 0.",
+          s.mqtt_session_kept ? "1" : "0");
+    e.one("sf_mqtt_session_takeovers_total", "counter",
+          "Sessions another client with the gateway's client id took over (two gateways with one id).",
+          number(c[MqttTakeovers]));
+    e.one("sf_commands_replayed_total", "counter",
+          "Commands taken from the journal of the last run and handed on again after a restart.",
+          number(c[CommandsReplayed]));
+    e.family("sf_commands_expired_total", "counter",
+             "Commands not applied because they were too old, by reason: message_expiry (MQTT 5), max_age (t).");
+    e.sample("sf_commands_expired_total", "reason=\"message_expiry\"", number(c[CommandsExpired]));
+    e.sample("sf_commands_expired_total", "reason=\"max_age\"", number(s.commands_too_old));
     e.one("sf_dispatch_queue_depth", "gauge", "Messages waiting for the dispatch thread.", number(s.dispatch_depth));
     e.one("sf_dispatch_queue_depth_max", "gauge", "Highest dispatch queue depth since the start.",
           number(s.dispatch_depth_max));
@@ -114,6 +134,8 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
           number(c[LanAuthRefused]));
     e.one("sf_lan_clients_dropped_slow_total", "counter", "LAN clients dropped for reading too slowly.",
           number(c[LanDroppedSlow]));
+    e.one("sf_lan_handshakes_failed_total", "counter", "LAN TLS handshakes that failed or did not finish in time.",
+          number(c[LanHandshakeFailed]));
     e.family("sf_devices", "gauge", "Sub-devices by presence.");
     e.sample("sf_devices", "state=\"online\"", number(s.devices_online));
     e.sample("sf_devices", "state=\"offline\"", number(s.devices_offline));
@@ -129,6 +151,8 @@ std::string prometheus_text(const Snapshot &s, const std::string &gateway_id)
           number(s.log_dropped));
     e.one("sf_log_lines_suppressed_total", "counter", "Repeated error lines held back by the rate limit.",
           number(s.log_suppressed));
+    e.one("sf_state_read_only", "gauge", "1 when the state file could only be read at start: nothing is stored.",
+          s.state_read_only ? "1" : "0");
     e.one("sf_uptime_seconds", "gauge", "Seconds since the gateway process started.", number(s.uptime_s));
     e.one("sf_resident_memory_bytes", "gauge", "Resident memory of the gateway process.", number(s.rss_bytes));
     return e.take();
@@ -157,6 +181,8 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
     return "{" + field("gateway", "\"" + label_value(gateway_id) + "\"") + "," + field("time", std::to_string(s.unix_time_s)) +
            "," +
            field("mqtt", "{" + field("connected", s.mqtt_connected ? "true" : "false") + "," +
+                             field("broker", "\"" + label_value(s.mqtt_broker) + "\"") + "," +
+                             field("broker_changes", number(c[MqttBrokerChanges])) + "," +
                              field("connects", number(c[MqttConnects])) + "," +
                              field("disconnects", number(c[MqttDisconnects])) + "," +
                              field("connect_failures", number(c[MqttConnectFailures])) + "," +
@@ -168,7 +194,13 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
                              field("latency_s", "{" + field("le", latency_le) + "," + field("counts", latency_counts) +
                                                     "," + field("sum", number(s.latency_sum_s)) + "}") +
                              "," + field("inbound", "{" + kinds + "}") + "," + field("inbound_dropped", "{" + drops + "}") +
-                             "}") +
+                             "," + field("session", number(s.mqtt_session)) + "," +
+                             field("session_kept", s.mqtt_session_kept ? "true" : "false") + "," +
+                             field("takeovers", number(c[MqttTakeovers])) + "}") +
+           "," +
+           field("commands", "{" + field("replayed", number(c[CommandsReplayed])) + "," +
+                                 field("expired", number(c[CommandsExpired])) + "," +
+                                 field("too_old", number(s.commands_too_old)) + "}") +
            "," +
            field("dispatch", "{" + field("depth", number(s.dispatch_depth)) + "," +
                                  field("depth_max", number(s.dispatch_depth_max)) + "," +
@@ -176,7 +208,8 @@ std::string json_document(const Snapshot &s, const std::string &gateway_id)
            "," +
            field("lan", "{" + field("clients", number(s.lan_clients)) + "," +
                             field("auth_refused", number(c[LanAuthRefused])) + "," +
-                            field("dropped_slow", number(c[LanDroppedSlow])) + "}") +
+                            field("dropped_slow", number(c[LanDroppedSlow])) + "," +
+                            field("handshakes_failed", number(c[LanHandshakeFailed])) + "}") +
            "," +
            field("registry", "{" + field("devices", number(s.devices)) + "," + field("online", number(s.devices_online)) +
                                  "," + field("offline", number(s.devices_offline)) + "," +

@@ -13,7 +13,10 @@
 #include <string>
 #include <thread>
 
+#include "services/uni_msg_queue.h"
+
 #include "gateway/sync/annotated_lock.h"
+#include "mqtt_brokers.h"
 #include "mqtt_config.h"
 #include "mqtt_inbound.h"
 #include "mqtt_pending.h"
@@ -33,6 +36,22 @@ struct Client {
     UINT_T receive_maximum = 16;
     UINT_T max_packet_bytes = 0; // MQTT 5 maximum packet size we announce
     std::string up_topic, cmd_filter, cmd_prefix, status_topic;
+    bool clean_session = false;     // false: the broker keeps our session while we are away
+    UINT_T session_expiry_s = 0;    // MQTT 5 session expiry interval of a persistent session
+    UINT_T takeover_backoff_s = 300;
+    bool journaled = false;         // commands go through the state file's journal (command_journal.h)
+    MSG_ID done_msg = 0;            // dispatch message that marks a journaled command applied; 0: none
+
+    // Network thread only: telling a take-over (mqtt_takeover.cpp).
+    Clock::time_point session_started{};
+    int short_sessions = 0;         // accepted sessions in a row the broker closed soon after their start
+    bool takeover_logged = false;
+    std::atomic<bool> taken_over{false}; // the last session ended by a take-over: back off long
+
+    // The brokers and the one in use (host, port and credentials above are
+    // its settings): changed on the network thread only (mqtt_broker_use.cpp).
+    std::unique_ptr<BrokerList> brokers;
+    size_t applied_broker = 0;
 
     mosquitto *mosq = nullptr;
     PendingPublications pending;
@@ -65,9 +84,19 @@ extern sf_sync::SharedMutex g_life;
 extern Client *g_client SF_GUARDED_BY(g_life);
 extern std::atomic<bool> g_connected; // CONNACK accepted, connection up
 extern std::atomic<bool> g_stopping;  // mqc_stop under way
+extern std::atomic<uint64_t> g_session; // session number of the current or next connection
+extern std::atomic<bool> g_session_kept; // the broker had our session at the last accepted connect
+extern std::atomic<bool> g_v5;           // the current connection speaks MQTT 5 (uplinks carry properties)
 
 /* Fill client's settings and topics from cfg with their defaults; false (logged) without a gateway id. */
 bool configure(Client *client, const MQC_CONFIG_S *cfg);
+
+/* The broker list of cfg (or its single host and port) into client; false (logged) when it cannot be used. */
+bool configure_brokers(Client *client, const MQC_CONFIG_S *cfg);
+/* Before a connect, network thread: take the settings of the list's current broker; false (logged) on failure. */
+bool use_broker(Client *client);
+/* The current broker accepted a session, network thread: a change of broker is logged and counted. */
+void broker_accepted(Client *client);
 
 /* text, or NULL when empty, for libmosquitto's optional arguments. */
 inline const char *c_or_null(const std::string &text) { return text.empty() ? nullptr : text.c_str(); }

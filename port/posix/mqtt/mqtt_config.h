@@ -31,6 +31,21 @@ extern "C" {
 #define MQC_PRO_SCENE     205 /* scene operation answers */
 
 /*
+ * One broker of a list (MQC_CONFIG_S.brokers). NULL or empty texts take the
+ * shared setting of MQC_CONFIG_S; port 0 takes 1883, or 8883 with TLS. TLS
+ * is on for all brokers of a list or for none.
+ */
+typedef struct {
+    const CHAR_T *host;      /* required */
+    INT_T         port;
+    const CHAR_T *username;
+    const CHAR_T *password;
+    const CHAR_T *ca_file;
+    const CHAR_T *cert_file;
+    const CHAR_T *key_file;
+} MQC_BROKER_S;
+
+/*
  * Every text is copied by mqc_start. Zero or NULL fields take the default
  * named in brackets.
  */
@@ -56,6 +71,15 @@ typedef struct {
     UINT_T        protocol;          /* 5: MQTT 5 only; 311: MQTT 3.1.1 only; 0: MQTT 5, or 3.1.1
                                         when the broker refuses 5 [SF_MQTT_PROTOCOL]. See
                                         docs/robustness.md for what each can bound. */
+    BOOL_T        clean_session;     /* 1: a clean session at every connect, so the broker keeps nothing
+                                        while the gateway is away; 0: a persistent session [0] */
+    UINT_T        session_expiry_s;  /* MQTT 5 session expiry of a persistent session, seconds
+                                        [SF_MQTT_SESSION_EXPIRY_S] */
+    UINT_T        takeover_backoff_s; /* reconnect delay once another client took our session
+                                         [SF_MQTT_TAKEOVER_BACKOFF_S] */
+    const MQC_BROKER_S *brokers;     /* broker_count > 0: these brokers, tried in this order, instead of
+                                        host and port (see port/posix/mqtt/mqtt_brokers.h) */
+    UINT_T        broker_count;
 } MQC_CONFIG_S;
 
 /*
@@ -85,6 +109,18 @@ typedef struct {
 
 /* Fill *stat (all zero while the client is not started). Any thread. */
 void mqc_get_inbound_stat(MQC_INBOUND_STAT_S *stat);
+
+/*
+ * The session number of the current (or next) connection: raised at every
+ * start and after every accepted session, kept in the state file's journal
+ * (port/posix/state/command_journal.h) when it is open, else counted from
+ * the POSIX seconds at start. Carried by sf/<gw>/status and, under MQTT 5,
+ * by every uplink (docs/wire-protocol.md). 0 while not started. Any thread.
+ */
+uint64_t mqc_session_number(void);
+
+/* Whether the broker had kept our session at the last accepted connect. Any thread. */
+BOOL_T mqc_session_kept(void);
 
 #ifdef __cplusplus
 } /* extern "C" */

@@ -40,7 +40,10 @@
 #include "gateway/registry/gw_registry.h"
 #include "port/posix/metrics/metrics.h"
 #include "mqtt_client_state.h"
+#include "mqtt_journal.h"
+#include "mqtt_session.h"
 #include "port/posix/posix_tunables.h"
+#include "port/posix/state/command_journal.h"
 #include "services/log_front.h"
 
 namespace sf_mqtt {
@@ -61,14 +64,28 @@ constexpr int LOOP_WAIT_MS = SF_MQTT_LOOP_WAIT_MS;
 constexpr auto STOP_GRACE = std::chrono::seconds(SF_MQTT_STOP_GRACE_S);
 constexpr auto HELD_POLL = std::chrono::milliseconds(SF_MQTT_HELD_POLL_MS);
 
-constexpr char ONLINE_STATUS[] = "{\"online\":true}";
-constexpr char OFFLINE_STATUS[] = "{\"online\":false}";
+void publish_status(Client *client, bool online)
+{
+    const std::string text = status_text(online);
+    mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), static_cast<int>(text.size()), text.data(),
+                      1, true);
+}
 
-void on_connect(mosquitto *mosq, void *obj, int rc)
+/*
+ * flags bit 0 is the CONNACK's "session present". The command topics are
+ * subscribed to whether or not the broker kept the session: a SUBACK is
+ * what tells us they are granted, and renewing a kept subscription loses
+ * none of the commands queued under it.
+ */
+void on_connect(mosquitto *mosq, void *obj, int rc, int flags, const mosquitto_property *)
 {
     auto *client = static_cast<Client *>(obj);
     client->connack_rc = rc;
     client->connack_seen = true;
+    if (rc == 0) {
+        g_v5 = client->protocol == MQTT_PROTOCOL_V5;
+        session_accepted(client, (flags & 1) != 0);
+    }
     if (rc != 0) {
         // 4 and 5 are the broker's answers to a wrong user name or password.
         SF_LOG_ERR("MQTT broker %s:%d refused the connection: %s%s", client->host.c_str(), client->port,
@@ -103,19 +120,21 @@ void on_subscribe(mosquitto *mosq, void *obj, int, int qos_count, const int *gra
         return;
     }
     client->subscribed = true;
-    mosquitto_publish(mosq, nullptr, client->status_topic.c_str(), sizeof ONLINE_STATUS - 1, ONLINE_STATUS, 1,
-                      true);
+    publish_status(client, true);
     client->pending.open();
     client->established = true;
     g_connected = true;
     gw_registry_set_nw_status(GW_NW_CLOUD);
+    broker_accepted(client);
     sf_metrics::mqtt_session_up(client->host.c_str(), client->port);
-    SF_LOG_PROG("MQTT connected to %s:%d as %s", client->host.c_str(), client->port, client->client_id.c_str());
+    client->inbound->poke();
+    SF_LOG_PROG("MQTT connected to %s:%d as %s, session %llu", client->host.c_str(), client->port,
+                client->client_id.c_str(), static_cast<unsigned long long>(g_session.load()));
     // Values whose publication failed while the cloud was away go out again.
     sf_start_sync_obj_dp();
 }
 
-void on_disconnect(mosquitto *, void *obj, int rc)
+void on_disconnect(mosquitto *, void *obj, int rc, const mosquitto_property *)
 {
     auto *client = static_cast<Client *>(obj);
     client->subscribed = false;
@@ -125,6 +144,7 @@ void on_disconnect(mosquitto *, void *obj, int rc)
     }
     if (was_connected) {
         sf_metrics::mqtt_session_down(client->host.c_str(), client->port);
+        client->taken_over = !g_stopping && session_taken_over(client, rc);
         if (rc != 0) {
             SF_LOG_ERR("MQTT connection to %s:%d lost (%s), reconnecting", client->host.c_str(), client->port,
                        mosquitto_strerror(rc));
@@ -145,7 +165,26 @@ void on_publish(mosquitto *, void *obj, int mid)
     static_cast<Client *>(obj)->pending.settle_acked(mid);
 }
 
-void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
+/* The remaining MQTT 5 message expiry of a command as POSIX milliseconds; 0 when it has none. */
+int64_t expiry_of(const mosquitto_property *props)
+{
+    uint32_t remaining_s = 0;
+    if (props == nullptr ||
+        mosquitto_property_read_int32(props, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL, &remaining_s, false) == nullptr) {
+        return 0;
+    }
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count() +
+           static_cast<int64_t>(remaining_s) * 1000;
+}
+
+/*
+ * libmosquitto queues the PUBACK of a QoS 1 message before it calls us and
+ * writes it only when this thread next runs its loop, after we return
+ * (docs/wire-protocol.md "Delivery of commands"). So a command journaled
+ * here is in the state file before the broker may forget it.
+ */
+void on_message(mosquitto *, void *obj, const mosquitto_message *msg, const mosquitto_property *props)
 {
     auto *client = static_cast<Client *>(obj);
     if (msg->topic == nullptr || std::strncmp(msg->topic, client->cmd_prefix.c_str(), client->cmd_prefix.size()) != 0) {
@@ -158,8 +197,12 @@ void on_message(mosquitto *, void *obj, const mosquitto_message *msg)
         return;
     }
     sf_metrics::inbound_received(static_cast<int>(kind));
-    client->inbound->push(kind, msg->payload, msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen),
-                          msg->qos);
+    const size_t len = msg->payloadlen < 0 ? 0 : static_cast<size_t>(msg->payloadlen);
+    const int64_t expires_ms = expiry_of(props);
+    const int64_t seq = client->journaled && msg->qos > 0 && client->inbound->fits(len)
+                            ? sf_state::journal::put(name, msg->payload, len, expires_ms)
+                            : 0;
+    client->inbound->push(kind, msg->payload, len, msg->qos, seq, expires_ms);
 }
 
 /* Sleep up to span unless the client stops; false when it stops. */
@@ -277,14 +320,21 @@ int connect_now(Client *client) SF_REQUIRES(client->connect_mutex)
     client->subscribed = false;
     mosquitto_int_option(client->mosq, MOSQ_OPT_PROTOCOL_VERSION, client->protocol);
     const int keepalive = static_cast<int>(client->keepalive_s);
+    int rc = set_will(client);
+    if (rc != MOSQ_ERR_SUCCESS) {
+        return rc;
+    }
     if (client->protocol != MQTT_PROTOCOL_V5) {
         return mosquitto_connect(client->mosq, client->host.c_str(), client->port, keepalive);
     }
     mosquitto_property *props = nullptr;
-    int rc = mosquitto_property_add_int16(&props, MQTT_PROP_RECEIVE_MAXIMUM,
-                                          static_cast<uint16_t>(client->receive_maximum));
+    rc = mosquitto_property_add_int16(&props, MQTT_PROP_RECEIVE_MAXIMUM,
+                                      static_cast<uint16_t>(client->receive_maximum));
     if (rc == MOSQ_ERR_SUCCESS) {
         rc = mosquitto_property_add_int32(&props, MQTT_PROP_MAXIMUM_PACKET_SIZE, client->max_packet_bytes);
+    }
+    if (rc == MOSQ_ERR_SUCCESS && !client->clean_session) {
+        rc = mosquitto_property_add_int32(&props, MQTT_PROP_SESSION_EXPIRY_INTERVAL, client->session_expiry_s);
     }
     if (rc == MOSQ_ERR_SUCCESS) {
         rc = mosquitto_connect_bind_v5(client->mosq, client->host.c_str(), client->port, keepalive, nullptr, props);
@@ -330,7 +380,7 @@ void fall_back_if_refused(Client *client, int rc)
 
 void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait_mutex)
 {
-    UINT_T delay_s = client->reconnect_min_s;
+    UINT_T delay_s = 0;
     // An outage is one state change: its first failed attempt, and any change
     // of reason, are errors; the same failure again is detail, and counted.
     std::string failing_because;
@@ -341,7 +391,7 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
             if (client->stop) {
                 return;
             }
-            rc = connect_now(client);
+            rc = use_broker(client) ? connect_now(client) : MOSQ_ERR_INVAL;
         }
         const bool reached = rc == MOSQ_ERR_SUCCESS;
         if (reached) {
@@ -350,11 +400,23 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
         const bool was_established = client->established.exchange(false);
         if (was_established) {
             // The broker did accept us: this is a new outage, not a persisting one.
-            delay_s = client->reconnect_min_s;
             failing_because.clear();
         }
+        // The next broker of the list (the same one when it is alone), after the back-off.
+        delay_s = client->brokers->after_attempt(was_established);
         if (client->stop) {
             return;
+        }
+        if (was_established) {
+            // The next connection is a new session, whatever becomes of this one's will.
+            raise_session(client);
+        }
+        if (was_established && client->taken_over.exchange(false)) {
+            // Another client with our id: fight it less often (mqtt_session.h).
+            if (!wait_unless_stopped(client, std::chrono::seconds(client->takeover_backoff_s))) {
+                return;
+            }
+            continue;
         }
         if (!was_established && reached) {
             fall_back_if_refused(client, rc);
@@ -377,7 +439,6 @@ void run_network(Client *client) SF_EXCLUDES(client->connect_mutex, client->wait
         if (!wait_unless_stopped(client, std::chrono::seconds(delay_s))) {
             return;
         }
-        delay_s = delay_s * 2 > client->reconnect_max_s ? client->reconnect_max_s : delay_s * 2;
     }
 }
 
@@ -418,23 +479,22 @@ void complete_all_stopped(Client *client)
 
 bool set_up_mosquitto(Client *client)
 {
-    client->mosq = mosquitto_new(client->client_id.c_str(), true, client);
+    client->mosq = mosquitto_new(client->client_id.c_str(), client->clean_session, client);
     if (client->mosq == nullptr) {
         SF_LOG_ERR("mosquitto_new failed");
         return false;
     }
     mosquitto *mosq = client->mosq;
-    mosquitto_connect_callback_set(mosq, on_connect);
-    mosquitto_disconnect_callback_set(mosq, on_disconnect);
+    mosquitto_connect_v5_callback_set(mosq, on_connect);
+    mosquitto_disconnect_v5_callback_set(mosq, on_disconnect);
     mosquitto_publish_callback_set(mosq, on_publish);
-    mosquitto_message_callback_set(mosq, on_message);
+    mosquitto_message_v5_callback_set(mosq, on_message);
     mosquitto_subscribe_callback_set(mosq, on_subscribe);
     mosquitto_log_callback_set(mosq, on_log);
     mosquitto_threaded_set(mosq, true);
     mosquitto_max_inflight_messages_set(mosq, client->max_inflight);
-    int rc = mosquitto_will_set(mosq, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1, OFFLINE_STATUS, 1,
-                                true);
-    if (rc == MOSQ_ERR_SUCCESS && !client->username.empty()) {
+    int rc = MOSQ_ERR_SUCCESS;
+    if (!client->username.empty()) {
         rc = mosquitto_username_pw_set(mosq, client->username.c_str(), sf_mqtt::c_or_null(client->password));
     }
     if (rc == MOSQ_ERR_SUCCESS && !client->ca_file.empty()) {
@@ -458,6 +518,7 @@ void destroy(Client *client)
     }
     delete client;
 }
+
 
 } // namespace
 
@@ -484,8 +545,12 @@ extern "C" OPERATE_RET mqc_start(const MQC_CONFIG_S *cfg)
     }
     g_stopping = false;
     g_connected = false;
+    g_session = 0;
     gw_registry_set_nw_status(GW_NW_LAN);
     client->pending.on_settled([client] { wake_for_settled(client); });
+    client->inbound->set_gate(&g_connected);
+    take_journal(client);
+    raise_session(client);
     client->inbound->start();
     client->expiry = std::thread(run_expiry, client);
     // The first connection is made on the network thread: an unreachable
@@ -508,8 +573,7 @@ extern "C" void mqc_stop(void)
     const bool was_connected = g_connected;
     if (was_connected) {
         // A clean disconnect does not fire the will: say it ourselves.
-        mosquitto_publish(client->mosq, nullptr, client->status_topic.c_str(), sizeof OFFLINE_STATUS - 1,
-                          OFFLINE_STATUS, 1, true);
+        publish_status(client, false);
     }
     stop_network(client);
     g_connected = false;

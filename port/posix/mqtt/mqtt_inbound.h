@@ -26,6 +26,7 @@
 #include <thread>
 
 #include "gateway/sync/annotated_lock.h"
+#include "services/uni_msg_queue.h"
 #include "gateway/edge/wire_commands.h"
 
 namespace sf_mqtt {
@@ -50,9 +51,34 @@ public:
     /*
      * Queue a copy of payload for kind; network thread. Never blocks.
      * Oversized payloads, and QoS 0 ones past the reserve, are logged,
-     * counted and dropped.
+     * counted and dropped. seq: its row in the command journal, or 0;
+     * expires_ms: POSIX milliseconds after which it is dropped unapplied,
+     * or 0.
      */
-    void push(sf_wire::CmdKind kind, const void *payload, size_t len, int qos) SF_EXCLUDES(mutex_);
+    void push(sf_wire::CmdKind kind, const void *payload, size_t len, int qos, int64_t seq = 0,
+              int64_t expires_ms = 0) SF_EXCLUDES(mutex_);
+
+    /* Whether a payload of len bytes is within the byte limit (else push drops it). */
+    bool fits(size_t len) const { return len <= max_bytes_; }
+
+    /*
+     * The dispatch message (services/uni_msg_queue.h) posted behind each
+     * journaled command, whose handler marks it applied; 0: marked as soon
+     * as it is handed to the smart frame. Before start().
+     */
+    void set_done_message(MSG_ID mid) { done_msg_ = mid; }
+
+    /*
+     * Commands are handed on only while *open is true (NULL: always):
+     * the MQTT client opens it once its session is up, so the answer a
+     * command gets (a report, a refusal) has a connection to go out on.
+     * A persistent session delivers queued commands right after CONNACK,
+     * before the SUBACK that opens the gate. Before start().
+     */
+    void set_gate(const std::atomic<bool> *open) { gate_ = open; }
+
+    /* The gate opened: look at the queue again. Any thread. */
+    void poke() SF_EXCLUDES(mutex_);
 
     /*
      * Whether the network thread may read its socket: below the limit, or
@@ -73,8 +99,12 @@ private:
     struct Item {
         sf_wire::CmdKind kind;
         std::string payload;
+        int64_t seq = 0;
+        int64_t expires_ms = 0;
     };
     void run() SF_EXCLUDES(mutex_);
+    void hand_over(Item &item);
+    void applied(int64_t seq);
 
     const size_t max_bytes_;
     const size_t max_depth_;
@@ -87,6 +117,8 @@ private:
     bool stopping_ SF_GUARDED_BY(mutex_) = false;
     std::atomic<bool> abort_{false}; // ends the worker's wait for dispatch room
     std::atomic<size_t> dropped_{0};
+    MSG_ID done_msg_ = 0;
+    const std::atomic<bool> *gate_ = nullptr;
     std::thread thread_;
 };
 

@@ -5,6 +5,8 @@
  * recorded until it runs.
  */
 #define SF_LOG_MODULE SF_LOG_MODULE_CHANNEL
+#include <mqtt_protocol.h>
+
 #include <cstring>
 
 #include "services/mqtt_client.h"
@@ -30,8 +32,21 @@ OPERATE_RET publish_uplink(Client *client, const std::string &payload, int qos, 
         return MQC_RC_NOT_CONNECTED;
     }
     auto publish = [&](int *mid) {
-        return mosquitto_publish(client->mosq, mid, client->up_topic.c_str(), static_cast<int>(payload.size()),
-                                 payload.data(), qos, false);
+        if (!g_v5) {
+            return mosquitto_publish(client->mosq, mid, client->up_topic.c_str(), static_cast<int>(payload.size()),
+                                     payload.data(), qos, false);
+        }
+        // MQTT 5: the session number rides along, so the cloud can order
+        // uplinks across restarts by (session, serno); the payload is unchanged.
+        mosquitto_property *props = nullptr;
+        const std::string session = std::to_string(g_session.load());
+        int rc = mosquitto_property_add_string_pair(&props, MQTT_PROP_USER_PROPERTY, "session", session.c_str());
+        if (rc == MOSQ_ERR_SUCCESS) {
+            rc = mosquitto_publish_v5(client->mosq, mid, client->up_topic.c_str(), static_cast<int>(payload.size()),
+                                      payload.data(), qos, false, props);
+        }
+        mosquitto_property_free_all(&props);
+        return rc;
     };
     int rc;
     if (cb == nullptr && block == nullptr) {

@@ -49,6 +49,9 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     if (client->reconnect_max_s < client->reconnect_min_s) {
         client->reconnect_max_s = client->reconnect_min_s;
     }
+    if (!configure_brokers(client, cfg)) {
+        return false;
+    }
     client->default_timeout_s = or_default(cfg->default_timeout_s, SF_MQTT_PUBLISH_TIMEOUT_S);
     client->max_inflight = or_default(cfg->max_inflight, SF_MQTT_MAX_INFLIGHT);
     const std::string base = or_default(cfg->topic_root, "sf") + "/" + client->gw_id + "/";
@@ -64,6 +67,9 @@ bool configure(Client *client, const MQC_CONFIG_S *cfg)
     client->protocol = protocol == 5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311;
     client->fall_back = cfg->protocol == 0 && protocol == 5;
     client->receive_maximum = SF_MQTT_RECEIVE_MAXIMUM;
+    client->clean_session = cfg->clean_session == TRUE;
+    client->session_expiry_s = or_default(cfg->session_expiry_s, SF_MQTT_SESSION_EXPIRY_S);
+    client->takeover_backoff_s = or_default(cfg->takeover_backoff_s, SF_MQTT_TAKEOVER_BACKOFF_S);
     const UINT_T max_bytes = or_default(cfg->max_inbound_bytes, SF_MQTT_MAX_INBOUND_BYTES);
     client->max_packet_bytes = max_bytes + SF_MQTT_PACKET_OVERHEAD;
     client->inbound = std::make_unique<InboundWorker>(max_bytes,

@@ -9,6 +9,9 @@
 
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
+#include <system_error>
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include "port/posix/posix_tunables.h"
@@ -95,6 +98,39 @@ void Db::close()
         sqlite3_close_v2(db_);
         db_ = nullptr;
     }
+    if (!copy_dir_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove_all(copy_dir_, ignored);
+        copy_dir_.clear();
+    }
+}
+
+/*
+ * The stored file copied (with its WAL, which may hold the last committed
+ * writes) into a private temporary directory and opened there; true when
+ * the copy is a good state file. Nothing is written to the original.
+ */
+bool Db::open_read_only_copy()
+{
+    close();
+    std::string pattern = (std::filesystem::temp_directory_path() / "sf_state_ro.XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        return false;
+    }
+    copy_dir_ = pattern;
+    const std::string copy = copy_dir_ + "/state.db";
+    std::error_code failed;
+    std::filesystem::copy_file(path_, copy, failed);
+    if (!failed && exists(path_ + "-wal")) {
+        std::filesystem::copy_file(path_ + "-wal", copy + "-wal", failed);
+    }
+    std::string why;
+    if (failed || sqlite3_open_v2(copy.c_str(), &db_, SQLITE_OPEN_READWRITE, nullptr) != SQLITE_OK ||
+        check(&why) != Check::GOOD) {
+        close();
+        return false;
+    }
+    return true;
 }
 
 bool Db::reopen()
@@ -200,6 +236,9 @@ bool Db::open(const std::string &path)
         std::string why;
         const Check verdict = check(&why);
         bool ready = verdict == Check::GOOD || (verdict == Check::EMPTY && create_schema());
+        if (verdict == Check::UNUSABLE && exists(path_) && open_read_only_copy()) {
+            return true; /* the store says so, once, with what it restored */
+        }
         if (verdict == Check::UNUSABLE) {
             SF_LOG_ERR("state: cannot use %s (%s): the gateway runs from its description and stores nothing",
                        path_.c_str(), why.c_str());
@@ -256,6 +295,10 @@ bool Db::read_all(std::vector<Row> *rows)
 
 int Db::write(const std::vector<Row> &rows, const std::vector<Key> &deletes, std::string *why)
 {
+    if (read_only()) {
+        *why = "the state file is open read-only";
+        return SQLITE_READONLY;
+    }
     int rc = sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr);
     for (size_t i = 0; rc == SQLITE_OK && i < rows.size(); ++i) {
         const Row &row = rows[i];

@@ -54,12 +54,16 @@ public:
      * Open the file, creating it when missing. A file that is no SQLite
      * database, is damaged, or holds another schema version is renamed
      * to PATH.bad-<UTC time> (its -wal too) with one log line, and a new
-     * file is made in its place. false, with one log line, when the
-     * location cannot be written (read-only, missing directory): the
-     * gateway then runs without a state file.
+     * file is made in its place. A good file that cannot be opened for
+     * writing (a read-only mount, as flash becomes after a file-system
+     * error) is opened read-only: read_only() is then true, its rows can
+     * be read and write() refuses. false, with one log line, when the
+     * location cannot be used at all (no file and no way to make one,
+     * missing directory): the gateway then runs without a state file.
      */
     bool open(const std::string &path);
     bool is_open() const { return db_ != nullptr; }
+    bool read_only() const { return !copy_dir_.empty(); }
     const std::string &path() const { return path_; }
 
     /* Every stored row; false (logged) when the file cannot be read. */
@@ -84,8 +88,16 @@ private:
     bool create_schema();
     bool reopen();
     void set_aside(const std::string &why);
+    bool open_read_only_copy();
 
     std::string path_;
+    /*
+     * Read-only: the private directory holding the copy that is open.
+     * SQLite cannot read a WAL file in a location where it may not create
+     * the shared-memory index, so the file and its WAL are copied out and
+     * read there; the copy goes with close().
+     */
+    std::string copy_dir_;
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *upsert_ = nullptr;
     sqlite3_stmt *remove_ = nullptr;

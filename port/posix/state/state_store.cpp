@@ -5,6 +5,7 @@
 #define SF_LOG_MODULE SF_LOG_MODULE_STATE
 #include "state_store.h"
 
+#include <atomic>
 #include <memory>
 #include <set>
 #include <vector>
@@ -21,6 +22,7 @@ namespace {
 sf_sync::Mutex g_life; /* start, stop and the restored set */
 std::unique_ptr<Writer> g_writer SF_GUARDED_BY(g_life);
 std::set<Key> g_restored SF_GUARDED_BY(g_life);
+std::atomic<bool> g_read_only{false};
 
 void log_restore(const Db &db, const Restored &restored)
 {
@@ -46,6 +48,7 @@ bool start(const Settings &settings)
         return false;
     }
     g_restored.clear();
+    g_read_only.store(false);
     auto db = std::make_unique<Db>();
     if (!db->open(settings.path)) {
         return false;
@@ -56,6 +59,14 @@ bool start(const Settings &settings)
     apply_rows(rows, &restored);
     log_restore(*db, restored);
     g_restored.insert(restored.applied.begin(), restored.applied.end());
+    g_read_only.store(db->read_only());
+    if (db->read_only()) {
+        /* the stored values win over the description's all the same; nothing is written, not even a drop */
+        SF_LOG_WARN("state: %s cannot be written: the gateway runs on the values it restored and stores nothing "
+                    "until it restarts with a writable location",
+                    db->path().c_str());
+        return false;
+    }
     if (!restored.dropped.empty()) {
         std::string why;
         if (db->write({}, restored.dropped, &why) != 0) {
@@ -78,6 +89,8 @@ void stop()
         writer->stop();
     }
 }
+
+bool read_only() { return g_read_only.load(); }
 
 bool running()
 {

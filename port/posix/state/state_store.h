@@ -10,7 +10,8 @@
  *
  * A bad state file never stops the gateway: start() logs one line and
  * either sets the file aside and starts from the description, or runs on
- * without storing. Failed writes are logged once per episode and retried.
+ * without storing (from the stored values when the file is good but its
+ * location read-only). Failed writes are logged once per episode and retried.
  */
 #ifndef PORT_POSIX_STATE_STORE_H
 #define PORT_POSIX_STATE_STORE_H
@@ -43,6 +44,13 @@ bool start(const Settings &settings);
 void stop();
 
 bool running();
+
+/*
+ * Whether start() found the state file's location read-only: the stored
+ * values were restored from it, and nothing is written (no writer runs).
+ * Any thread; the metric sf_state_read_only shows it.
+ */
+bool read_only();
 
 /* Whether start() applied a stored value to this DP (the simulator starts its devices from it). */
 bool restored(const std::string &dev, int dpid);

@@ -59,7 +59,7 @@ protected:
                 ASSERT_TRUE(cloud_.wait_until(
                     [](const std::vector<Received> &all) {
                         for (const Received &one : all) {
-                            if (one.topic == topic("status") && one.payload == "{\"online\":true}") {
+                            if (one.topic == topic("status") && one.payload == status(true)) {
                                 return true;
                             }
                         }
@@ -82,22 +82,35 @@ protected:
         return cfg;
     }
 
-    /* Start the LAN channel on a free port; the key comes from the registry. */
-    void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0)
+    /* Start the LAN channel on a free port; the key comes from the registry. TLS unless plain. */
+    void start_lan(UINT_T auth_timeout_ms = 0, UINT_T max_queue_frames = 0, bool plain = false)
     {
         LAN_CONFIG_S cfg{};
         cfg.auth_timeout_ms = auth_timeout_ms;
         cfg.max_queue_frames = max_queue_frames;
+        start_lan_with(cfg, plain);
+    }
+
+    /* Start the LAN channel with cfg, in plain TCP when plain; the peers connected later speak the same. */
+    static void start_lan_with(LAN_CONFIG_S cfg, bool plain)
+    {
+        cfg.security = plain ? LAN_SECURITY_PLAIN : LAN_SECURITY_TLS;
+        lan_peers_speak_plain(plain);
         ASSERT_EQ(RC_OK, lan_start(&cfg));
         ASSERT_NE(0, lan_bound_port());
     }
 
-    /* Connect peer and authenticate it; returns the gateway's greeting ("" when none came). */
+    /*
+     * Connect peer and authenticate it: the handshake under TLS, the auth
+     * frame in plain TCP. Returns the gateway's greeting ("" when none came).
+     */
     static std::string authenticate(LanPeer *peer)
     {
         std::string hello;
-        EXPECT_TRUE(peer->connect(lan_bound_port()));
-        EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        EXPECT_TRUE(peer->connect(lan_bound_port())) << peer->why();
+        if (!peer->tls()) {
+            EXPECT_TRUE(peer->send_line(std::string("{\"cmd\":\"auth\",\"key\":\"") + LOCAL_KEY + "\"}"));
+        }
         EXPECT_TRUE(peer->read_line(&hello, seconds(5)));
         return hello;
     }
@@ -110,6 +123,13 @@ protected:
     }
 
     static std::string topic(const char *leaf) { return std::string("sf/") + GW_ID + "/" + leaf; }
+
+    /* The status text of the client's session now (docs/wire-protocol.md, section 2). */
+    static std::string status(bool online)
+    {
+        return std::string("{\"online\":") + (online ? "true" : "false") +
+               ",\"session\":" + std::to_string(mqc_session_number()) + "}";
+    }
 
     /* Uplink messages of protocol pro whose "data" printed unformatted equals data. */
     static bool has_uplink(const std::vector<Received> &all, int pro, const std::string &data)

@@ -6,7 +6,19 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <csignal>
+
+#include "gateway.h"
+
 namespace it {
+
+namespace {
+
+bool g_plain = false;
+
+} // namespace
+
+void lan_peers_speak_plain(bool plain) { g_plain = plain; }
 
 LAN_STATS_S lan_stats_now()
 {
@@ -19,6 +31,7 @@ LanPeer::~LanPeer() { close(); }
 
 void LanPeer::close()
 {
+    tls_.reset();
     if (fd_ >= 0) {
         ::close(fd_);
         fd_ = -1;
@@ -33,20 +46,53 @@ bool LanPeer::open_socket()
     return fd_ >= 0;
 }
 
-bool LanPeer::connect(int port)
+bool LanPeer::connect(int port) { return connect(port, LOCAL_KEY); }
+
+bool LanPeer::connect(int port, const std::string &key)
 {
+    why_.clear();
     open_socket();
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     addr.sin_port = htons(static_cast<uint16_t>(port));
-    return ::connect(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) == 0;
+    if (::connect(fd_, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+        why_ = "connect failed";
+        return false;
+    }
+    if (g_plain) {
+        return true;
+    }
+    std::signal(SIGPIPE, SIG_IGN); // the TLS library writes with write(2)
+    // A gateway that never answers the handshake must not hang the test.
+    const timeval bound{10, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &bound, sizeof bound);
+    tls_ = std::make_unique<sf_lan::TlsClient>();
+    if (!tls_->handshake(fd_, GW_ID, key, &why_)) {
+        tls_.reset();
+        return false;
+    }
+    const timeval none{0, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &none, sizeof none);
+    return true;
 }
 
-bool LanPeer::send_line(const std::string &line)
+bool LanPeer::send_line(const std::string &line) { return send_bytes(line + "\n"); }
+
+bool LanPeer::send_bytes(const std::string &bytes)
 {
-    const std::string framed = line + "\n";
-    return ::send(fd_, framed.data(), framed.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(framed.size());
+    if (tls_) {
+        return tls_->write_all(bytes);
+    }
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+void LanPeer::shutdown_write()
+{
+    if (tls_) {
+        tls_->shutdown_write();
+    }
+    ::shutdown(fd_, SHUT_WR);
 }
 
 bool LanPeer::read_line(std::string *line, std::chrono::milliseconds timeout)
@@ -68,11 +114,11 @@ bool LanPeer::read_line(std::string *line, std::chrono::milliseconds timeout)
             return false;
         }
         pollfd pfd{fd_, POLLIN, 0};
-        if (::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
+        if (!(tls_ && tls_->pending()) && ::poll(&pfd, 1, static_cast<int>(left.count())) <= 0) {
             continue;
         }
         char buf[4096];
-        const ssize_t got = ::recv(fd_, buf, sizeof buf, 0);
+        const ssize_t got = tls_ ? tls_->read(buf, sizeof buf) : ::recv(fd_, buf, sizeof buf, 0);
         if (got <= 0) {
             eof_ = true;
         } else {

@@ -93,6 +93,20 @@ TEST_F(LogFile, SuppressedLinesAreSummedUpWhenTheWindowEnds)
     EXPECT_NE(std::string::npos, text().find("publication failed: 100\n"));
 }
 
+TEST_F(LogFile, AStopInsideTheWindowStillTellsHowManyLinesWereSuppressed)
+{
+    sf_log::set_rate_limit(2, std::chrono::hours(1));
+    for (int i = 0; i < 9; ++i) {
+        log_failure(i);
+    }
+    EXPECT_EQ(std::string::npos, text().find("similar lines suppressed")) << text();
+    sf_log::summarize_suppressed();
+    const std::string out = text();
+    EXPECT_EQ(1u, count_of(out, "WARN report.cpp:77 report: 7 similar lines suppressed\n")) << out;
+    sf_log::summarize_suppressed(); /* told once */
+    EXPECT_EQ(1u, count_of(text(), "similar lines suppressed")) << text();
+}
+
 TEST_F(LogFile, ProgressLinesAreNeverRateLimited)
 {
     sf_log::set_rate_limit(1, std::chrono::hours(1));

@@ -16,6 +16,7 @@
 #include "port/posix/mqtt/mqtt_inbound.h"
 #include "port/posix/mqtt/mqtt_pending.h"
 #include "tests/unit/gateway/registry/registry_test_data.h"
+#include "tests/unit/posix/posix_test_util.h"
 
 namespace {
 
@@ -80,6 +81,22 @@ TEST_F(Metrics, AQueueFullDropOfAQos0CommandMovesItsCounter)
     EXPECT_EQ(0u, counter(sf_metrics::InboundDroppedQueueFull));
     worker.push(sf_wire::CmdKind::Dp, "{}", 2, 0);
     EXPECT_EQ(1u, counter(sf_metrics::InboundDroppedQueueFull));
+}
+
+TEST_F(Metrics, ACommandWhoseMessageExpiryPassedIsDroppedAndCountedAsExpired)
+{
+    sf_mqtt::InboundWorker worker(64, 4, 8, 0);
+    worker.start();
+    worker.push(sf_wire::CmdKind::Dp, "{}", 2, 1, 0, 1000); /* expired at 1970-01-01 00:00:01 */
+    EXPECT_TRUE(posix_test::eventually([] { return counter(sf_metrics::CommandsExpired) == 1; }));
+    worker.stop();
+    const std::string text = sf_metrics::prometheus_text(sf_metrics::snapshot(), "g");
+    EXPECT_NE(std::string::npos, text.find("sf_commands_expired_total{gateway=\"g\",reason=\"message_expiry\"} 1\n"))
+        << text;
+    EXPECT_NE(std::string::npos, text.find("sf_commands_expired_total{gateway=\"g\",reason=\"max_age\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_commands_replayed_total{gateway=\"g\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_session_takeovers_total{gateway=\"g\"} 0\n"));
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_session_kept{gateway=\"g\"} 0\n"));
 }
 
 TEST_F(Metrics, RefusedDocumentsAreCountedByReason)
@@ -153,6 +170,22 @@ TEST_F(MetricsRegistry, TheHealthDocumentIsJsonWithThePendingValues)
     cJSON_Delete(doc);
 }
 
+TEST_F(MetricsRegistry, TheBrokerInUseAndItsChangesAreInTheFileAndTheHealthDocument)
+{
+    sf_metrics::mqtt_broker_in_use("10.0.0.2:1884");
+    sf_metrics::count(sf_metrics::MqttBrokerChanges);
+    const sf_metrics::Snapshot s = sf_metrics::snapshot();
+    const std::string text = sf_metrics::prometheus_text(s, "gw0001");
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_broker_info{gateway=\"gw0001\",broker=\"10.0.0.2:1884\"} 1\n")) << text;
+    EXPECT_NE(std::string::npos, text.find("sf_mqtt_broker_changes_total{gateway=\"gw0001\"} 1\n")) << text;
+    cJSON *doc = cJSON_Parse(sf_metrics::json_document(s, "gw0001").c_str());
+    ASSERT_NE(nullptr, doc);
+    const cJSON *mqtt = cJSON_GetObjectItem(doc, "mqtt");
+    EXPECT_STREQ("10.0.0.2:1884", cJSON_GetObjectItem(mqtt, "broker")->valuestring);
+    EXPECT_EQ(1, cJSON_GetObjectItem(mqtt, "broker_changes")->valueint);
+    cJSON_Delete(doc);
+}
+
 std::string read_all(const std::string &path)
 {
     std::ifstream in(path);
@@ -180,6 +213,25 @@ TEST_F(MetricsRegistry, PromtoolAcceptsTheFile)
     EXPECT_EQ("", read_all(out)); /* no lint warning either */
     std::remove(path.c_str());
     std::remove(out.c_str());
+}
+
+} // namespace
+
+namespace {
+
+TEST(MetricsText, EveryFamilyOfTheFileIsListedInDocsMetrics)
+{
+    const std::string doc = read_all(std::string(SF_SOURCE_DIR) + "/docs/metrics.md");
+    ASSERT_FALSE(doc.empty());
+    const std::string text = sf_metrics::prometheus_text(sf_metrics::Snapshot(), "gw0001");
+    size_t families = 0;
+    for (size_t at = text.find("# TYPE "); at != std::string::npos; at = text.find("# TYPE ", at + 1)) {
+        const size_t start = at + 7;
+        const std::string name = text.substr(start, text.find(' ', start) - start);
+        EXPECT_NE(std::string::npos, doc.find("| `" + name + "` |")) << name << " is not in docs/metrics.md";
+        ++families;
+    }
+    EXPECT_GE(families, 20u);
 }
 
 } // namespace

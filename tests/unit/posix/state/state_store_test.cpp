@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <regex>
 
@@ -267,6 +271,76 @@ TEST_F(StateStore, AFullDiskIsLoggedOnceRetriedAndWrittenOnceThereIsRoom)
         << log;
     EXPECT_EQ(1u, state_test::count_of(log, "state: writing " + file_ + " works again (40 values written)\n")) << log;
     EXPECT_EQ("many 40 50040  1", rows(file_).back());
+}
+
+} // namespace
+
+namespace {
+
+/*
+ * Make dir read-only for this test process only: a private mount namespace
+ * with a read-only bind mount over it (root ignores file modes, a mount
+ * does not). false with *why where the process may not do that.
+ */
+bool make_read_only(const std::string &dir, std::string *why)
+{
+    if (unshare(CLONE_NEWNS) != 0) {
+        *why = std::string("unshare(CLONE_NEWNS): ") + std::strerror(errno);
+        return false;
+    }
+    if (mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount(dir.c_str(), dir.c_str(), nullptr, MS_BIND, nullptr) != 0 ||
+        mount(nullptr, dir.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) != 0) {
+        *why = std::string("read-only bind mount: ") + std::strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+TEST_F(StateStore, AReadOnlyLocationRestoresTheStoredValuesAndWritesNothing)
+{
+    ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
+    state_test::set_value("plug", 2, 800, PV_STAT_CLOUD);
+    state_test::set_value("many", 3, 33, PV_STAT_LOCAL);
+    ASSERT_TRUE(rows_become({"many 3 33  1", "plug 2 800  3"}));
+    sf_state::stop();
+    gw_registry::unload();
+    std::string why;
+    if (!make_read_only(dir_.path(), &why)) {
+        GTEST_SKIP() << "no read-only location can be made here (" << why << ")";
+    }
+    ASSERT_TRUE(state_test::load());
+
+    CaptureStderr();
+    EXPECT_FALSE(sf_state::start({file_, milliseconds(20)})); /* no writer runs */
+    const std::string log = captured_log();
+    EXPECT_EQ(800, state_test::dp_of("plug", 2).prop.prop_value.value);
+    EXPECT_EQ(PV_STAT_CLOUD, state_test::dp_of("plug", 2).pv_stat);
+    EXPECT_EQ(33, state_test::dp_of("many", 3).prop.prop_value.value);
+    EXPECT_EQ(PV_STAT_LOCAL, state_test::dp_of("many", 3).pv_stat);
+    EXPECT_TRUE(sf_state::restored("plug", 2));
+    EXPECT_TRUE(sf_state::read_only());
+    EXPECT_FALSE(sf_state::running());
+    EXPECT_NE(std::string::npos, log.find("state: 2 DP values restored from " + file_ +
+                                          " (1 not confirmed by the cloud yet: sent again once connected)\n"))
+        << log;
+    EXPECT_EQ(1u, state_test::count_of(log, "WARN ")) << log;
+    EXPECT_NE(std::string::npos, log.find("WARN state_store.cpp")) << log;
+    EXPECT_NE(std::string::npos, log.find("state: " + file_ +
+                                          " cannot be written: the gateway runs on the values it restored and "
+                                          "stores nothing until it restarts with a writable location\n"))
+        << log;
+    EXPECT_EQ(0u, state_test::count_of(log, "ERROR ")) << log;
+    state_test::set_value("plug", 2, 801, PV_STAT_LOCAL);
+    sf_state::stop();
+    ASSERT_EQ(0, umount2(dir_.path().c_str(), MNT_DETACH)) << std::strerror(errno); /* writable again, to look */
+    EXPECT_EQ((std::vector<std::string>{"many 3 33  1", "plug 2 800  3"}), rows(file_)); /* as it was */
+}
+
+TEST_F(StateStore, AWritableLocationIsNotReadOnly)
+{
+    ASSERT_TRUE(sf_state::start({file_, milliseconds(20)}));
+    EXPECT_FALSE(sf_state::read_only());
 }
 
 } // namespace

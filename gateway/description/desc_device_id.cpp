@@ -1,5 +1,5 @@
 /*
- * Which device ids the registry accepts. The backends and the module write
+ * Which device ids a description may hold. The backends and the module write
  * ids into JSON texts (reports, presence batches, answers) as they are,
  * without escaping, so an id with a quote, a backslash or a control
  * character would break every document it appears in. Such ids are refused
@@ -7,10 +7,9 @@
  */
 #include <cstdio>
 
-#include "registry_internal.h"
+#include "desc_model.h"
 
-namespace gw_registry {
-namespace detail {
+namespace gw_desc {
 
 namespace {
 
@@ -50,5 +49,4 @@ std::string quoted_id(const std::string &id)
     return text + "\"";
 }
 
-} // namespace detail
-} // namespace gw_registry
+} // namespace gw_desc

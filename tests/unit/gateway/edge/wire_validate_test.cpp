@@ -1,9 +1,8 @@
 /*
  * The edge check's rules held against a loaded registry, without broker
- * or sockets: the corners the channel tests (wire_validation_test.cpp) do
- * not reach, and the refusal's text. Here rather than in tests/unit/posix
- * because the check reads the module's DP model, and only this executable
- * links the module whole.
+ * or sockets: the corners the channel tests (tests/integration/wire_validation_test.cpp) do
+ * not reach, and the refusal's text. The gateway's unit executable links
+ * the module whole, whose DP model the check reads.
  */
 #include <gtest/gtest.h>
 
@@ -12,6 +11,7 @@
 #include <string>
 
 #include "gateway/registry/gw_registry.h"
+#include "gateway/edge/wire_json.h"
 #include "gateway/edge/wire_validate.h"
 
 namespace {
@@ -39,7 +39,18 @@ protected:
     /* "" when doc passes, else "<code>: <text>". */
     static std::string verdict(CmdKind kind, const std::string &doc)
     {
-        cJSON *parsed = cJSON_Parse(doc.c_str());
+        return verdict_of(kind, cJSON_Parse(doc.c_str()));
+    }
+
+    /* The same for doc as a channel receives it (parsed by parse_bounded). */
+    static std::string received(CmdKind kind, const std::string &doc)
+    {
+        const char *why = nullptr;
+        return verdict_of(kind, sf_wire::parse_bounded(doc.data(), doc.size(), 4096, 32, &why));
+    }
+
+    static std::string verdict_of(CmdKind kind, cJSON *parsed)
+    {
         sf_wire::Refusal why;
         const bool ok = sf_wire::validate_command(kind, parsed, &why);
         cJSON_Delete(parsed);
@@ -62,12 +73,50 @@ TEST_F(WireValidate, DevIdIsTheTargetButAnUnknownCidBesideItIsStillRefused)
     EXPECT_EQ("unknown_dp: device d1 has no DP 1", verdict(CmdKind::Dp, R"({"DEVID":"d1","dps":{"1":true}})"));
 }
 
-TEST_F(WireValidate, ABitmapWithoutMaxLenTakesAll32Bits)
+TEST_F(WireValidate, ABitmapTakesNoMoreThanTheDevicesRecordReceives)
 {
-    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":4294967295}})"));
-    EXPECT_EQ("out_of_range: DP 6 of d1: 4294967296 outside 0..4294967295",
-              verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":4294967296}})"));
-    EXPECT_EQ("out_of_range: DP 6 of d1: -1 outside 0..4294967295", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":-1}})"));
+    /* the module hands a bitmap over through cJSON's valueint, which stops at 2147483647 */
+    cJSON *top = cJSON_Parse("2147483647");
+    cJSON *beyond = cJSON_Parse("2147483648");
+    EXPECT_EQ(2147483647u, static_cast<UINT_T>(top->valueint));
+    EXPECT_EQ(2147483647u, static_cast<UINT_T>(beyond->valueint));
+    cJSON_Delete(top);
+    cJSON_Delete(beyond);
+    EXPECT_EQ("", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":2147483647}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: 2147483648 outside 0..2147483647",
+              verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":2147483648}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: 4294967295 outside 0..2147483647",
+              verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":4294967295}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: -1 outside 0..2147483647", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":-1}})"));
+}
+
+TEST_F(WireValidate, AnIntegerBeyondEveryRangeIsOutOfRangeAndAFractionABadType)
+{
+    EXPECT_EQ("out_of_range: DP 7 of d1: 1e+308 outside -10..10", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":1e308}})"));
+    EXPECT_EQ("out_of_range: DP 7 of d1: -1e+19 outside -10..10", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":-1e19}})"));
+    EXPECT_EQ("out_of_range: DP 6 of d1: 1e+308 outside 0..2147483647",
+              verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"6":1e308}})"));
+    EXPECT_EQ("bad_type: DP 7 of d1: expected an integer, got 2.5", verdict(CmdKind::Dp, R"({"devId":"d1","dps":{"7":2.5}})"));
+}
+
+TEST_F(WireValidate, AStringHoldingANulIsRefusedWithACodeOfItsOwnWhereverItIs)
+{
+    EXPECT_EQ("nul_in_string: DP 8 of d1: the string holds a NUL (\\u0000), which would cut it short at the device: "
+              "\"\\u0000\"",
+              received(CmdKind::Dp, R"({"devId":"d1","dps":{"8":"\u0000"}})"));
+    EXPECT_EQ("nul_in_string: DP 6 of d1: the string holds a NUL (\\u0000), which would cut it short at the device: "
+              "\"1\\u0000\"",
+              received(CmdKind::Dp, R"({"devId":"d1","dps":{"6":"1\u0000"}})"));
+    EXPECT_EQ("nul_in_string: \"devId\": the string holds a NUL (\\u0000), which would cut it short at the device: "
+              "\"d1\\u0000x\"",
+              received(CmdKind::Dp, R"({"devId":"d1\u0000x","dps":{"6":1}})"));
+    EXPECT_EQ("nul_in_string: \"cids\": the string holds a NUL (\\u0000), which would cut it short at the device: "
+              "\"d1\\u0000\"",
+              received(CmdKind::Query, R"({"cids":["d1\u0000"],"dpids":[6]})"));
+    EXPECT_EQ("bad_dp_key: DP key \"6\\\\u0000\" of d1 is no DP number (1..255 in decimal, no sign, space or leading zero)",
+              received(CmdKind::Dp, R"({"devId":"d1","dps":{"6\u0000":1}})"));
+    /* an escaped backslash before "u0000" is six characters of text, no NUL */
+    EXPECT_EQ("too_long: DP 8 of d1: 6 bytes, at most 0", received(CmdKind::Dp, R"({"devId":"d1","dps":{"8":"\\u0000"}})"));
 }
 
 TEST_F(WireValidate, TheStepCountsFromANegativeMinimum)
