@@ -19,6 +19,14 @@
  * state file next to this program, docs/state.md), so the store's cost
  * reads side by side. BM_StateWriteVolume reports at a steady rate and
  * counts what the process wrote (/proc/self/io) per report.
+ *
+ * BM_EndToEndRatio puts the floor beside the gateway in the same run: a
+ * bare libmosquitto client (MQTT 5, QoS 1, its own network thread, the same
+ * in-flight limit) publishing the very payload the gateway's client sent
+ * first, on the gateway's uplink topic, against the same broker, with the
+ * same window and count, in iterations that alternate with the gateway's;
+ * its completion is libmosquitto's on_publish. scripts/bench_goals.py
+ * checks the ratio of throughputs window by window.
  */
 #include <benchmark/benchmark.h>
 
@@ -35,7 +43,11 @@
 #include <thread>
 #include <vector>
 
+#include <mosquitto.h>
+#include <mqtt_protocol.h>
+
 #include "cloud_defs/gw_intf.h"
+#include "gateway/edge/wire_json.h"
 #include "port/posix/metrics/metrics.h"
 #include "port/posix/metrics/metrics_reporter.h"
 #include "port/posix/mqtt/mqtt_config.h"
@@ -86,6 +98,9 @@ void completion(OPERATE_RET op_ret, const void *prv_data)
 }
 
 std::unique_ptr<it::Broker> g_broker;
+
+/* The first payload the gateway's client published (what the bare publisher sends); under g_lock. */
+std::string g_sample_payload;
 
 bool start_once(std::string *why)
 {
@@ -214,6 +229,42 @@ bool report_in_slot(uint64_t n, const std::string &text)
 }
 
 /* window: reports in flight at most, store_on: the state store runs. Each iteration is 2,000 reports, all completed. */
+/* Give the gateway's reports `window` slots and forget earlier latencies and failures. */
+void reset_gateway_window(size_t window)
+{
+    std::lock_guard<std::mutex> hold(g_lock);
+    g_free_slots.clear();
+    for (size_t i = 0; i < window; ++i) {
+        g_free_slots.push_back(i);
+    }
+    g_latency_us.clear();
+    g_failed = 0;
+}
+
+constexpr uint64_t PER_ITERATION = 2000;
+
+/* PER_ITERATION confirmed reports through the gateway, all completed; their wall time in *seconds. */
+bool gateway_batch(double *seconds, std::string *why)
+{
+    static uint64_t next_value = 1;
+    const uint64_t target = g_completed + PER_ITERATION;
+    const auto start = Clock::now();
+    for (uint64_t i = 0; i < PER_ITERATION; ++i) {
+        const uint64_t n = next_value++;
+        if (!report_in_slot(n, report_text(n / DEVICES))) {
+            *why = "a report was refused";
+            return false;
+        }
+    }
+    std::unique_lock<std::mutex> hold(g_lock);
+    if (!g_done.wait_for(hold, std::chrono::seconds(30), [&] { return g_completed >= target; })) {
+        *why = "completions missing after 30 s";
+        return false;
+    }
+    *seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    return true;
+}
+
 void confirmed_reports(benchmark::State &state, size_t window, bool store_on)
 {
     std::string why;
@@ -226,36 +277,15 @@ void confirmed_reports(benchmark::State &state, size_t window, bool store_on)
         state.SkipWithError("the state store did not start");
         return;
     }
-    constexpr uint64_t PER_ITERATION = 2000;
-    static uint64_t next_value = 1;
-    {
-        std::lock_guard<std::mutex> hold(g_lock);
-        g_free_slots.clear();
-        for (size_t i = 0; i < window; ++i) {
-            g_free_slots.push_back(i);
-        }
-        g_latency_us.clear();
-        g_failed = 0;
-    }
+    reset_gateway_window(window);
     uint64_t reports = 0;
     for (auto _ : state) {
-        const uint64_t target = g_completed + PER_ITERATION;
-        const auto start = Clock::now();
-        for (uint64_t i = 0; i < PER_ITERATION; ++i) {
-            const uint64_t n = next_value++;
-            if (!report_in_slot(n, report_text(n / DEVICES))) {
-                state.SkipWithError("a report was refused");
-                return;
-            }
+        double seconds = 0;
+        if (!gateway_batch(&seconds, &why)) {
+            state.SkipWithError(why.c_str());
+            return;
         }
-        {
-            std::unique_lock<std::mutex> hold(g_lock);
-            if (!g_done.wait_for(hold, std::chrono::seconds(30), [&] { return g_completed >= target; })) {
-                state.SkipWithError("completions missing after 30 s");
-                return;
-            }
-        }
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(seconds);
         reports += PER_ITERATION;
     }
     std::lock_guard<std::mutex> hold(g_lock);
@@ -345,12 +375,182 @@ void BM_StateWriteVolume(benchmark::State &state)
     state.counters["disk_bytes_per_report"] = static_cast<double>(disk) / reports;
 }
 
+/*
+ * The bare publisher: a libmosquitto client of its own on the benchmark's
+ * broker, publishing the gateway's first payload at QoS 1; its completion
+ * is libmosquitto's on_publish, on mosquitto_loop_start's thread.
+ */
+class BareClient {
+public:
+    ~BareClient()
+    {
+        if (mosq_ != nullptr) {
+            mosquitto_disconnect(mosq_);
+            mosquitto_loop_stop(mosq_, false);
+            mosquitto_destroy(mosq_);
+        }
+    }
+
+    /* Connect; false with *why. Call after the gateway published once (its payload is the bare one's). */
+    bool connect(std::string *why)
+    {
+        {
+            std::lock_guard<std::mutex> hold(g_lock);
+            payload_ = g_sample_payload;
+        }
+        if (payload_.empty()) {
+            *why = "no gateway payload captured yet";
+            return false;
+        }
+        static const bool lib_ready = mosquitto_lib_init() == MOSQ_ERR_SUCCESS;
+        mosq_ = lib_ready ? mosquitto_new("sf-bench-bare", true, this) : nullptr;
+        if (mosq_ == nullptr) {
+            *why = "mosquitto_new";
+            return false;
+        }
+        mosquitto_int_option(mosq_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
+        mosquitto_max_inflight_messages_set(mosq_, MAX_WINDOW);
+        mosquitto_publish_callback_set(mosq_, on_publish);
+        if (mosquitto_connect(mosq_, "127.0.0.1", g_broker->port(), 60) != MOSQ_ERR_SUCCESS ||
+            mosquitto_loop_start(mosq_) != MOSQ_ERR_SUCCESS) {
+            *why = "bare publisher: no connection";
+            return false;
+        }
+        return true;
+    }
+
+    /* PER_ITERATION publications with at most `window` in flight, all acknowledged; wall time in *seconds. */
+    bool batch(size_t window, double *seconds)
+    {
+        const uint64_t target = completed_ + PER_ITERATION;
+        const auto start = Clock::now();
+        for (uint64_t i = 0; i < PER_ITERATION; ++i) {
+            std::unique_lock<std::mutex> hold(lock_);
+            done_.wait(hold, [&] { return in_flight_ < window; });
+            ++in_flight_;
+            int mid = 0;
+            /* stamped under the lock, before the acknowledgement can be handled */
+            const auto now = Clock::now();
+            if (mosquitto_publish(mosq_, &mid, topic_.c_str(), static_cast<int>(payload_.size()), payload_.data(), 1,
+                                  false) != MOSQ_ERR_SUCCESS) {
+                return false;
+            }
+            started_[static_cast<size_t>(mid) % started_.size()] = now;
+        }
+        std::unique_lock<std::mutex> hold(lock_);
+        if (!done_.wait_for(hold, std::chrono::seconds(30), [&] { return completed_ >= target; })) {
+            return false;
+        }
+        *seconds = std::chrono::duration<double>(Clock::now() - start).count();
+        return true;
+    }
+
+    bench::Percentiles latency()
+    {
+        std::lock_guard<std::mutex> hold(lock_);
+        return bench::percentiles(latency_us_);
+    }
+
+private:
+    static void on_publish(struct mosquitto *, void *obj, int mid)
+    {
+        BareClient *self = static_cast<BareClient *>(obj);
+        const auto now = Clock::now();
+        std::lock_guard<std::mutex> hold(self->lock_);
+        const auto started = self->started_[static_cast<size_t>(mid) % self->started_.size()];
+        self->latency_us_.push_back(std::chrono::duration<double, std::micro>(now - started).count());
+        --self->in_flight_;
+        ++self->completed_;
+        self->done_.notify_all();
+    }
+
+    struct mosquitto *mosq_ = nullptr;
+    std::string payload_;
+    const std::string topic_ = std::string("sf/") + bench::GW_ID + "/up"; /* the gateway's uplink topic */
+    std::mutex lock_;
+    std::condition_variable done_;
+    size_t in_flight_ = 0;
+    uint64_t completed_ = 0;
+    std::vector<Clock::time_point> started_ = std::vector<Clock::time_point>(65536); /* by message id */
+    std::vector<double> latency_us_;
+};
+
+/*
+ * The gateway against the bare publisher, window range(0), store off. The
+ * iterations alternate: 2,000 confirmed reports through the gateway, then
+ * 2,000 bare publications, then the bare ones first, and so on, so that both
+ * run under the same load of a shared machine; "ratio" is the gateway's
+ * throughput over the bare publisher's, over the whole benchmark run.
+ */
+void BM_EndToEndRatio(benchmark::State &state)
+{
+    std::string why;
+    if (!start_once(&why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    const size_t window = static_cast<size_t>(state.range(0));
+    reset_gateway_window(window);
+    double seconds = 0;
+    if (!gateway_batch(&seconds, &why)) { /* warms up, and captures the payload the bare publisher sends */
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    reset_gateway_window(window);
+    BareClient bare;
+    if (!bare.connect(&why)) {
+        state.SkipWithError(why.c_str());
+        return;
+    }
+    double gateway_s = 0;
+    double bare_s = 0;
+    bool gateway_first = true;
+    for (auto _ : state) {
+        double g = 0;
+        double b = 0;
+        const bool ok = gateway_first ? gateway_batch(&g, &why) && bare.batch(window, &b)
+                                      : bare.batch(window, &b) && gateway_batch(&g, &why);
+        if (!ok) {
+            state.SkipWithError(why.empty() ? "bare publisher: a publication failed or was not acknowledged" : why.c_str());
+            return;
+        }
+        gateway_first = !gateway_first;
+        gateway_s += g;
+        bare_s += b;
+        state.SetIterationTime(g + b);
+    }
+    const double count = static_cast<double>(state.iterations() * PER_ITERATION);
+    std::lock_guard<std::mutex> hold(g_lock);
+    const bench::Percentiles gateway_p = bench::percentiles(g_latency_us);
+    const bench::Percentiles bare_p = bare.latency();
+    state.counters["ratio"] = bare_s / gateway_s;
+    state.counters["reports_per_s"] = count / gateway_s;
+    state.counters["bare_per_s"] = count / bare_s;
+    state.counters["p50_us"] = gateway_p.p50;
+    state.counters["bare_p50_us"] = bare_p.p50;
+    state.counters["p99_us"] = gateway_p.p99;
+    state.counters["bare_p99_us"] = bare_p.p99;
+    if (g_failed != 0) {
+        state.SkipWithError("a publication was not acknowledged");
+    }
+}
+
 } // namespace
 
 extern "C" OPERATE_RET __wrap_mqc_dp_report_async(RFC_DATA_S *rfc_data, UINT_T to_lmt_s, MQ_PUB_ASYNC_IFM_CB cb,
                                                   void *prv_data)
 {
     InFlight &slot = g_slots[t_slot];
+    static std::atomic<bool> captured{false};
+    const MSG_DATA_S *msg = captured.load(std::memory_order_relaxed) ? nullptr : sf_wire::message_of(rfc_data);
+    if (msg != nullptr) {
+        /* once: the client's own framing (mqtt_publish.cpp), so the bare publisher sends the same bytes */
+        captured.store(true, std::memory_order_relaxed);
+        std::string payload = sf_wire::wrap_frame({{"serno", msg->serno}, {"pro", MQC_PRO_DP_REPORT}},
+                                                  reinterpret_cast<const char *>(msg->data), msg->len);
+        std::lock_guard<std::mutex> hold(g_lock);
+        g_sample_payload.swap(payload);
+    }
     slot.module_cb = cb;
     slot.module_prv = prv_data;
     return __real_mqc_dp_report_async(rfc_data, to_lmt_s, completion, &slot);
@@ -361,6 +561,7 @@ BENCHMARK(BM_ConfirmedReports)
     ->ArgsProduct({{1, 8, 64}, {0, 1}})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_EndToEndRatio)->ArgName("window")->Arg(1)->Arg(8)->Arg(64)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MetricsCost)->ArgName("metrics")->Arg(0)->Arg(1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StateWriteVolume)->ArgName("reports_per_s")->Arg(50)->Iterations(1)->Repetitions(1)->Unit(benchmark::kMillisecond);
 

@@ -84,7 +84,7 @@ void BM_Baseline_ParsePrint(benchmark::State &state)
     set_heap_counters(state, before);
 }
 
-/* The 4-DP report with 10, 1,000 and 10,000 sub-devices registered. */
+/* The 4-DP report with 10, 1,000, 10,000 and 100,000 sub-devices registered. */
 void BM_ReportScale(benchmark::State &state)
 {
     report_loop(state, static_cast<int>(state.range(0)), 4);
@@ -94,6 +94,6 @@ void BM_ReportScale(benchmark::State &state)
 
 BENCHMARK(BM_ReportPath)->ArgName("dps")->Arg(1)->Arg(4)->Arg(16);
 BENCHMARK(BM_Baseline_ParsePrint)->ArgName("dps")->Arg(1)->Arg(4)->Arg(16);
-BENCHMARK(BM_ReportScale)->ArgName("subs")->Arg(10)->Arg(1000)->Arg(10000);
+BENCHMARK(BM_ReportScale)->ArgName("subs")->Arg(10)->Arg(1000)->Arg(10000)->Arg(100000);
 
 BENCHMARK_MAIN();

@@ -72,7 +72,8 @@ GW_BASE_NW_STAT_T get_gw_nw_status(void);
 
 /*
  * Keep a sub-device's group table: GRP_ADD adds grp_id, GRP_DEL removes it.
- * Returns RC_OK, RC_DEV_NOT_FOUND, RC_BAD_PARAM or RC_MEMBERSHIP_FULL.
+ * Returns RC_OK, RC_DEV_NOT_FOUND, RC_BAD_PARAM or RC_MEMBERSHIP_FULL, and
+ * RC_NO_MEMORY when a device's first membership finds no room for its table.
  */
 OPERATE_RET dev_update_grp_info(GRP_ACTION_E action, const CHAR_T *dev_id, const CHAR_T *grp_id);
 

@@ -295,6 +295,7 @@ bool read_document(const cJSON *root, Description *out, LoadError *error)
     }
     const cJSON *devices = cJSON_GetObjectItemCaseSensitive(root, "devices");
     const size_t count = out->layout.devices.size() + 1;
+    out->devices.reserve(count); /* 10,000 devices: no growth slack, no copies */
     for (size_t i = 0; i < count; ++i) {
         DeviceDescription device;
         device.schema = schema_of(i == 0 ? out->layout.own : out->layout.devices[i - 1]);
@@ -304,7 +305,7 @@ bool read_document(const cJSON *root, Description *out, LoadError *error)
         if (!read_device_sim(node, path, &device, i == 0, error)) {
             return false;
         }
-        out->devices.push_back(device);
+        out->devices.push_back(std::move(device));
     }
     return true;
 }

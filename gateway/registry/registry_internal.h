@@ -51,8 +51,6 @@ struct Store {
      * read under the other.
      */
     DeviceIndex index SF_GUARDED_BY(index_lock);
-    /* in DP table order */
-    std::unordered_map<const DEV_CNTL_N_S *, std::vector<std::string>> dp_names SF_GUARDED_BY(index_lock);
     std::deque<Retired> retired SF_GUARDED_BY(index_lock);
     DEV_CNTL_N_S *own_node SF_GUARDED_BY(index_lock) = nullptr;
     DEV_CNTL_N_S *tail SF_GUARDED_BY(dev_mutex_name) = nullptr; /* last node of the list */
@@ -67,8 +65,7 @@ struct Store {
 /* The one store, its dev_mutex created on first use; never destroyed. */
 Store &store();
 
-/* Release a node and everything it owns; nothing may use it any more. */
-void free_node(DEV_CNTL_N_S *node);
+/* Nodes are built and freed by registry_node.h. */
 
 /* Have the dispatch thread report when it is next between jobs (registry_reclaim.cpp). No lock held. */
 void watch_dispatch();

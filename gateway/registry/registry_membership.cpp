@@ -5,12 +5,15 @@
  * removing one it does not have succeeds too, so a repeated command gives
  * the same answer as the first. A full table refuses with
  * RC_MEMBERSHIP_FULL. Entries keep their order; a removal closes the gap.
+ * A device's tables are made on its first membership (registry_node.h);
+ * RC_NO_MEMORY when that fails.
  * Guarded by the registry's leaf lock, not dev_mutex, so these may be
  * called with or without dev_mutex held.
  */
 #include <cstring>
 
 #include "registry_internal.h"
+#include "registry_node.h"
 
 using gw_registry::detail::Store;
 
@@ -74,7 +77,11 @@ extern "C" OPERATE_RET dev_update_grp_info(GRP_ACTION_E action, const CHAR_T *de
         return RC_BAD_PARAM;
     }
     return with_device(dev_id, [action, grp_id](DEV_CNTL_N_S *node) {
-        GRP_MAG_S *grp = node->attr.grp;
+        /* a device without groups shares one empty record: it takes its own before the first is added */
+        GRP_MAG_S *grp = action == GRP_ADD ? gw_registry::detail::own_groups(node) : node->attr.grp;
+        if (grp == nullptr) {
+            return RC_NO_MEMORY;
+        }
         return update_table(
         grp->g_rec, &grp->cnt, action == GRP_ADD,
             [grp_id](const GRP_REC_S &rec) { return std::strcmp(rec.gid, grp_id) == 0; },
@@ -90,7 +97,10 @@ extern "C" OPERATE_RET dev_update_scene_info(SCE_ACTION_E action, const CHAR_T *
         return RC_BAD_PARAM;
     }
     return with_device(dev_id, [action, grp_id, sce_id](DEV_CNTL_N_S *node) {
-        SCENE_MAG_S *scene = node->attr.scene;
+        SCENE_MAG_S *scene = action == SCE_ADD ? gw_registry::detail::own_scenes(node) : node->attr.scene;
+        if (scene == nullptr) {
+            return RC_NO_MEMORY;
+        }
         return update_table(
             scene->s_rec, &scene->cnt, action == SCE_ADD,
             [grp_id, sce_id](const SCENE_REC_S &rec) {

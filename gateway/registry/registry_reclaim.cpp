@@ -30,6 +30,7 @@
 #include "services/uni_time_queue.h"
 #include "registry_hooks.h"
 #include "registry_internal.h"
+#include "registry_node.h"
 
 namespace gw_registry {
 namespace detail {
@@ -78,7 +79,6 @@ size_t reclaim()
         while (!s.retired.empty() && now - s.retired.front().since >= s.grace &&
                (no_dispatch_job || s.retired.front().epoch <= s.dispatch_passed)) {
             expired.push_back(s.retired.front().node);
-            s.dp_names.erase(s.retired.front().node);
             s.retired.pop_front();
         }
     }

@@ -1,5 +1,5 @@
 /*
- * The registry's store: device nodes with their inline DP tables, the id
+ * The registry's store: device nodes (built in registry_node.cpp), the id
  * index beside the list, loading, adding and removing devices, and the
  * deferred free of removed nodes (lifetime rule in gw_registry.h).
  */
@@ -9,6 +9,7 @@
 
 #include "services/uni_mutex.h"
 #include "registry_internal.h"
+#include "registry_node.h"
 
 namespace gw_registry {
 namespace detail {
@@ -58,33 +59,7 @@ private:
     Store &s_;
 };
 
-bool is_typed(const DP_CNTL_S &dp, DP_PROP_TP_E prop_tp)
-{
-    return dp.dp_desc.type == DP_TYPE_OBJ && dp.dp_desc.prop_tp == prop_tp;
-}
-
 } // namespace
-
-void free_node(DEV_CNTL_N_S *node)
-{
-    if (node == nullptr) {
-        return;
-    }
-    for (BYTE_T i = 0; i < node->dp_num; ++i) {
-        DP_CNTL_S &dp = node->dp[i];
-        if (is_typed(dp, PROP_STR)) {
-            std::free(dp.prop.prop_str.value);
-        } else if (is_typed(dp, PROP_ENUM) && dp.prop.prop_enum.pp_enum != nullptr) {
-            for (INT_T n = 0; n < dp.prop.prop_enum.cnt; ++n) {
-                std::free(dp.prop.prop_enum.pp_enum[n]);
-            }
-            std::free(dp.prop.prop_enum.pp_enum);
-        }
-    }
-    std::free(node->attr.grp);
-    std::free(node->attr.scene);
-    std::free(node);
-}
 
 namespace {
 
@@ -94,86 +69,18 @@ void copy_text(CHAR_T *dst, size_t room, const std::string &text)
     dst[room - 1] = '\0';
 }
 
-/* Fill one DP from its layout: every DP starts without a value (pv_stat 0). False on exhaustion. */
-bool fill_dp(DP_CNTL_S &dp, const DpLayout &layout)
-{
-    dp.dp_desc = layout.desc;
-    dp.prop = layout.limits;
-    dp.rept_cntl = layout.flow;
-    dp.pv_stat = PV_STAT_INVALID;
-    if (is_typed(dp, PROP_STR)) {
-        dp.prop.prop_str.value = static_cast<CHAR_T *>(std::calloc(static_cast<size_t>(layout.limits.prop_str.max_len) + 1, 1));
-        return dp.prop.prop_str.value != nullptr;
-    }
-    if (is_typed(dp, PROP_ENUM)) {
-        /* cnt counts the names already owned, so a half-built table frees cleanly */
-        dp.prop.prop_enum.cnt = 0;
-        dp.prop.prop_enum.pp_enum = static_cast<CHAR_T **>(std::calloc(layout.enum_names.size(), sizeof(CHAR_T *)));
-        if (dp.prop.prop_enum.pp_enum == nullptr) {
-            return false;
-        }
-        for (const std::string &name : layout.enum_names) {
-            CHAR_T *copy = static_cast<CHAR_T *>(std::malloc(name.size() + 1));
-            if (copy == nullptr) {
-                return false;
-            }
-            std::memcpy(copy, name.c_str(), name.size() + 1);
-            dp.prop.prop_enum.pp_enum[dp.prop.prop_enum.cnt++] = copy;
-        }
-    }
-    return true;
-}
-
-DEV_CNTL_N_S *build_node(const DeviceLayout &layout)
-{
-    const size_t dp_num = layout.dps.size();
-    DEV_CNTL_N_S *node = static_cast<DEV_CNTL_N_S *>(std::calloc(1, sizeof(DEV_CNTL_N_S) + dp_num * sizeof(DP_CNTL_S)));
-    if (node == nullptr) {
-        return nullptr;
-    }
-    copy_text(node->dev_if.id, sizeof(node->dev_if.id), layout.id);
-    copy_text(node->dev_if.sw_ver, sizeof(node->dev_if.sw_ver), layout.sw_ver);
-    copy_text(node->dev_if.schema_id, sizeof(node->dev_if.schema_id), layout.schema_id);
-    copy_text(node->dev_if.product_key, sizeof(node->dev_if.product_key), layout.product_key);
-    node->dev_if.bind = layout.bind ? TRUE : FALSE;
-    node->attr.preprocess = layout.preprocess ? TRUE : FALSE;
-    node->attr.grp = static_cast<GRP_MAG_S *>(std::calloc(1, sizeof(GRP_MAG_S)));
-    node->attr.scene = static_cast<SCENE_MAG_S *>(std::calloc(1, sizeof(SCENE_MAG_S)));
-    bool ok = node->attr.grp != nullptr && node->attr.scene != nullptr;
-    for (size_t i = 0; ok && i < dp_num; ++i) {
-        node->dp_num = static_cast<BYTE_T>(i + 1); /* what free_node must release so far */
-        ok = fill_dp(node->dp[i], layout.dps[i]);
-    }
-    if (!ok) {
-        free_node(node);
-        return nullptr;
-    }
-    return node;
-}
-
-std::vector<std::string> names_of(const DeviceLayout &layout)
-{
-    std::vector<std::string> names;
-    for (const DpLayout &dp : layout.dps) {
-        names.push_back(dp.name);
-    }
-    return names;
-}
-
 /*
  * Append at the end of the list. The node is complete before the store
  * that publishes it, so a walker without dev_mutex never sees it half-made.
  * Both locks held.
  */
-void link_node(Store &s, DEV_CNTL_N_S *node, std::vector<std::string> names)
-    SF_REQUIRES(s.dev_mutex_name, s.index_lock)
+void link_node(Store &s, DEV_CNTL_N_S *node) SF_REQUIRES(s.dev_mutex_name, s.index_lock)
 {
     DEV_CNTL_N_S **slot = s.tail != nullptr ? &s.tail->next : &s.gw.dev;
     __atomic_store_n(slot, node, __ATOMIC_RELEASE);
     s.tail = node;
     ++s.gw.dev_num;
     s.index.insert(node);
-    s.dp_names[node] = std::move(names);
 }
 
 /* Unlink, flag and retire; the node's own next is kept for walkers standing on it. Both locks held. */
@@ -269,7 +176,7 @@ bool load_layout(const gw_desc::GatewayLayout &layout, const std::string &file_l
         if (!s.loaded) {
             detail::set_gateway_record(s, layout);
             for (size_t i = 0; i < nodes.size(); ++i) {
-                detail::link_node(s, nodes[i], detail::names_of(*layouts[i]));
+                detail::link_node(s, nodes[i]);
             }
             s.own_node = nodes[0];
             s.loaded = true;
@@ -323,7 +230,7 @@ OPERATE_RET add_device(const std::string &device_json, LoadError *error)
             detail::fail(error, kLabel, "id", "device id \"" + layout.id + "\" is taken");
             result = RC_BAD_PARAM;
         } else {
-            detail::link_node(s, node, detail::names_of(layout));
+            detail::link_node(s, node);
         }
     }
     if (result != RC_OK) {
@@ -391,7 +298,7 @@ std::string dp_name(const std::string &id, BYTE_T dpid)
     if (node == nullptr) {
         return std::string();
     }
-    const std::vector<std::string> &names = s.dp_names[node];
+    const std::vector<std::string> &names = detail::dp_names_of(node);
     for (BYTE_T i = 0; i < node->dp_num && i < names.size(); ++i) {
         if (node->dp[i].dp_desc.dp_id == dpid) {
             return names[i];
@@ -414,7 +321,6 @@ void unload()
         }
         s.retired.clear();
         s.index.clear();
-        decltype(s.dp_names)().swap(s.dp_names); /* its buckets too: an unloaded registry keeps no heap */
         s.gw.dev = nullptr;
         s.gw.dev_num = 0;
         std::memset(&s.gw.gw_if, 0, sizeof(s.gw.gw_if));

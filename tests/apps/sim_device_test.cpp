@@ -22,7 +22,8 @@ apps::DeviceDescription thermostat()
 
 TEST(SimDevice, StartsFromDefaultsAndReportsItsInitialValues)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     EXPECT_EQ("50", device.value_of(2)); /* 0 is below min: the default is clamped into the range */
     EXPECT_EQ("\"auto\"", device.value_of(4));
     EXPECT_EQ("{\"2\":210,\"3\":180}", device.initial_report());
@@ -31,7 +32,8 @@ TEST(SimDevice, StartsFromDefaultsAndReportsItsInitialValues)
 
 TEST(SimDevice, RestoredStateWinsOverTheStartUpValuesAndIsReportedAtStart)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     device.restore({{2, "300"}, {4, "\"eco\""}});
     /* the set point kept while the gateway was down, not the description's 210; "now" has no stored value */
     EXPECT_EQ("{\"2\":300,\"3\":180,\"4\":\"eco\"}", device.initial_report());
@@ -41,7 +43,8 @@ TEST(SimDevice, RestoredStateWinsOverTheStartUpValuesAndIsReportedAtStart)
 
 TEST(SimDevice, ACommandChangesTheDeviceWhichReportsWhatItReports)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     std::vector<std::string> refused;
     /* read-only DP 3 and a value out of range are refused; write-only DP 5 is applied, never reported */
     EXPECT_EQ("{\"2\":195,\"4\":\"eco\"}",
@@ -54,7 +57,8 @@ TEST(SimDevice, ACommandChangesTheDeviceWhichReportsWhatItReports)
 
 TEST(SimDevice, AQueryReportsTheAskedDpsOrAllReportableOnes)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     device.initial_report();
     EXPECT_EQ("{\"3\":180}", device.report_of({3}));
     EXPECT_EQ("{\"2\":210,\"3\":180,\"4\":\"auto\"}", device.report_of({}));
@@ -63,7 +67,8 @@ TEST(SimDevice, AQueryReportsTheAskedDpsOrAllReportableOnes)
 
 TEST(SimDevice, TheTemperatureDriftsTowardsTheSetPointAndStops)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     device.initial_report();
     EXPECT_EQ("{\"3\":200}", device.drift_step());
     EXPECT_EQ("{\"3\":210}", device.drift_step()); /* the last step stops at the set point */
@@ -90,10 +95,11 @@ TEST(SimDevice, WithoutASetPointTheValueSwingsBetweenItsLimits)
 
 TEST(SimDevice, TheGatewayItselfIsNeverSupervised)
 {
-    sfgw::SimDevice gateway(thermostat(), true);
+    const apps::DeviceDescription description = thermostat();
+    sfgw::SimDevice gateway(description, true);
     EXPECT_FALSE(gateway.supervised());
     EXPECT_EQ(0, gateway.settings().heartbeat_s);
-    sfgw::SimDevice sub(thermostat(), false);
+    sfgw::SimDevice sub(description, false);
     EXPECT_TRUE(sub.supervised());
 }
 
@@ -103,7 +109,8 @@ namespace {
 
 TEST(SimDevice, AQueryIsAnsweredForTheAskedReportedDpsOnly)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     EXPECT_EQ((std::vector<int>{2, 3, 4}), device.answerable({}));
     /* write-only 5, raw 6 and the unknown 9 are never in an answer */
     EXPECT_EQ((std::vector<int>{3}), device.answerable({3, 5, 6, 9}));
@@ -130,7 +137,8 @@ namespace {
 
 TEST(SimDevice, StartValuesNameTheRestoredAndStartUpDpsAndTakeTheStartUpValues)
 {
-    sfgw::SimDevice device(thermostat(), false);
+    const apps::DeviceDescription description = thermostat(); /* outlives the device */
+    sfgw::SimDevice device(description, false);
     device.restore({{4, "\"eco\""}});
     EXPECT_EQ((std::vector<int>{4, 2, 3}), device.start_values());
     EXPECT_EQ("210", device.value_of(2));

@@ -17,12 +17,14 @@ std::string report_text(const DpValues &values)
 }
 
 SimDevice::SimDevice(const apps::DeviceDescription &description, bool is_gateway)
-    : schema_(description.schema), sim_(description.sim), is_gateway_(is_gateway)
+    : schema_(&description.schema), sim_(&description.sim), is_gateway_(is_gateway)
 {
     if (is_gateway_) {
-        sim_.heartbeat_s = 0;
+        gateway_sim_ = std::make_unique<apps::SimSettings>(description.sim);
+        gateway_sim_->heartbeat_s = 0;
+        sim_ = gateway_sim_.get();
     }
-    for (const apps::DpSchema &dp : schema_.dps) {
+    for (const apps::DpSchema &dp : schema_->dps) {
         if (dp.type == "obj") {
             values_[dp.id] = default_value(dp);
         }
@@ -60,7 +62,7 @@ std::string SimDevice::apply(const DpValues &values, std::vector<std::string> *r
 {
     DpValues reported;
     for (const auto &value : values) {
-        const apps::DpSchema *dp = schema_.find(value.first);
+        const apps::DpSchema *dp = schema_->find(value.first);
         std::string why;
         cJSON *parsed = cJSON_Parse(value.second.c_str());
         const bool fits = dp != nullptr && dp->type == "obj" && dp->mode != "ro" && apps::value_fits(*dp, parsed, &why);
@@ -80,7 +82,7 @@ std::string SimDevice::apply(const DpValues &values, std::vector<std::string> *r
 std::string SimDevice::report_of(const std::vector<int> &dpids) const
 {
     DpValues values;
-    for (const apps::DpSchema &dp : schema_.dps) {
+    for (const apps::DpSchema &dp : schema_->dps) {
         const bool asked = dpids.empty() || std::find(dpids.begin(), dpids.end(), dp.id) != dpids.end();
         if (asked && reportable(dp)) {
             values.emplace_back(dp.id, value_of(dp.id));
@@ -92,9 +94,9 @@ std::string SimDevice::report_of(const std::vector<int> &dpids) const
 std::vector<int> SimDevice::answerable(const std::vector<int> &dpids) const
 {
     std::vector<int> out;
-    for (const apps::DpSchema &dp : schema_.dps) {
+    for (const apps::DpSchema &dp : schema_->dps) {
         const bool asked = dpids.empty() || std::find(dpids.begin(), dpids.end(), dp.id) != dpids.end();
-        const bool held_back = dp.passive && schema_.preprocess;
+        const bool held_back = dp.passive && schema_->preprocess;
         if (asked && reportable(dp) && !held_back) {
             out.push_back(dp.id);
         }
@@ -113,7 +115,7 @@ void SimDevice::restore(const DpValues &values)
 std::vector<int> SimDevice::start_values()
 {
     std::vector<int> dpids = restored_;
-    for (const auto &value : sim_.initial) {
+    for (const auto &value : sim_->initial) {
         if (std::find(restored_.begin(), restored_.end(), value.first) == restored_.end()) {
             values_[value.first] = value.second;
             dpids.push_back(value.first);
@@ -130,21 +132,21 @@ std::string SimDevice::initial_report()
 
 std::string SimDevice::drift_step()
 {
-    const apps::DpSchema *dp = sim_.has_drift ? schema_.find(sim_.drift.dp) : nullptr;
+    const apps::DpSchema *dp = sim_->has_drift ? schema_->find(sim_->drift.dp) : nullptr;
     if (dp == nullptr) {
         return "";
     }
     const long long now = number_of(dp->id);
     long long next = now;
-    if (sim_.drift.toward != 0) {
+    if (sim_->drift.toward != 0) {
         /* a room warms or cools towards its set point */
-        const long long target = number_of(sim_.drift.toward);
-        next = now < target ? std::min(target, now + sim_.drift.step) : std::max(target, now - sim_.drift.step);
+        const long long target = number_of(sim_->drift.toward);
+        next = now < target ? std::min(target, now + sim_->drift.step) : std::max(target, now - sim_->drift.step);
     } else {
-        next = now + drift_direction_ * sim_.drift.step;
+        next = now + drift_direction_ * sim_->drift.step;
         if (next > dp->max || next < dp->min) {
             drift_direction_ = -drift_direction_;
-            next = now + drift_direction_ * sim_.drift.step;
+            next = now + drift_direction_ * sim_->drift.step;
         }
     }
     next = std::clamp(next, dp->min, dp->max);

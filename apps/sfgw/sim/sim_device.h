@@ -8,6 +8,7 @@
 #define SFGW_SIM_DEVICE_H
 
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,13 +22,19 @@ using DpValues = std::vector<std::pair<int, std::string>>;
 
 class SimDevice {
 public:
+    /*
+     * description must outlive the device: the device reads its schema and
+     * settings there rather than keeping a copy (10,000 devices, 10,000
+     * copies otherwise).
+     */
     SimDevice(const apps::DeviceDescription &description, bool is_gateway);
+    SimDevice(apps::DeviceDescription &&, bool) = delete;
 
-    const std::string &id() const { return schema_.id; }
+    const std::string &id() const { return schema_->id; }
     bool is_gateway() const { return is_gateway_; }
-    const apps::DeviceSchema &schema() const { return schema_; }
-    const apps::SimSettings &settings() const { return sim_; }
-    bool supervised() const { return !is_gateway_ && schema_.bind; }
+    const apps::DeviceSchema &schema() const { return *schema_; }
+    const apps::SimSettings &settings() const { return *sim_; }
+    bool supervised() const { return !is_gateway_ && schema_->bind; }
 
     /* A silent device hears nothing and says nothing: no heartbeats, no answers, no reports. */
     bool silent() const { return silent_; }
@@ -80,8 +87,9 @@ private:
     bool reportable(const apps::DpSchema &dp) const;
     long long number_of(int dpid) const;
 
-    apps::DeviceSchema schema_;
-    apps::SimSettings sim_;
+    const apps::DeviceSchema *schema_;
+    const apps::SimSettings *sim_;
+    std::unique_ptr<apps::SimSettings> gateway_sim_; /* the gateway's own copy, without heartbeats */
     bool is_gateway_;
     bool silent_ = false;
     int drift_direction_ = 1;

@@ -25,6 +25,7 @@ const char *dev_arg(const SimDevice &device) { return device.is_gateway() ? null
 
 Simulator::Simulator(const apps::Description &description, EventSink sink) : sink_(std::move(sink))
 {
+    devices_.reserve(description.devices.size()); /* no growth slack: one device per described one */
     for (size_t i = 0; i < description.devices.size(); ++i) {
         devices_.emplace_back(description.devices[i], i == 0);
     }
