@@ -11,6 +11,8 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=lib/demo_lib.sh
 . "$here/lib/demo_lib.sh"
+# shellcheck source=lib/rabbitmq_env.sh
+. "$here/lib/rabbitmq_env.sh"
 rmq=/usr/lib/rabbitmq/bin
 
 cmd=${1:-} dir=${2:-}
@@ -18,20 +20,7 @@ cmd=${1:-} dir=${2:-}
 mkdir -p "$dir"
 dir=$(cd "$dir" && pwd)
 
-node_env() {
-  export HOME=$dir/home
-  export RABBITMQ_NODENAME=sf@localhost
-  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
-  export RABBITMQ_NODE_PORT=$(cat "$dir/amqp_port")
-  export RABBITMQ_DIST_PORT=$(cat "$dir/dist_port")
-  export ERL_EPMD_PORT=$(cat "$dir/epmd_port")
-  export ERL_EPMD_ADDRESS=127.0.0.1
-  export RABBITMQ_MNESIA_BASE=$dir/mnesia
-  export RABBITMQ_LOG_BASE=$dir/log
-  export RABBITMQ_CONFIG_FILE=$dir/rabbitmq.conf
-  export RABBITMQ_ENABLED_PLUGINS_FILE=$dir/enabled_plugins
-  export RABBITMQ_PID_FILE=$dir/rabbitmq.pid
-}
+node_env() { rabbitmq_node_env "$dir" sf@localhost "$dir/epmd_port"; }
 
 case $cmd in
 start)

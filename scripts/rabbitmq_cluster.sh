@@ -23,6 +23,8 @@ set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 # shellcheck source=lib/demo_lib.sh
 . "$here/lib/demo_lib.sh"
+# shellcheck source=lib/rabbitmq_env.sh
+. "$here/lib/rabbitmq_env.sh"
 rmq=/usr/lib/rabbitmq/bin
 
 cmd=${1:-} dir=${2:-}
@@ -39,21 +41,7 @@ fresh_port() {
   echo "$p"
 }
 
-node_env() {
-  local n=$1 d=$dir/node$1
-  export HOME=$d/home
-  export RABBITMQ_NODENAME=sfc$n@localhost
-  export RABBITMQ_NODE_IP_ADDRESS=127.0.0.1
-  export RABBITMQ_NODE_PORT=$(cat "$d/amqp_port")
-  export RABBITMQ_DIST_PORT=$(cat "$d/dist_port")
-  export ERL_EPMD_PORT=$(cat "$dir/epmd_port")
-  export ERL_EPMD_ADDRESS=127.0.0.1
-  export RABBITMQ_MNESIA_BASE=$d/mnesia
-  export RABBITMQ_LOG_BASE=$d/log
-  export RABBITMQ_CONFIG_FILE=$d/rabbitmq.conf
-  export RABBITMQ_ENABLED_PLUGINS_FILE=$d/enabled_plugins
-  export RABBITMQ_PID_FILE=$d/rabbitmq.pid
-}
+node_env() { rabbitmq_node_env "$dir/node$1" "sfc$1@localhost" "$dir/epmd_port"; }
 
 make_node() {
   local n=$1 count=$2 d=$dir/node$1 name
