@@ -56,7 +56,7 @@ test-web: web $(SAN_BUILD)/CMakeCache.txt
 test-tsan: deps
 	@if grep -rqs --include=CMakeLists.txt 'concurrency' tests; then \
 	  cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DSF_SANITIZE=thread $(CMAKE_FLAGS) >/dev/null && \
-	  cmake --build $(TSAN_BUILD) -j $(JOBS) && \
+	  cmake --build $(TSAN_BUILD) -j $(JOBS) --target concurrency_tests && \
 	  cd $(TSAN_BUILD) && ctest -j $(JOBS) -L concurrency --output-on-failure --timeout 300; \
 	fi
 
