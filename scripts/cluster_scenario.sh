@@ -242,8 +242,16 @@ if commands != "off":
     print(f"commands published by the console: {len(cmds)} (not published, console without a broker: "
           f"{unpublished}); reached the device (reported back): "
           f"{len(cmds) - 1 - len(lost)} of {len(cmds) - 1}; lost: {len(lost)} {lost[:20]}")
-    if commands == "assert" and lost:
-        print("FAIL: commands lost")
+    # in order: the values the commands set first appear at the console in the order sent
+    sent_set, firsts = set(cmds), []
+    for v in bright:
+        if v in sent_set and v not in firsts:
+            firsts.append(v)
+    rank = {c: i for i, c in enumerate(cmds)}
+    cmds_in_order = all(rank[a] < rank[b] for a, b in zip(firsts, firsts[1:]))
+    print(f"commands applied in the order sent: {'yes' if cmds_in_order else 'NO'}")
+    if commands == "assert" and (lost or not cmds_in_order):
+        print("FAIL: commands lost or out of order")
         ok = False
 sys.exit(0 if ok else 1)
 PY
