@@ -8,6 +8,7 @@
 #   make test-brokers  the demo scenario against a private RabbitMQ node
 #   make web           build the web console (web/dist); make test-web its tests
 #   make test-cluster  the gateway and the console on a 3-node RabbitMQ cluster while nodes die
+#   make test-fleet-small  5 gateways on that cluster, one node killed (part of make test)
 #   make bench-fleet   N gateways (FLEET=100) on that cluster: connect time, throughput, fail-over (not in make test)
 
 JOBS ?= $(shell nproc)
@@ -17,7 +18,7 @@ TSA_BUILD := build/tsa
 REL_BUILD := build/release
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build web test-web test test-tsan test-thread-safety test-cross package test-brokers test-cluster bench-fleet demo run bench fuzz clean
+.PHONY: all deps build web test-web test test-tsan test-thread-safety test-cross package test-brokers test-cluster test-fleet-small bench-fleet demo run bench fuzz clean
 
 all: build
 
@@ -32,13 +33,15 @@ build: deps $(SAN_BUILD)/CMakeCache.txt
 
 # Every test under AddressSanitizer and UndefinedBehaviorSanitizer, each fuzz
 # target for a few seconds, then the concurrency tests (label "concurrency")
-# again under ThreadSanitizer.
+# again under ThreadSanitizer, the lock analysis, and a small fleet on a
+# RabbitMQ cluster.
 test: build
 	cd $(SAN_BUILD) && ctest -j $(JOBS) --output-on-failure --timeout 300
 	@$(MAKE) --no-print-directory test-web
 	@if [ -x scripts/fuzz.sh ]; then scripts/fuzz.sh --smoke; fi
 	@$(MAKE) --no-print-directory test-tsan
 	@$(MAKE) --no-print-directory test-thread-safety
+	@$(MAKE) --no-print-directory test-fleet-small
 
 # The web console: built with npm (web/dist) from the lock file's packages.
 web: deps
@@ -95,7 +98,13 @@ test-brokers:
 # Then the small fleet: 5 gateways, one node killed, every gateway back and no value lost.
 test-cluster:
 	scripts/cluster_scenario.sh
-	FLEET=5 MEASURE_S=5 SF_FLEET_ASSERT=1 FLEET_DIR=build/fleet-small scripts/fleet_bench.sh
+
+# A small fleet (5 gateways of the sanitizer build) on the 3-node RabbitMQ
+# cluster, one node killed: every gateway back, no value lost.
+test-fleet-small: $(SAN_BUILD)/CMakeCache.txt
+	cmake --build $(SAN_BUILD) -j $(JOBS) --target sfgw sfcloud
+	SF_BIN_DIR=$(CURDIR)/$(SAN_BUILD)/apps FLEET=5 MEASURE_S=5 SF_FLEET_ASSERT=1 FLEET_DIR=build/fleet-small \
+	  scripts/fleet_bench.sh
 
 # A fleet of FLEET gateways (default 100) against that cluster, one node killed;
 # the table goes to docs/benchmarks.md (build/fleet).

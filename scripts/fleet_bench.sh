@@ -17,6 +17,8 @@
 # The table is printed and written to build/fleet/table.md; FLEET_DOC=1
 # also puts it into docs/benchmarks.md (section "Fleet on a RabbitMQ cluster").
 # SF_FLEET_ASSERT=1 fails when a value was lost or a gateway did not come back.
+# SF_BIN_DIR=DIR runs the sfgw and sfcloud found there instead of building
+# the Release ones (make test runs its small fleet on the sanitizer build).
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
@@ -30,7 +32,7 @@ cluster="$here/rabbitmq_cluster.sh"
 
 "$here/install_deps.sh" >/dev/null
 "$here/install_rabbitmq.sh"
-bin=$("$here/build_apps.sh")
+bin=${SF_BIN_DIR:-$("$here/build_apps.sh")}
 "$cluster" stop "$dir/rmq" >/dev/null 2>&1 || true
 rm -rf "$dir"
 mkdir -p "$dir/gw"
