@@ -173,31 +173,67 @@ ssize_t Session::write_some(const char *data, size_t len)
     return err == SSL_ERROR_WANT_WRITE || err == SSL_ERROR_WANT_READ ? 0 : -1;
 }
 
+/*
+ * The queued frames go out together, up to FLUSH_BATCH_BYTES in one write:
+ * answers to pipelined commands queue up between two turns of the server
+ * loop, and each write costs a system call and, with TLS, a record (its
+ * header, its tag and the cipher's set-up) whatever its size. A frame
+ * stays queued until its last byte is written; OpenSSL takes the longer
+ * buffer of a retried write since the session allows partial writes from a
+ * moving buffer (lan_psk.cpp).
+ */
 bool Session::flush()
 {
+    std::string batch;
     while (!out_.empty()) {
-        OutFrame &head = out_.front();
-        if (head.text.empty() && head.block != nullptr) {
-            const MSG_DATA_S *msg = sf_wire::message_of(head.block);
-            head.text = sf_wire::wrap_frame({{"type", head.frame_type}, {"serno", msg->serno}},
-                                            reinterpret_cast<const char *>(msg->data), msg->len) +
-                        "\n";
+        batch.clear();
+        size_t skip = head_written_;
+        for (OutFrame &frame : out_) {
+            render(&frame);
+            if (!batch.empty() && batch.size() + frame.text.size() > FLUSH_BATCH_BYTES) {
+                break;
+            }
+            batch.append(frame.text, skip, std::string::npos);
+            skip = 0;
         }
-        const ssize_t sent = write_some(head.text.data() + head_written_, head.text.size() - head_written_);
+        const ssize_t sent = write_some(batch.data(), batch.size());
         if (sent <= 0) {
             return sent == 0;
         }
-        head_written_ += static_cast<size_t>(sent);
-        if (head_written_ < head.text.size()) {
-            return true;
+        consume(static_cast<size_t>(sent));
+        if (static_cast<size_t>(sent) < batch.size()) {
+            return true; // the socket is full
         }
+    }
+    return true;
+}
+
+void Session::render(OutFrame *frame)
+{
+    if (frame->text.empty() && frame->block != nullptr) {
+        const MSG_DATA_S *msg = sf_wire::message_of(frame->block);
+        frame->text = sf_wire::wrap_frame({{"type", frame->frame_type}, {"serno", msg->serno}},
+                                          reinterpret_cast<const char *>(msg->data), msg->len) +
+                      "\n";
+    }
+}
+
+void Session::consume(size_t sent)
+{
+    while (sent > 0 && !out_.empty()) {
+        OutFrame &head = out_.front();
+        const size_t left = head.text.size() - head_written_;
+        if (sent < left) {
+            head_written_ += sent;
+            return;
+        }
+        sent -= left;
         if (head.block != nullptr) {
             put_rfc_data(head.block);
         }
         out_.pop_front();
         head_written_ = 0;
     }
-    return true;
 }
 
 } // namespace sf_lan

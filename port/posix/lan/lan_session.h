@@ -125,6 +125,13 @@ private:
     void release_queue();
     /* send() or SSL_write: bytes written, 0 when the socket is full, < 0 when the peer is gone. */
     ssize_t write_some(const char *data, size_t len);
+    /* A block's frame text, made when it is first written. */
+    static void render(OutFrame *frame);
+    /* sent bytes of the queue's head went out: finished frames leave the queue. */
+    void consume(size_t sent);
+
+    /* At most this much of the queue in one write (one TLS record's payload), unless one frame is longer. */
+    static constexpr size_t FLUSH_BATCH_BYTES = 16384;
 
     int fd_;
     std::string peer_;

@@ -121,4 +121,63 @@ TEST_F(LanSession, WritingToAClosedPeerReportsTheLoss)
     EXPECT_FALSE(session_->flush());
 }
 
+TEST(LanSessionWrites, QueuedFramesGoOutInOneWrite)
+{
+    // A packet socket keeps each write apart: one packet is one write.
+    int fds[2];
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, fds));
+    {
+        Session session(fds[0], "peer", Clock::now());
+        RFC_DATA_S *block = it::make_block("{\"dps\":{\"1\":true}}", 7);
+        ASSERT_TRUE(session.queue_text("first\n", 8));
+        ASSERT_TRUE(session.queue_block(block, 4, 8));
+        ASSERT_TRUE(session.queue_text("last\n", 8));
+        ASSERT_TRUE(session.flush());
+        char buf[4096];
+        const ssize_t got = recv(fds[1], buf, sizeof buf, MSG_DONTWAIT);
+        ASSERT_GT(got, 0);
+        EXPECT_EQ("first\n{\"type\":4,\"serno\":7,\"data\":{\"dps\":{\"1\":true}}}\nlast\n",
+                  std::string(buf, static_cast<size_t>(got)));
+        EXPECT_EQ(-1, recv(fds[1], buf, sizeof buf, MSG_DONTWAIT)); // nothing else was written
+        EXPECT_FALSE(session.has_output());
+        EXPECT_EQ(1u, it::references(block));
+        put_rfc_data(block);
+    }
+    close(fds[1]);
+}
+
+TEST_F(LanSession, AFullSocketKeepsThePartlyWrittenFrameAndTheRestFollowsInOrder)
+{
+    const int small = 4096;
+    ASSERT_EQ(0, setsockopt(fds_[0], SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    std::string expected;
+    std::vector<RFC_DATA_S *> blocks;
+    for (int i = 0; i < 40; ++i) {
+        if (i % 2 == 0) {
+            const std::string line = std::to_string(i) + ":" + std::string(900, 'x') + "\n";
+            ASSERT_TRUE(session_->queue_text(line, 64));
+            expected += line;
+        } else {
+            const std::string data = "{\"dps\":{\"1\":\"" + std::string(700, 'y') + "\"}}";
+            RFC_DATA_S *block = it::make_block(data.c_str(), static_cast<unsigned>(i));
+            ASSERT_TRUE(session_->queue_block(block, 4, 64));
+            blocks.push_back(block);
+            expected += "{\"type\":4,\"serno\":" + std::to_string(i) + ",\"data\":" + data + "}\n";
+        }
+    }
+    std::string received;
+    int rounds = 0;
+    for (; session_->has_output() && rounds < 10000; ++rounds) {
+        ASSERT_TRUE(session_->flush());
+        received += read_peer();
+    }
+    received += read_peer();
+    EXPECT_GT(rounds, 1); // the socket did fill up on the way
+    EXPECT_EQ(expected, received);
+    for (RFC_DATA_S *block : blocks) {
+        EXPECT_EQ(1u, it::references(block));
+        put_rfc_data(block);
+    }
+}
+
 } // namespace
