@@ -237,16 +237,18 @@ if len(missing) > 40:
     ok = False
 if commands != "off":
     cmds = [int(l.split()[0]) for l in open(d + "/commands.sent") if l.strip()]
-    lost = [c for c in cmds[:-1] if c not in set(bright)]
+    bright_set = set(bright)
+    lost = [c for c in cmds[:-1] if c not in bright_set]
     unpublished = sum(1 for l in open(d + "/commands.unpublished") if l.strip())
     print(f"commands published by the console: {len(cmds)} (not published, console without a broker: "
           f"{unpublished}); reached the device (reported back): "
           f"{len(cmds) - 1 - len(lost)} of {len(cmds) - 1}; lost: {len(lost)} {lost[:20]}")
     # in order: the values the commands set first appear at the console in the order sent
-    sent_set, firsts = set(cmds), []
+    sent_set, firsts, taken = set(cmds), [], set()
     for v in bright:
-        if v in sent_set and v not in firsts:
+        if v in sent_set and v not in taken:
             firsts.append(v)
+            taken.add(v)
     rank = {c: i for i, c in enumerate(cmds)}
     cmds_in_order = all(rank[a] < rank[b] for a, b in zip(firsts, firsts[1:]))
     print(f"commands applied in the order sent: {'yes' if cmds_in_order else 'NO'}")

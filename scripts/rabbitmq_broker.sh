@@ -13,7 +13,6 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/lib/demo_lib.sh"
 # shellcheck source=lib/rabbitmq_env.sh
 . "$here/lib/rabbitmq_env.sh"
-rmq=/usr/lib/rabbitmq/bin
 
 cmd=${1:-} dir=${2:-}
 [ -n "$cmd" ] && [ -n "$dir" ] || { echo "usage: $0 start DIR MQTT_PORT | stop DIR" >&2; exit 2; }

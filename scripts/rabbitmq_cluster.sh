@@ -25,7 +25,6 @@ here=$(cd "$(dirname "$0")" && pwd)
 . "$here/lib/demo_lib.sh"
 # shellcheck source=lib/rabbitmq_env.sh
 . "$here/lib/rabbitmq_env.sh"
-rmq=/usr/lib/rabbitmq/bin
 
 cmd=${1:-} dir=${2:-}
 usage() { sed -n '2,9p' "$0" | sed 's/^# //' >&2; exit 2; }

@@ -3,6 +3,9 @@
 # (scripts/rabbitmq_broker.sh) and the cluster (scripts/rabbitmq_cluster.sh).
 # rabbitmq_node_env NODE_DIR NODENAME EPMD_PORT_FILE: NODE_DIR holds the
 # node's amqp_port and dist_port files and gets its home, data and logs.
+
+# Debian's rabbitmq-server puts its programs here, not on the PATH.
+rmq=/usr/lib/rabbitmq/bin
 rabbitmq_node_env() {
   local d=$1
   export HOME=$d/home

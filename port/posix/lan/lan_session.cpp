@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "smart_frame/smart_frame.h"
 #include "gateway/edge/wire_json.h"
@@ -184,24 +185,31 @@ ssize_t Session::write_some(const char *data, size_t len)
  */
 bool Session::flush()
 {
-    std::string batch;
     while (!out_.empty()) {
-        batch.clear();
-        size_t skip = head_written_;
-        for (OutFrame &frame : out_) {
-            render(&frame);
-            if (!batch.empty() && batch.size() + frame.text.size() > FLUSH_BATCH_BYTES) {
-                break;
+        OutFrame &head = out_.front();
+        render(&head);
+        const char *data = head.text.data() + head_written_;
+        size_t len = head.text.size() - head_written_;
+        if (out_.size() > 1) {
+            // Several frames: gathered into the session's own buffer, whose
+            // capacity stays for the next batch. A single frame goes as it is.
+            batch_.assign(data, len);
+            for (auto frame = std::next(out_.begin()); frame != out_.end(); ++frame) {
+                render(&*frame);
+                if (batch_.size() + frame->text.size() > FLUSH_BATCH_BYTES) {
+                    break;
+                }
+                batch_ += frame->text;
             }
-            batch.append(frame.text, skip, std::string::npos);
-            skip = 0;
+            data = batch_.data();
+            len = batch_.size();
         }
-        const ssize_t sent = write_some(batch.data(), batch.size());
+        const ssize_t sent = write_some(data, len);
         if (sent <= 0) {
             return sent == 0;
         }
         consume(static_cast<size_t>(sent));
-        if (static_cast<size_t>(sent) < batch.size()) {
+        if (static_cast<size_t>(sent) < len) {
             return true; // the socket is full
         }
     }

@@ -155,6 +155,7 @@ private:
     LineBuffer in_;
     std::deque<OutFrame> out_;
     size_t head_written_ = 0;
+    std::string batch_; /* the frames of one write when more than one is queued */
 };
 
 } // namespace sf_lan
