@@ -128,7 +128,8 @@ if [ "$commands" != off ]; then
       sleep 0.3
     done
   ) &
-  pids+=($!)
+  command_loop=$!
+  pids+=("$command_loop")
 fi
 
 # kill_and_follow NODE WHAT: kill -9 NODE, wait for the gateway on another node, print the times.
@@ -194,6 +195,8 @@ cat "$dir/health.out"
 sleep 12
 touch "$dir/stop"
 sleep 4
+# the command loop's last sfcloud has ended, so commands.sent is complete
+[ -z "${command_loop:-}" ] || wait "$command_loop" || true
 echo "== what arrived"
 last_sent=$(tail -n 1 "$dir/values.sent")
 # wait until the last value set is at the console
@@ -202,6 +205,15 @@ until grep -q "\"countdown\":$last_sent[,}]" "$dir/console.jsonl"; do
   ((SECONDS < deadline)) || break
   sleep 0.5
 done
+# and the last command the console published (it may have been published
+# without an answer just before the stop: the session still owes it)
+if [ "$commands" != off ] && [ -s "$dir/commands.sent" ]; then
+  last_command=$(tail -n 1 "$dir/commands.sent" | cut -d' ' -f1)
+  until grep -q "\"bright_value\":$last_command[,}]" "$dir/console.jsonl"; do
+    ((SECONDS < deadline)) || break
+    sleep 0.5
+  done
+fi
 python3 - "$dir" "$commands" <<'PY'
 import json, sys
 d, commands = sys.argv[1], sys.argv[2]
@@ -238,11 +250,11 @@ if len(missing) > 40:
 if commands != "off":
     cmds = [int(l.split()[0]) for l in open(d + "/commands.sent") if l.strip()]
     bright_set = set(bright)
-    lost = [c for c in cmds[:-1] if c not in bright_set]
+    lost = [c for c in cmds if c not in bright_set]
     unpublished = sum(1 for l in open(d + "/commands.unpublished") if l.strip())
     print(f"commands published by the console: {len(cmds)} (not published, console without a broker: "
           f"{unpublished}); reached the device (reported back): "
-          f"{len(cmds) - 1 - len(lost)} of {len(cmds) - 1}; lost: {len(lost)} {lost[:20]}")
+          f"{len(cmds) - len(lost)} of {len(cmds)}; lost: {len(lost)} {lost[:20]}")
     # in order: the values the commands set first appear at the console in the order sent
     sent_set, firsts, taken = set(cmds), [], set()
     for v in bright:
