@@ -199,20 +199,19 @@ sleep 4
 [ -z "${command_loop:-}" ] || wait "$command_loop" || true
 echo "== what arrived"
 last_sent=$(tail -n 1 "$dir/values.sent")
-# wait until the last value set is at the console
+# wait_at_console TEXT: until TEXT is in what the console received, or the deadline passed
 deadline=$((SECONDS + 60))
-until grep -q "\"countdown\":$last_sent[,}]" "$dir/console.jsonl"; do
-  ((SECONDS < deadline)) || break
-  sleep 0.5
-done
-# and the last command the console published (it may have been published
-# without an answer just before the stop: the session still owes it)
-if [ "$commands" != off ] && [ -s "$dir/commands.sent" ]; then
-  last_command=$(tail -n 1 "$dir/commands.sent" | cut -d' ' -f1)
-  until grep -q "\"bright_value\":$last_command[,}]" "$dir/console.jsonl"; do
-    ((SECONDS < deadline)) || break
+wait_at_console() {
+  until grep -q "$1" "$dir/console.jsonl"; do
+    ((SECONDS < deadline)) || return 0
     sleep 0.5
   done
+}
+# the last value set, and the last command the console published (it may have
+# been published without an answer just before the stop: the session still owes it)
+wait_at_console "\"countdown\":$last_sent[,}]"
+if [ "$commands" != off ] && [ -s "$dir/commands.sent" ]; then
+  wait_at_console "\"bright_value\":$(tail -n 1 "$dir/commands.sent" | cut -d' ' -f1)[,}]"
 fi
 python3 - "$dir" "$commands" <<'PY'
 import json, sys
