@@ -255,11 +255,8 @@ if commands != "off":
           f"{unpublished}); reached the device (reported back): "
           f"{len(cmds) - len(lost)} of {len(cmds)}; lost: {len(lost)} {lost[:20]}")
     # in order: the values the commands set first appear at the console in the order sent
-    sent_set, firsts, taken = set(cmds), [], set()
-    for v in bright:
-        if v in sent_set and v not in taken:
-            firsts.append(v)
-            taken.add(v)
+    sent_set = set(cmds)
+    firsts = list(dict.fromkeys(v for v in bright if v in sent_set))
     rank = {c: i for i, c in enumerate(cmds)}
     cmds_in_order = all(rank[a] < rank[b] for a, b in zip(firsts, firsts[1:]))
     print(f"commands applied in the order sent: {'yes' if cmds_in_order else 'NO'}")

@@ -186,20 +186,21 @@ ssize_t Session::write_some(const char *data, size_t len)
 bool Session::flush()
 {
     while (!out_.empty()) {
-        OutFrame &head = out_.front();
-        render(&head);
-        const char *data = head.text.data() + head_written_;
-        size_t len = head.text.size() - head_written_;
-        if (out_.size() > 1) {
-            // Several frames: gathered into the session's own buffer, whose
-            // capacity stays for the next batch. A single frame goes as it is.
+        const std::string &head = render(&out_.front());
+        const char *data = head.data() + head_written_;
+        size_t len = head.size() - head_written_;
+        // Several frames that fit together are gathered into the session's
+        // own buffer, whose capacity stays for the next batch; a frame that
+        // goes alone is written from its own text, without a copy.
+        auto next = std::next(out_.begin());
+        if (next != out_.end() && len + render(&*next).size() <= FLUSH_BATCH_BYTES) {
             batch_.assign(data, len);
-            for (auto frame = std::next(out_.begin()); frame != out_.end(); ++frame) {
-                render(&*frame);
-                if (batch_.size() + frame->text.size() > FLUSH_BATCH_BYTES) {
+            for (; next != out_.end(); ++next) {
+                const std::string &text = render(&*next);
+                if (batch_.size() + text.size() > FLUSH_BATCH_BYTES) {
                     break;
                 }
-                batch_ += frame->text;
+                batch_ += text;
             }
             data = batch_.data();
             len = batch_.size();
@@ -216,7 +217,7 @@ bool Session::flush()
     return true;
 }
 
-void Session::render(OutFrame *frame)
+const std::string &Session::render(OutFrame *frame)
 {
     if (frame->text.empty() && frame->block != nullptr) {
         const MSG_DATA_S *msg = sf_wire::message_of(frame->block);
@@ -224,6 +225,7 @@ void Session::render(OutFrame *frame)
                                           reinterpret_cast<const char *>(msg->data), msg->len) +
                       "\n";
     }
+    return frame->text;
 }
 
 void Session::consume(size_t sent)

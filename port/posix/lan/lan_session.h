@@ -125,8 +125,8 @@ private:
     void release_queue();
     /* send() or SSL_write: bytes written, 0 when the socket is full, < 0 when the peer is gone. */
     ssize_t write_some(const char *data, size_t len);
-    /* A block's frame text, made when it is first written. */
-    static void render(OutFrame *frame);
+    /* The frame's text; a block's is made when it is first written. */
+    static const std::string &render(OutFrame *frame);
     /* sent bytes of the queue's head went out: finished frames leave the queue. */
     void consume(size_t sent);
 
